@@ -1,0 +1,97 @@
+// Bounds-checked reading of received DNS messages.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "mdns/mdns.h"
+
+namespace mdns {
+
+// A cursor over one received message.  Every read can fail; a failed read leaves
+// the cursor where it was.  Names are read with compression: pointers must land
+// inside the message, earlier than the pointer itself, and at most
+// kMaxCompressionPointers are followed.
+class Reader {
+ public:
+  static constexpr int kMaxCompressionPointers = 32;
+
+  Reader(const uint8_t* message, size_t length) : msg_(message), len_(length) {}
+
+  bool read_u8(uint8_t& out);
+  bool read_u16(uint16_t& out);  // big-endian
+  bool read_u32(uint32_t& out);  // big-endian
+  bool read_bytes(uint8_t* out, size_t n);
+  bool skip(size_t n);
+  bool read_name(domainname& out);  // decompresses into wire form, advances past the name
+
+  size_t position() const { return pos_; }
+  size_t remaining() const { return len_ - pos_; }
+  const uint8_t* message() const { return msg_; }
+  size_t length() const { return len_; }
+
+ private:
+  const uint8_t* msg_;
+  size_t len_;
+  size_t pos_ = 0;
+};
+
+struct MessageHeader {
+  uint16_t id = 0;
+  uint16_t flags = 0;
+  uint16_t qdcount = 0;
+  uint16_t ancount = 0;
+  uint16_t nscount = 0;
+  uint16_t arcount = 0;
+};
+
+enum class Section : uint8_t { kQuestion, kAnswer, kAuthority, kAdditional };
+
+struct ParsedQuestion {
+  domainname name;
+  uint16_t qtype = 0;
+  uint16_t qclass = 0;  // unicast-response bit removed
+  bool unicast_response = false;
+};
+
+// One resource record with its data in canonical form: names inside PTR, SRV
+// (target) and NSEC (next name) data are decompressed, so that two copies of the
+// same record compare equal byte for byte (names case-insensitively).
+struct ParsedRecord {
+  Section section = Section::kAnswer;
+  domainname name;
+  uint16_t rrtype = 0;
+  uint16_t rrclass = 0;  // cache-flush bit removed
+  bool cache_flush = false;
+  uint32_t ttl = 0;
+  RData rdata;             // rdata.length bytes of rdata.u in use
+  bool rdata_truncated = false;  // data longer than mDNS_MaxRDataSize (TXT): first bytes kept
+};
+
+// Walks a message section by section.  next_question() is called qdcount times,
+// then next_record() until it returns kEnd.  A malformed record whose extent is
+// still known (RDLENGTH readable) yields kSkipped; anything else yields kMalformed
+// and the rest of the message must be dropped.
+class MessageParser {
+ public:
+  enum class Result { kOk, kSkipped, kEnd, kMalformed };
+
+  MessageParser(const uint8_t* message, size_t length);
+
+  bool read_header(MessageHeader& out);
+  Result next_question(ParsedQuestion& out);
+  Result next_record(ParsedRecord& out);
+
+ private:
+  Reader reader_;
+  MessageHeader header_;
+  uint32_t questions_left_ = 0;
+  uint32_t answers_left_ = 0;
+  uint32_t authorities_left_ = 0;
+  uint32_t additionals_left_ = 0;
+};
+
+// Equality of record data in canonical form, names compared case-insensitively.
+bool rdata_equal(uint16_t rrtype, const RData& a, const RData& b);
+
+}  // namespace mdns
