@@ -27,4 +27,18 @@ bool prepend_label(domainname& out, const domainlabel& label, const domainname& 
 // Sets `name` to the root name.
 void set_root(domainname& name);
 
+// Number of labels before the root; 0 for the root and for a malformed name.
+size_t label_count(const domainname& name);
+
+// Copies the wire bytes of `in` (only its length); false if `in` is malformed.
+bool copy_name(domainname& out, const domainname& in);
+
+// The name's wire form after its first `count` labels; null if the name is
+// malformed or has fewer labels.
+const uint8_t* skip_labels(const domainname& name, size_t count);
+
+// Case-insensitive (ASCII) comparison of one wire label (length byte first)
+// with a text.
+bool label_equals(const uint8_t* label, const char* text);
+
 }  // namespace mdns
