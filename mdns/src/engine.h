@@ -23,6 +23,9 @@ int32_t engine_time_to_next_event(const mDNS* m, int32_t now);
 // An interface vanished: its cached records leave with remove events.
 void engine_interface_removed(mDNS* m, mDNSInterfaceID interface_id, int32_t now);
 
+// The pass's one clock reading: the fake clock when set, else platform_now_ms().
+int32_t engine_now(const mDNS* m);
+
 // Tests and benchmarks: a fixed clock instead of the monotonic one (0 = real clock).
 void engine_set_fake_clock(mDNS* m, int32_t now);
 

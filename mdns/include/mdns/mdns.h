@@ -214,18 +214,32 @@ struct ServiceInfoQuery_struct {
 #define mDNS_IfNameSize 16
 
 typedef struct NetworkInterfaceInfo_struct NetworkInterfaceInfo;
+
+/* Addresses kept per interface: the on-link check looks at all of them. */
+#define mDNS_MaxInterfaceAddrs 8
+
+typedef struct {
+  mDNSAddr addr;
+  mDNSu8 prefix_length; /* bits of the network part */
+} mDNSInterfaceAddr;
+
 struct NetworkInterfaceInfo_struct {
   NetworkInterfaceInfo *next;
-  mDNSInterfaceID InterfaceID;
+  mDNSInterfaceID InterfaceID; /* (mDNSInterfaceID)(uintptr_t)ifindex */
   char ifname[mDNS_IfNameSize];
   /* Core-owned details below. */
-  mDNSu32 ifindex;
-  mDNSAddr v4addr;
+  mDNSu32 ifindex; /* 0: slot unused */
+  mDNSAddr v4addr; /* first IPv4 address, if any */
   mDNSAddr v4mask;
   mDNSAddr v6addr; /* link-local, if any */
   mDNSu8 v4usable;
   mDNSu8 v6usable;
   mDNSu8 present; /* seen at the latest interface read */
+  mDNSu8 loopback;
+  mDNSu8 v4joined; /* group membership held on the IPv4 / IPv6 socket */
+  mDNSu8 v6joined;
+  mDNSu8 naddrs;
+  mDNSInterfaceAddr addrs[mDNS_MaxInterfaceAddrs]; /* every address of the interface */
 };
 
 /* ---- Cache, platform and core state ----------------------------------- */
@@ -248,12 +262,21 @@ typedef union {
   CacheRecord r;
 } CacheEntity;
 
+/* Test mode: a captured send goes to this hook instead of a socket. */
+typedef void mDNSPlatformSendHook(void *context, mDNSInterfaceID InterfaceID, int family, const mDNSu8 *message,
+                                  size_t length);
+
 typedef struct {
   int unicast_v4_unused; /* reserved */
   int sock_v4;           /* -1 when closed */
   int sock_v6;
-  NetworkInterfaceInfo interfaces[mDNS_MaxInterfaces];
+  NetworkInterfaceInfo interfaces[mDNS_MaxInterfaces]; /* the live table; HostInterfaces links into it */
   mDNSu8 test_mode;      /* no sockets: messages are injected */
+  mDNSu8 open;           /* between platform start and close */
+  /* Test mode only: the synthetic interfaces that an interface read finds. */
+  NetworkInterfaceInfo test_interfaces[mDNS_MaxInterfaces];
+  mDNSPlatformSendHook *send_hook;
+  void *send_context;
 } mDNS_PlatformSupport;
 
 typedef void mDNSCallback(mDNS *const m, mStatus result);
