@@ -1,0 +1,429 @@
+// The reverse lookup end to end against a scripted device on loopback.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dns_message_builder.h"
+#include "scripted_peer.h"
+#include "sorvalen/dns_reverse_lookup.h"
+#include "sorvalen/dns_reverse_lookup_posix.h"
+
+namespace sorvalen::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kDevice = "127.0.0.1";
+constexpr const char* kService = "_http._tcp.local";
+constexpr auto kGenerous = std::chrono::seconds(20);
+
+struct Call {
+  int tag;
+  unsigned short id;
+  bool ok;
+  IPAddressV4 record;
+};
+
+// Every callback call of a test, in the order they happened.
+class CallLog {
+ public:
+  void add(Call call) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.push_back(std::move(call));
+    changed_.notify_all();
+  }
+  bool wait_for(std::size_t count, std::chrono::seconds limit = kGenerous) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, limit, [&] { return calls_.size() >= count; });
+  }
+  std::vector<Call> calls() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return calls_;
+  }
+  std::vector<int> tags() {
+    std::vector<int> out;
+    for (const Call& call : calls())
+      out.push_back(call.tag);
+    return out;
+  }
+  void clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.clear();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Call> calls_;
+};
+
+CallLog& call_log() {
+  static CallLog log;
+  return log;
+}
+
+template <int Tag>
+void plain_callback(unsigned short id, bool ok, IPAddressV4 record) {
+  call_log().add({Tag, id, ok, std::move(record)});
+}
+
+uint32_t network_order(const char* dotted) {
+  in_addr address{};
+  inet_pton(AF_INET, dotted, &address);
+  return address.s_addr;
+}
+
+Bytes good_answer(unsigned id, unsigned port = 8080, const std::string& target = "printer._http._tcp.local") {
+  Bytes message = answer_header(id, 2, kService);
+  append(&message, ptr_record(kService, target));
+  append(&message, srv_record(target, port));
+  return message;
+}
+
+class ReverseLookupTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    enter_private_loopback();
+    call_log().clear();
+    peer_ = std::make_unique<ScriptedPeer>();
+    lookup_ = DNSReverseLookup::CreateDNSReverseLookup();
+  }
+  void TearDown() override {
+    if (lookup_ != nullptr)
+      lookup_->Dispose();
+  }
+
+  // Lookup once the previous lookup's thread has let go (it clears busy just
+  // after its last callback).  Bounded: nothing is sent while it refuses.
+  bool lookup_when_idle(unsigned short id, const std::string& name) {
+    const auto deadline = std::chrono::steady_clock::now() + kGenerous;
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (lookup_->Lookup(id, kDevice, name))
+        return true;
+      std::this_thread::sleep_for(5ms);
+    }
+    return false;
+  }
+
+  // One lookup answered with `answer`; returns the first callback's call.
+  Call exchange(unsigned short id, const Bytes& answer, const std::string& name = kService) {
+    const std::size_t before = call_log().calls().size();
+    EXPECT_TRUE(lookup_when_idle(id, name));
+    ReceivedQuery query;
+    EXPECT_TRUE(peer_->await_query(&query));
+    peer_->reply(query, answer);
+    EXPECT_TRUE(call_log().wait_for(before + 1));
+    return call_log().calls().at(before);
+  }
+
+  // True when the peer receives nothing for a short while.
+  bool nothing_sent() {
+    ReceivedQuery query;
+    return !peer_->await_query(&query, 300ms);
+  }
+
+  std::unique_ptr<ScriptedPeer> peer_;
+  DNSReverseLookup* lookup_ = nullptr;
+};
+
+TEST_F(ReverseLookupTest, SendsTheExactQueryFromAnEphemeralPort) {
+  ASSERT_TRUE(lookup_->Init());
+  const Bytes expected{0x12, 0x34, 0x01, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00,
+                       0x00, 0x01, 0x61, 0x01, 0x62, 0x00, 0x00, 0x0C, 0x00, 0x01};
+  ReceivedQuery query;
+  for (const char* name : {"a.b", "a.b."}) {
+    ASSERT_TRUE(lookup_when_idle(0x1234, name)) << name;
+    ASSERT_TRUE(peer_->await_query(&query));
+    EXPECT_EQ(query.bytes, expected) << name;
+    EXPECT_NE(ntohs(query.sender.sin_port), 5353);
+    peer_->reply(query, answer_header(0x1234, 0, name));
+  }
+
+  ASSERT_TRUE(lookup_when_idle(9, ""));
+  ASSERT_TRUE(peer_->await_query(&query));
+  EXPECT_EQ(query.bytes, (Bytes{0, 9, 1, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0x0C, 0, 1}));
+
+  // The question stops at the first empty label.
+  peer_->reply(query, answer_header(9, 0, ""));
+  ASSERT_TRUE(lookup_when_idle(10, "a..b"));
+  ASSERT_TRUE(peer_->await_query(&query));
+  EXPECT_EQ(query.bytes, (Bytes{0, 10, 1, 0, 0, 1, 0, 0, 0, 0, 0, 0, 1, 'a', 0, 0, 0x0C, 0, 1}));
+}
+
+TEST_F(ReverseLookupTest, ReportsSenderPortAndTargetOfAUsableAnswer) {
+  lookup_->connect(plain_callback<1>);
+  ASSERT_TRUE(lookup_->Init());
+
+  Bytes srv_first = answer_header(0x0101, 2, kService);
+  append(&srv_first, srv_record("printer._http._tcp.local", 631));
+  append(&srv_first, ptr_record(kService, "printer._http._tcp.local"));
+  Call call = exchange(0x0101, srv_first);
+  EXPECT_TRUE(call.ok);
+  EXPECT_EQ(call.id, 0x0101);
+  EXPECT_EQ(call.record.address, network_order(kDevice));
+  EXPECT_EQ(call.record.port, 631);
+  EXPECT_EQ(call.record.name, "printer._http._tcp.local");
+  EXPECT_EQ(call.record.type, "");
+  EXPECT_EQ(call.record.domain, "");
+
+  Bytes twice_each = answer_header(2, 4, kService);
+  append(&twice_each, ptr_record(kService, "one._http._tcp.local"));
+  append(&twice_each, srv_record("one._http._tcp.local", 1000));
+  append(&twice_each, ptr_record(kService, "two._http._tcp.local"));
+  append(&twice_each, srv_record("two._http._tcp.local", 2000));
+  call = exchange(2, twice_each);
+  EXPECT_TRUE(call.ok);
+  EXPECT_EQ(call.record.port, 2000);
+  EXPECT_EQ(call.record.name, "two._http._tcp.local");
+
+  // Target "tv" followed by a pointer to the question's name at byte 12.
+  Bytes compressed = answer_header(3, 2, kService);
+  append(&compressed, record({0xC0, 0x0C}, 12, Bytes{2, 't', 'v', 0xC0, 0x0C}));
+  append(&compressed, record({0xC0, 0x0C}, 33, Bytes{0, 0, 0, 0, 0x1F, 0x49, 0xC0, 0x0C}));
+  call = exchange(3, compressed);
+  EXPECT_TRUE(call.ok);
+  EXPECT_EQ(call.record.name, "tv._http._tcp.local");
+  EXPECT_EQ(call.record.port, 8009);
+
+  // Another ID is no reason to reject: the callbacks get the answer's.
+  call = exchange(4, good_answer(0x7777));
+  EXPECT_TRUE(call.ok);
+  EXPECT_EQ(call.id, 0x7777);
+}
+
+TEST_F(ReverseLookupTest, ReportsAnUnusableAnswerWithItsIdAndAnEmptyRecord) {
+  lookup_->connect(plain_callback<1>);
+  ASSERT_TRUE(lookup_->Init());
+
+  Bytes ptr_only = answer_header(0x0505, 1, kService);
+  append(&ptr_only, ptr_record(kService, "printer._http._tcp.local"));
+  Call call = exchange(5, ptr_only);
+  EXPECT_FALSE(call.ok);
+  EXPECT_EQ(call.id, 0x0505);
+  EXPECT_EQ(call.record.address, 0u);
+  EXPECT_EQ(call.record.port, 0);
+  EXPECT_EQ(call.record.name, "");
+
+  Bytes looping = answer_header(6, 1, kService);
+  append(&looping, Bytes{0xC0, static_cast<uint8_t>(looping.size())});
+  call = exchange(6, looping);
+  EXPECT_FALSE(call.ok);
+  EXPECT_EQ(call.id, 6);
+
+  call = exchange(7, Bytes(1500, 0xC0));
+  EXPECT_FALSE(call.ok);
+  EXPECT_EQ(call.id, 0xC0C0);
+}
+
+TEST_F(ReverseLookupTest, TakesALateAnswerAsTheNextLookupsAnswer) {
+  lookup_->connect(plain_callback<1>);
+  ASSERT_TRUE(lookup_->Init());
+  ASSERT_TRUE(lookup_when_idle(1, kService));
+  ReceivedQuery query;
+  ASSERT_TRUE(peer_->await_query(&query));
+  peer_->reply(query, good_answer(1, 1111));
+  peer_->reply(query, good_answer(1, 2222));
+  ASSERT_TRUE(call_log().wait_for(1));
+
+  ASSERT_TRUE(lookup_when_idle(2, kService));
+  ASSERT_TRUE(call_log().wait_for(2));
+  const Call late = call_log().calls().at(1);
+  EXPECT_EQ(late.id, 1);
+  EXPECT_TRUE(late.ok);
+  EXPECT_EQ(late.record.port, 2222);
+}
+
+TEST_F(ReverseLookupTest, ReportsTheQueryIdWhenNoAnswerComesAndRecovers) {
+  lookup_->connect(plain_callback<1>);
+  lookup_->connect(plain_callback<2>);
+  ASSERT_TRUE(lookup_->Init());
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(lookup_->Lookup(0x0F0F, kDevice, kService));
+  ASSERT_TRUE(call_log().wait_for(2));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 4s);  // the receive waited for its time-out
+  for (const Call& call : call_log().calls()) {
+    EXPECT_EQ(call.id, 0x0F0F);
+    EXPECT_FALSE(call.ok);
+    EXPECT_EQ(call.record.address, 0u);
+    EXPECT_EQ(call.record.name, "");
+  }
+  EXPECT_EQ(call_log().tags(), (std::vector<int>{1, 2}));
+
+  ReceivedQuery unanswered;
+  ASSERT_TRUE(peer_->await_query(&unanswered));
+  EXPECT_TRUE(exchange(0x1010, good_answer(0x1010)).ok);
+}
+
+TEST_F(ReverseLookupTest, RefusesWhileBusyAndOnUnusableInputWithoutSending) {
+  lookup_->connect(plain_callback<1>);
+  EXPECT_FALSE(lookup_->Lookup(1, kDevice, kService));  // before Init
+  ASSERT_TRUE(lookup_->Init());
+
+  EXPECT_FALSE(lookup_->Lookup(2, "printer.local", kService));
+  EXPECT_FALSE(lookup_->Lookup(2, "::1", kService));
+  EXPECT_FALSE(lookup_->Lookup(2, kDevice, std::string(1007, 'n')));
+  EXPECT_FALSE(lookup_->Lookup(2, kDevice, "a." + std::string(256, 'l') + ".local"));
+  EXPECT_TRUE(nothing_sent());
+
+  // The longest name that fits, with 255-byte labels, is sent.
+  std::string longest;
+  while (longest.size() + 256 <= 1006)
+    longest += std::string(255, 'x') + ".";
+  longest += std::string(1006 - longest.size(), 'y');
+  ASSERT_TRUE(lookup_->Lookup(3, kDevice, longest));
+  ReceivedQuery query;
+  ASSERT_TRUE(peer_->await_query(&query));
+  EXPECT_EQ(query.bytes.size(), 16 + longest.size() + 2);
+
+  EXPECT_FALSE(lookup_->Lookup(4, kDevice, kService));  // busy
+  EXPECT_TRUE(nothing_sent());
+  peer_->reply(query, good_answer(3));
+  ASSERT_TRUE(call_log().wait_for(1));
+  EXPECT_EQ(call_log().calls().at(0).id, 3);
+}
+
+TEST_F(ReverseLookupTest, InitsOnceAndNotAfterDestroy) {
+  ASSERT_TRUE(lookup_->Init());
+  EXPECT_FALSE(lookup_->Init());
+  ASSERT_TRUE(lookup_when_idle(1, kService));  // the first socket still works
+  ReceivedQuery query;
+  ASSERT_TRUE(peer_->await_query(&query));
+  peer_->reply(query, good_answer(1));
+
+  lookup_->Destroy();
+  lookup_->Destroy();
+  EXPECT_FALSE(lookup_->Init());
+  EXPECT_FALSE(lookup_->Lookup(2, kDevice, kService));
+  EXPECT_TRUE(nothing_sent());
+}
+
+TEST_F(ReverseLookupTest, CallsCallbacksInOrderAndDisconnectsPlainFunctions) {
+  lookup_->connect(plain_callback<1>);
+  lookup_->connect([](unsigned short id, bool ok, IPAddressV4 r) { call_log().add({9, id, ok, r}); });
+  lookup_->connect(plain_callback<2>);
+  lookup_->connect(plain_callback<1>);
+  lookup_->connect(LookupCallback{});
+  lookup_->connect(plain_callback<3>);
+  ASSERT_TRUE(lookup_->Init());
+
+  exchange(1, good_answer(1));
+  ASSERT_TRUE(call_log().wait_for(5));
+  EXPECT_EQ(call_log().tags(), (std::vector<int>{1, 9, 2, 1, 3}));
+
+  // The earlier duplicate goes first; a lambda has no identity and stays.
+  lookup_->disconnect(plain_callback<1>);
+  lookup_->disconnect(plain_callback<4>);
+  lookup_->disconnect([](unsigned short, bool, IPAddressV4) {});
+  lookup_->disconnect(LookupCallback{});
+  call_log().clear();
+  exchange(2, good_answer(2));
+  ASSERT_TRUE(call_log().wait_for(4));
+  EXPECT_EQ(call_log().tags(), (std::vector<int>{9, 2, 1, 3}));
+
+  lookup_->disconnect(plain_callback<3>);
+  lookup_->disconnect(plain_callback<1>);
+  call_log().clear();
+  exchange(3, good_answer(3));
+  ASSERT_TRUE(call_log().wait_for(2));
+  EXPECT_EQ(call_log().tags(), (std::vector<int>{9, 2}));
+  for (const Call& call : call_log().calls())
+    EXPECT_EQ(call.id, 3);
+}
+
+TEST_F(ReverseLookupTest, KeepsCallingAfterACallbackThrowsAndStaysUsable) {
+  lookup_->connect([](unsigned short, bool, IPAddressV4) { throw std::runtime_error("application fault"); });
+  lookup_->connect([](unsigned short, bool, IPAddressV4) { throw 42; });
+  lookup_->connect(plain_callback<1>);
+  ASSERT_TRUE(lookup_->Init());
+  EXPECT_TRUE(exchange(1, good_answer(1)).ok);
+  EXPECT_TRUE(exchange(2, good_answer(2)).ok);
+  EXPECT_EQ(call_log().tags(), (std::vector<int>{1, 1}));
+}
+
+TEST_F(ReverseLookupTest, RefusesALookupFromInsideACallback) {
+  std::vector<bool> nested_results;
+  DNSReverseLookup* self = lookup_;
+  lookup_->connect([&nested_results, self](unsigned short, bool, IPAddressV4) {
+    nested_results.push_back(self->Lookup(99, kDevice, kService));
+  });
+  lookup_->connect(plain_callback<1>);
+  ASSERT_TRUE(lookup_->Init());
+  exchange(1, good_answer(1));
+  EXPECT_EQ(nested_results, std::vector<bool>{false});
+  EXPECT_TRUE(nothing_sent());
+}
+
+class ReverseLookupDisposalTest : public ReverseLookupTest {
+ protected:
+  // Starts a lookup that the peer never answers.
+  void start_unanswered_lookup(unsigned short id) {
+    lookup_->connect(plain_callback<1>);
+    ASSERT_TRUE(lookup_->Init());
+    ASSERT_TRUE(lookup_->Lookup(id, kDevice, kService));
+    ReceivedQuery query;
+    ASSERT_TRUE(peer_->await_query(&query));
+  }
+  void expect_one_failed_call(unsigned short id) {
+    ASSERT_EQ(call_log().calls().size(), 1u);
+    EXPECT_EQ(call_log().calls()[0].id, id);
+    EXPECT_FALSE(call_log().calls()[0].ok);
+  }
+};
+
+TEST_F(ReverseLookupDisposalTest, DisposeEndsAnOutstandingLookupAtOnce) {
+  start_unanswered_lookup(21);
+  const auto start = std::chrono::steady_clock::now();
+  lookup_->Dispose();
+  lookup_ = nullptr;
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 4s);  // well before the 5 s receive time-out
+  expect_one_failed_call(21);
+}
+
+TEST_F(ReverseLookupDisposalTest, DestroyEndsAnOutstandingLookupAndLeavesTheObjectUsable) {
+  start_unanswered_lookup(22);
+  lookup_->Destroy();
+  expect_one_failed_call(22);
+  EXPECT_FALSE(lookup_->Lookup(23, kDevice, kService));
+}
+
+TEST_F(ReverseLookupDisposalTest, DeletingTheImplementationDisposesOfIt) {
+  start_unanswered_lookup(24);
+  delete static_cast<DNSReverseLookupPosix*>(lookup_);
+  lookup_ = nullptr;
+  expect_one_failed_call(24);
+}
+
+TEST_F(ReverseLookupDisposalTest, DisposeRightAfterAnAnswerDoesNotLoseTheOutcome) {
+  lookup_->connect(plain_callback<1>);
+  ASSERT_TRUE(lookup_->Init());
+  for (unsigned short id = 1; id <= 20; ++id) {
+    ASSERT_TRUE(lookup_->Lookup(id, kDevice, kService));
+    ReceivedQuery query;
+    ASSERT_TRUE(peer_->await_query(&query));
+    peer_->reply(query, good_answer(id));
+    lookup_->Dispose();
+    lookup_ = DNSReverseLookup::CreateDNSReverseLookup();
+    lookup_->connect(plain_callback<1>);
+    ASSERT_TRUE(lookup_->Init());
+    ASSERT_EQ(call_log().calls().size(), id);  // exactly one outcome per lookup, ok or not
+  }
+}
+
+TEST(ReverseLookupObject, DisposesWithoutInitOrLookup) {
+  DNSReverseLookup* fresh = DNSReverseLookup::CreateDNSReverseLookup();
+  fresh->Dispose();
+  DNSReverseLookup* initialised = DNSReverseLookup::CreateDNSReverseLookup();
+  ASSERT_TRUE(initialised->Init());
+  initialised->Dispose();
+}
+
+}  // namespace
+}  // namespace sorvalen::test
