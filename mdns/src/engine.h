@@ -11,8 +11,8 @@ namespace mdns {
 // One received datagram.  `now` is the pass's single clock reading.  The engine
 // applies the acceptance checks (source port 5353, QR, OPCODE 0, RCODE 0, source
 // on the link of the arrival interface), caches the records and delivers events.
-void engine_receive(mDNS* m, const uint8_t* message, size_t length, const mDNSAddr& source, mDNSIPPort source_port,
-                    mDNSInterfaceID interface_id, int32_t now);
+void engine_receive(mDNS* m, const uint8_t* message, size_t length, const mDNSAddr& source,
+                    mDNSIPPort source_port, mDNSInterfaceID interface_id, int32_t now);
 
 // Runs everything due at `now`: deferred deliveries, expiries, queries, refreshes.
 void engine_run_scheduled(mDNS* m, int32_t now);

@@ -52,7 +52,7 @@ enum {
 
 /* An interface handle: opaque, stable across interface refreshes.  Null means
  * "all interfaces". */
-typedef struct mDNSInterfaceID_opaque *mDNSInterfaceID;
+typedef struct mDNSInterfaceID_opaque* mDNSInterfaceID;
 #define mDNSInterface_Any ((mDNSInterfaceID)0)
 
 typedef union {
@@ -86,10 +86,12 @@ typedef struct {
 #define MAX_DOMAIN_LABEL 63
 #define MAX_DOMAIN_NAME 256 /* wire form, including the root label */
 
-/* Longest texts the conversions below can write, terminating NUL included.
- * A label byte escapes to at most four characters ("\DDD"). */
-#define MAX_ESCAPED_DOMAIN_LABEL 254  /* 63 * 4 + '.' + NUL */
-#define MAX_ESCAPED_DOMAIN_NAME 1009  /* bounded by 255 wire bytes */
+/* Buffer sizes that always hold the texts the conversions below write,
+ * terminating NUL included.  A label byte escapes to at most four characters
+ * ("\DDD"): a label's text is at most 63 * 4 = 252 characters, a name's at most
+ * 1004 (255 wire bytes in four labels, each followed by '.'). */
+#define MAX_ESCAPED_DOMAIN_LABEL 254
+#define MAX_ESCAPED_DOMAIN_NAME 1009
 
 typedef struct {
   mDNSu8 c[64]; /* length byte, then up to 63 bytes */
@@ -139,11 +141,11 @@ typedef struct ResourceRecord_struct {
   mDNSu16 rrtype;
   mDNSu16 rrclass; /* cache-flush bit removed */
   mDNSu32 rroriginalttl;
-  mDNSu16 rdlength;             /* length of rdata as received, decompressed */
-  mDNSInterfaceID InterfaceID;  /* interface the record arrived on */
-  const domainname *name;       /* owner name */
+  mDNSu16 rdlength;            /* length of rdata as received, decompressed */
+  mDNSInterfaceID InterfaceID; /* interface the record arrived on */
+  const domainname* name;      /* owner name */
   mDNSu32 namehash;
-  RData *rdata;
+  RData* rdata;
 } ResourceRecord;
 
 /* ---- Questions --------------------------------------------------------- */
@@ -153,7 +155,7 @@ typedef struct DNSQuestion_struct DNSQuestion;
 
 typedef enum { QC_rmv = 0, QC_add = 1 } QC_result;
 
-typedef void mDNSQuestionCallback(mDNS *const m, DNSQuestion *question, const ResourceRecord *const answer,
+typedef void mDNSQuestionCallback(mDNS* const m, DNSQuestion* question, const ResourceRecord* const answer,
                                   QC_result AddRecord);
 
 struct DNSQuestion_struct {
@@ -163,18 +165,22 @@ struct DNSQuestion_struct {
   mDNSu16 qclass;
   mDNSInterfaceID InterfaceID;
   mDNSBool ForceMCast;
-  mDNSQuestionCallback *QuestionCallback;
-  void *QuestionContext;
+  mDNSQuestionCallback* QuestionCallback;
+  void* QuestionContext;
 
   /* Owned by the core while the question is active. */
-  DNSQuestion *next;
+  DNSQuestion* next;
   mDNSu32 qnamehash;
-  mDNSs32 LastQTime;       /* when the last query for it went out */
-  mDNSs32 ThisQInterval;   /* current interval between queries, ms */
-  mDNSs32 NextQTime;       /* when the next query is due */
-  mDNSu32 CurrentAnswers;  /* cache entries currently answering it */
-  mDNSu8 Active;           /* only trusted for questions found on the core's list */
+  mDNSs32 LastQTime;      /* when the last query for it went out */
+  mDNSs32 ThisQInterval;  /* current interval between queries, ms */
+  mDNSs32 NextQTime;      /* when the next query is due */
+  mDNSu32 CurrentAnswers; /* cache entries currently answering it */
+  mDNSu8 Active;          /* only trusted for questions found on the core's list */
   mDNSu8 DeliverAddsPending;
+  mDNSu8 SentOnce;       /* the first query has gone out */
+  mDNSu8 RefreshPending; /* a cached answer needs a refresh query */
+  mDNSu8 SendNow;        /* chosen for the packets of the current pass */
+  mDNSs32 StartTime;
 };
 
 /* ---- Resolves ---------------------------------------------------------- */
@@ -191,7 +197,7 @@ typedef struct {
 } ServiceInfo;
 
 typedef struct ServiceInfoQuery_struct ServiceInfoQuery;
-typedef void mDNSServiceInfoQueryCallback(mDNS *const m, ServiceInfoQuery *query);
+typedef void mDNSServiceInfoQueryCallback(mDNS* const m, ServiceInfoQuery* query);
 
 struct ServiceInfoQuery_struct {
   DNSQuestion qSRV;
@@ -203,9 +209,9 @@ struct ServiceInfoQuery_struct {
   mDNSu8 GotADD;
   mDNSu32 Answers;
   domainname target; /* current SRV target */
-  ServiceInfo *info;
-  mDNSServiceInfoQueryCallback *ServiceInfoQueryCallback;
-  void *ServiceInfoQueryContext;
+  ServiceInfo* info;
+  mDNSServiceInfoQueryCallback* ServiceInfoQueryCallback;
+  void* ServiceInfoQueryContext;
 };
 
 /* ---- Interfaces -------------------------------------------------------- */
@@ -224,7 +230,7 @@ typedef struct {
 } mDNSInterfaceAddr;
 
 struct NetworkInterfaceInfo_struct {
-  NetworkInterfaceInfo *next;
+  NetworkInterfaceInfo* next;
   mDNSInterfaceID InterfaceID; /* (mDNSInterfaceID)(uintptr_t)ifindex */
   char ifname[mDNS_IfNameSize];
   /* Core-owned details below. */
@@ -248,14 +254,18 @@ typedef struct CacheRecord_struct {
   ResourceRecord resrec;
   domainname namestorage;
   RData rdatastorage;
-  mDNSs32 TimeRcvd;       /* ms clock */
+  mDNSs32 TimeRcvd; /* ms clock */
   mDNSs32 NextRequiredQuery;
   mDNSs32 DelayDelivery;
   mDNSu32 ReceivedPacketSeq;
   mDNSu8 UnansweredQueries;
-  mDNSu8 RefreshStep;     /* 0..4: queries sent at 80/85/90/95 % */
+  mDNSu8 RefreshStep; /* 0..4: queries sent at 80/85/90/95 % */
   mDNSu8 InUse;
-  mDNSu8 ExpiryPending;   /* goodbye or cache flush: gone one second after TimeRcvd */
+  mDNSu8 ExpiryPending; /* goodbye or cache flush: gone at ExpiryTime, one second later */
+  mDNSu8 AddPending;    /* cached by the packet being processed, add events not yet given */
+  mDNSs32 ExpiryTime;
+  mDNSu32 NextInBucket;    /* index + 1 of the next entry of the hash bucket (or free list), 0 = none */
+  mDNSu32 KnownAnswerMark; /* packet serial this record was last listed in as a known answer */
 } CacheRecord;
 
 typedef union {
@@ -263,23 +273,23 @@ typedef union {
 } CacheEntity;
 
 /* Test mode: a captured send goes to this hook instead of a socket. */
-typedef void mDNSPlatformSendHook(void *context, mDNSInterfaceID InterfaceID, int family, const mDNSu8 *message,
-                                  size_t length);
+typedef void mDNSPlatformSendHook(void* context, mDNSInterfaceID InterfaceID, int family,
+                                  const mDNSu8* message, size_t length);
 
 typedef struct {
   int unicast_v4_unused; /* reserved */
   int sock_v4;           /* -1 when closed */
   int sock_v6;
   NetworkInterfaceInfo interfaces[mDNS_MaxInterfaces]; /* the live table; HostInterfaces links into it */
-  mDNSu8 test_mode;      /* no sockets: messages are injected */
-  mDNSu8 open;           /* between platform start and close */
+  mDNSu8 test_mode;                                    /* no sockets: messages are injected */
+  mDNSu8 open;                                         /* between platform start and close */
   /* Test mode only: the synthetic interfaces that an interface read finds. */
   NetworkInterfaceInfo test_interfaces[mDNS_MaxInterfaces];
-  mDNSPlatformSendHook *send_hook;
-  void *send_context;
+  mDNSPlatformSendHook* send_hook;
+  void* send_context;
 } mDNS_PlatformSupport;
 
-typedef void mDNSCallback(mDNS *const m, mStatus result);
+typedef void mDNSCallback(mDNS* const m, mStatus result);
 
 typedef struct {
   mDNSu32 packets_sent;
@@ -293,24 +303,35 @@ typedef struct {
 } mDNSCounters;
 
 #define mDNS_MessageBufferSize 9000
+#define mDNS_CacheBuckets 64
+#define mDNS_MaxNewRecordsPerPacket 128
 
 struct mDNS_struct {
-  mDNS_PlatformSupport *p;
-  mDNSCallback *MainCallback;
-  void *MainContext;
-  NetworkInterfaceInfo *HostInterfaces; /* head of the list of usable interfaces */
+  mDNS_PlatformSupport* p;
+  mDNSCallback* MainCallback;
+  void* MainContext;
+  NetworkInterfaceInfo* HostInterfaces; /* head of the list of usable interfaces */
 
-  CacheEntity *rrcache;
+  CacheEntity* rrcache;
   mDNSu32 rrcache_size;
-  DNSQuestion *Questions;
-  DNSQuestion *CurrentQuestion; /* guards list changes during delivery */
+  DNSQuestion* Questions;
+  DNSQuestion* CurrentQuestion; /* guards list changes during delivery */
 
-  mDNSs32 timenow;       /* the one clock reading of the current pass */
+  mDNSs32 timenow; /* the one clock reading of the current pass */
   mDNSs32 NextScheduledEvent;
   mDNSu32 RandomState;
   mDNSu32 PacketSeq;
   mDNSu8 Initialized;
   mDNSu8 ShutdownPending;
+
+  mDNSs32 FakeClock;
+  mDNSu8 FakeClockSet;
+  mDNSu32 CacheBuckets[mDNS_CacheBuckets]; /* index + 1 of each bucket's first entry */
+  mDNSu32 CacheFree;                       /* index + 1 of the first free entry */
+  mDNSu32 CacheUsed;
+  mDNSu32 SendSerial;
+  mDNSu32 NewRecordCount; /* entries of NewRecords in use */
+  mDNSu32 NewRecords[mDNS_MaxNewRecordsPerPacket];
 
   mDNSCounters counters;
   mDNSu8 rxbuf[mDNS_MessageBufferSize];
@@ -319,42 +340,42 @@ struct mDNS_struct {
 
 /* ---- Engine ------------------------------------------------------------ */
 
-MDNS_API mStatus mDNS_Init(mDNS *const m, mDNS_PlatformSupport *const p, CacheEntity *rrcachestorage,
-                           mDNSu32 rrcachesize, mDNSBool AdvertiseLocalAddresses, mDNSCallback *Callback,
-                           void *Context);
-MDNS_API void mDNS_StartExit(mDNS *const m);
-MDNS_API void mDNS_FinalExit(mDNS *const m);
-MDNS_API mStatus mDNSPlatformPosixRefreshInterfaceList(mDNS *const m);
+MDNS_API mStatus mDNS_Init(mDNS* const m, mDNS_PlatformSupport* const p, CacheEntity* rrcachestorage,
+                           mDNSu32 rrcachesize, mDNSBool AdvertiseLocalAddresses, mDNSCallback* Callback,
+                           void* Context);
+MDNS_API void mDNS_StartExit(mDNS* const m);
+MDNS_API void mDNS_FinalExit(mDNS* const m);
+MDNS_API mStatus mDNSPlatformPosixRefreshInterfaceList(mDNS* const m);
 
-MDNS_API mStatus mDNS_StartBrowse(mDNS *const m, DNSQuestion *const question, const domainname *const srv,
-                                  const domainname *const domain, const mDNSInterfaceID InterfaceID,
-                                  mDNSBool ForceMCast, mDNSQuestionCallback *Callback, void *Context);
-MDNS_API mStatus mDNS_StartQuery(mDNS *const m, DNSQuestion *const question);
-MDNS_API mStatus mDNS_StopQuery(mDNS *const m, DNSQuestion *const question);
+MDNS_API mStatus mDNS_StartBrowse(mDNS* const m, DNSQuestion* const question, const domainname* const srv,
+                                  const domainname* const domain, const mDNSInterfaceID InterfaceID,
+                                  mDNSBool ForceMCast, mDNSQuestionCallback* Callback, void* Context);
+MDNS_API mStatus mDNS_StartQuery(mDNS* const m, DNSQuestion* const question);
+MDNS_API mStatus mDNS_StopQuery(mDNS* const m, DNSQuestion* const question);
 
-MDNS_API mStatus mDNS_StartResolveService(mDNS *const m, ServiceInfoQuery *query, ServiceInfo *info,
-                                          mDNSServiceInfoQueryCallback *Callback, void *Context);
-MDNS_API void mDNS_StopResolveService(mDNS *const m, ServiceInfoQuery *query);
+MDNS_API mStatus mDNS_StartResolveService(mDNS* const m, ServiceInfoQuery* query, ServiceInfo* info,
+                                          mDNSServiceInfoQueryCallback* Callback, void* Context);
+MDNS_API void mDNS_StopResolveService(mDNS* const m, ServiceInfoQuery* query);
 
-MDNS_API void mDNSPosixGetFDSet(mDNS *m, int *nfds, fd_set *readfds, struct timeval *timeout);
-MDNS_API void mDNSPosixProcessFDSet(mDNS *const m, fd_set *readfds);
+MDNS_API void mDNSPosixGetFDSet(mDNS* m, int* nfds, fd_set* readfds, struct timeval* timeout);
+MDNS_API void mDNSPosixProcessFDSet(mDNS* const m, fd_set* readfds);
 
 /* ---- Name conversions -------------------------------------------------- */
 
 /* Reads dotted text (trailing dot optional; \. \\ and \DDD escapes).  Returns
  * null on a label over 63 bytes or a name over 255. */
-MDNS_API mDNSu8 *MakeDomainNameFromDNSNameString(domainname *const name, const char *cstr);
+MDNS_API mDNSu8* MakeDomainNameFromDNSNameString(domainname* const name, const char* cstr);
 
 /* Splits <instance>.<_app>.<_tcp|_udp>.<domain>.  On failure returns false and
  * leaves all three outputs empty. */
-MDNS_API mDNSBool DeconstructServiceName(const domainname *const fqdn, domainlabel *const name,
-                                         domainname *const type, domainname *const domain);
+MDNS_API mDNSBool DeconstructServiceName(const domainname* const fqdn, domainlabel* const name,
+                                         domainname* const type, domainname* const domain);
 
 /* Write at most MAX_ESCAPED_DOMAIN_LABEL / MAX_ESCAPED_DOMAIN_NAME bytes.
  * esc 0: label bytes unchanged; otherwise '.' and esc are escaped and
  * non-printing bytes written as \DDD.  Return a pointer to the terminating NUL. */
-MDNS_API char *ConvertDomainLabelToCString_withescape(const domainlabel *const label, char *ptr, char esc);
-MDNS_API char *ConvertDomainNameToCString_withescape(const domainname *const name, char *ptr, char esc);
+MDNS_API char* ConvertDomainLabelToCString_withescape(const domainlabel* const label, char* ptr, char esc);
+MDNS_API char* ConvertDomainNameToCString_withescape(const domainname* const name, char* ptr, char esc);
 
 #ifdef __cplusplus
 }

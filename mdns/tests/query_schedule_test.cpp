@@ -1,0 +1,192 @@
+// When queries go out, what they carry, and how they are grouped.
+#include "query_schedule.h"
+
+#include "engine_fixture.h"
+
+namespace mdns_test {
+namespace {
+
+class QueryScheduleTest : public EngineTest {};
+
+TEST_F(QueryScheduleTest, FirstQueryAfterShortDelayThenIntervalsDoubleUpToAnHour) {
+  DNSQuestion& browse = question();
+  start_browse(&browse);
+  run_until(kStartTime + 19);
+  EXPECT_TRUE(sent_.empty()) << "never before 20 ms";
+  run_until(kStartTime + 6 * 3600 * 1000);
+  const auto qs = queries_asking("_http._tcp.local.", kDNSType_PTR);
+  ASSERT_GE(qs.size(), 14u);
+  EXPECT_GE(qs[0].time - kStartTime, 20);
+  EXPECT_LE(qs[0].time - kStartTime, 120);
+  EXPECT_GE(qs[1].time - qs[0].time, 1000);
+  for (size_t i = 2; i < qs.size(); ++i) {
+    const int32_t previous = qs[i - 1].time - qs[i - 2].time;
+    const int32_t interval = qs[i].time - qs[i - 1].time;
+    EXPECT_LE(interval, 3600 * 1000) << i;
+    if (previous < 1800 * 1000) {
+      EXPECT_GE(interval, 2 * previous) << i;
+    } else {
+      EXPECT_EQ(interval, 3600 * 1000) << i;
+    }
+  }
+  EXPECT_EQ(qs.back().time - qs[qs.size() - 2].time, 3600 * 1000);
+}
+
+TEST_F(QueryScheduleTest, FirstQueryDelayIsSpreadOverItsRange) {
+  int32_t low = 1000;
+  int32_t high = 0;
+  for (int i = 0; i < 40; ++i) {
+    DNSQuestion& q = question();
+    sent_.clear();
+    const int32_t start = now_;
+    start_query(&q, ("h" + std::to_string(i) + ".local.").c_str(), kDNSType_A);
+    run_for(200);
+    ASSERT_EQ(sent_.size(), 2u);  // IPv4 and IPv6
+    low = std::min(low, sent_[0].time - start);
+    high = std::max(high, sent_[0].time - start);
+    mDNS_StopQuery(&m_, &q);
+  }
+  EXPECT_GE(low, 20);
+  EXPECT_LE(high, 120);
+  EXPECT_GT(high - low, 30) << "delays should not all be the same";
+}
+
+TEST_F(QueryScheduleTest, QueriesGoOutOnEveryUsableInterfaceAndFamily) {
+  ASSERT_TRUE(mdns::platform_test_add_interface(&p_, "eth1", 3, "10.0.0.1", "255.0.0.0"));
+  ASSERT_EQ(mDNSPlatformPosixRefreshInterfaceList(&m_), mStatus_NoError);
+  DNSQuestion& any = question();
+  start_browse(&any);
+  run_for(150);
+  ASSERT_EQ(sent_.size(), 3u);  // eth0 v4 + v6, eth1 v4 only
+  EXPECT_EQ(queries_asking("_http._tcp.local.", kDNSType_PTR, 6).size(), 1u);
+
+  sent_.clear();
+  DNSQuestion& only_eth1 = question();
+  start_browse(&only_eth1, "_ipp._tcp", mdns::platform_interface_id(3));
+  run_for(150);
+  ASSERT_EQ(sent_.size(), 1u);
+  EXPECT_EQ(sent_[0].interface_id, mdns::platform_interface_id(3));
+  EXPECT_EQ(sent_[0].family, 4);
+}
+
+TEST_F(QueryScheduleTest, QuestionsDueTogetherShareOnePacket) {
+  DNSQuestion& a = question();
+  DNSQuestion& b = question();
+  DNSQuestion& c = question();
+  start_browse(&a, "_http._tcp");
+  start_browse(&b, "_ipp._tcp");
+  start_browse(&c, "_ssh._tcp");
+  run_for(1500);
+  const auto v4 = queries_asking("_http._tcp.local.", kDNSType_PTR);
+  ASSERT_EQ(v4.size(), 2u);
+  // The random first delays differ by at most 100 ms, so all three always go together.
+  for (const auto& q : v4) {
+    EXPECT_EQ(q.questions.size(), 3u);
+  }
+  EXPECT_EQ(m_.counters.queries_sent, 12u);  // 3 questions x 2 packets x 2 families
+}
+
+TEST_F(QueryScheduleTest, RefreshQueriesAtEightyToNinetyFivePercentOfTtl) {
+  DNSQuestion& q = question();
+  start_query(&q, "host.local.", kDNSType_A);
+  Message msg;
+  msg.answer("host.local.", kDNSType_A, 100, a_data("192.168.1.30"), true);
+  receive(msg);  // before the first query: cached, so no periodic query needed
+  const int32_t received = now_;
+  run_until(received + 99000);
+  const auto qs = queries_asking("host.local.", kDNSType_A);
+  ASSERT_EQ(qs.size(), 4u);
+  const int32_t points[] = {80000, 85000, 90000, 95000};
+  for (size_t i = 0; i < 4; ++i) {
+    EXPECT_GE(qs[i].time - received, points[i]) << i;
+    EXPECT_LE(qs[i].time - received, points[i] + 2000) << i;
+    EXPECT_TRUE(qs[i].known_answers.empty()) << "less than half its TTL left";
+  }
+  run_until(received + 100000);
+  EXPECT_EQ(count_events(QC_rmv), 1u);
+}
+
+TEST_F(QueryScheduleTest, RecordsAnsweringNoQuestionAreNotRefreshed) {
+  Message msg;
+  msg.answer("host.local.", kDNSType_A, 100, a_data("192.168.1.30"));
+  receive(msg);
+  run_for(101000);
+  EXPECT_TRUE(sent_.empty());
+  EXPECT_EQ(m_.CacheUsed, 0u);
+}
+
+TEST_F(QueryScheduleTest, KnownAnswersCarryOnlyRecordsWithMoreThanHalfTheirTtlLeft) {
+  DNSQuestion& browse = question();
+  start_browse(&browse);
+  Message msg;
+  msg.answer("_http._tcp.local.", kDNSType_PTR, 20, name_bytes("Short._http._tcp.local."))
+      .answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes("Long._http._tcp.local."));
+  receive(msg);
+  run_for(16000);
+  const auto qs = queries_asking("_http._tcp.local.", kDNSType_PTR);
+  ASSERT_EQ(qs.size(), 5u);  // ~0.1 s, 1, 3, 7, 15 s
+  for (const auto& q : qs) {
+    const int32_t age = q.time - kStartTime;
+    bool has_short = false;
+    bool has_long = false;
+    for (const auto& ka : q.known_answers) {
+      const std::string target = text_of(ka.rdata.u.name);
+      has_short |= target == "Short._http._tcp.local.";
+      has_long |= target == "Long._http._tcp.local.";
+      if (target == "Short._http._tcp.local.") {
+        EXPECT_LE(ka.ttl, 20u);
+        EXPECT_GE(ka.ttl, static_cast<uint32_t>(20 - age / 1000 - 1));
+      }
+    }
+    EXPECT_TRUE(has_long);
+    EXPECT_EQ(has_short, age < 10000) << age;
+  }
+}
+
+TEST_F(QueryScheduleTest, KnownAnswersOnlyFromTheInterfaceOfThePacket) {
+  ASSERT_TRUE(mdns::platform_test_add_interface(&p_, "eth1", 3, "10.0.0.1", "255.0.0.0"));
+  ASSERT_EQ(mDNSPlatformPosixRefreshInterfaceList(&m_), mStatus_NoError);
+  DNSQuestion& browse = question();
+  start_browse(&browse);
+  Message msg;
+  msg.answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes("A._http._tcp.local."));
+  receive(msg, "10.0.0.2", 5353, mdns::platform_interface_id(3));
+  run_for(150);
+  for (const auto& q : sent_) {
+    EXPECT_EQ(q.known_answers.size(), q.interface_id == mdns::platform_interface_id(3) ? 1u : 0u);
+  }
+}
+
+TEST_F(QueryScheduleTest, ManyKnownAnswersSpillIntoTruncatedContinuationPackets) {
+  DNSQuestion& browse = question();
+  start_browse(&browse);
+  constexpr int kInstances = 80;
+  for (int i = 0; i < kInstances; i += 10) {
+    Message msg;
+    for (int j = i; j < i + 10; ++j) {
+      const std::string name =
+          "A rather long instance name number " + std::to_string(j) + "._http._tcp.local.";
+      msg.answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes(name.c_str()));
+    }
+    receive(msg);
+  }
+  run_for(150);
+  std::vector<SentQuery> v4;
+  for (const auto& q : sent_) {
+    if (q.family == 4) {
+      v4.push_back(q);
+    }
+  }
+  ASSERT_GE(v4.size(), 2u);
+  size_t total = 0;
+  for (size_t i = 0; i < v4.size(); ++i) {
+    const bool last = i + 1 == v4.size();
+    EXPECT_EQ((v4[i].flags & 0x0200) != 0, !last) << "TC on all but the last packet";
+    EXPECT_EQ(v4[i].questions.size(), i == 0 ? 1u : 0u);
+    total += v4[i].known_answers.size();
+  }
+  EXPECT_EQ(total, static_cast<size_t>(kInstances)) << "each known answer exactly once";
+}
+
+}  // namespace
+}  // namespace mdns_test

@@ -1,0 +1,221 @@
+// Browse events and resolves driven by injected responses.
+#include "engine_fixture.h"
+
+namespace mdns_test {
+namespace {
+
+struct Resolution {
+  int32_t time;
+  mDNSAddr ip;
+  uint16_t port;
+  std::string txt;
+};
+
+class ResolveTest : public EngineTest {
+ protected:
+  struct Slot {
+    ServiceInfoQuery query;
+    ServiceInfo info;
+    ResolveTest* test;
+  };
+
+  static void on_resolved(mDNS* const m, ServiceInfoQuery* query) {
+    (void)m;
+    auto* slot = static_cast<Slot*>(query->ServiceInfoQueryContext);
+    const ServiceInfo& info = *query->info;
+    slot->test->results_.push_back({slot->test->now_, info.ip,
+                                    static_cast<uint16_t>(info.port.b[0] << 8 | info.port.b[1]),
+                                    std::string(reinterpret_cast<const char*>(info.TXTinfo), info.TXTlen)});
+    if (slot->test->stop_resolve_in_callback_) {
+      mDNS_StopResolveService(m, query);
+    }
+  }
+
+  // Like the search's browse handler: every add starts a resolve.
+  static void browse_and_resolve(mDNS* const m, DNSQuestion* question, const ResourceRecord* const answer,
+                                 QC_result kind) {
+    auto* self = static_cast<ResolveTest*>(question->QuestionContext);
+    record_event(m, question, answer, kind);
+    if (kind != QC_add) {
+      return;
+    }
+    auto slot = std::make_unique<Slot>();
+    slot->test = self;
+    slot->info.name = answer->rdata->u.name;
+    slot->info.InterfaceID = answer->InterfaceID;
+    EXPECT_EQ(mDNS_StartResolveService(m, &slot->query, &slot->info, on_resolved, slot.get()),
+              mStatus_NoError);
+    self->slots_.push_back(std::move(slot));
+  }
+
+  void start_resolving_browse(DNSQuestion* q) {
+    const domainname t = dn("_http._tcp");
+    const domainname d = dn("local.");
+    ASSERT_EQ(mDNS_StartBrowse(&m_, q, &t, &d, mDNSInterface_Any, mDNSfalse, browse_and_resolve, this),
+              mStatus_NoError);
+  }
+
+  Slot* resolve(const char* name) {
+    auto slot = std::make_unique<Slot>();
+    slot->test = this;
+    slot->info.name = dn(name);
+    slot->info.InterfaceID = eth0();
+    EXPECT_EQ(mDNS_StartResolveService(&m_, &slot->query, &slot->info, on_resolved, slot.get()),
+              mStatus_NoError);
+    slots_.push_back(std::move(slot));
+    return slots_.back().get();
+  }
+
+  void TearDown() override {
+    for (auto& s : slots_) {
+      mDNS_StopResolveService(&m_, &s->query);
+    }
+    EngineTest::TearDown();
+  }
+
+  size_t unique_type_queries() const {
+    size_t n = 0;
+    for (const auto& q : sent_) {
+      for (const auto& question : q.questions) {
+        n += question.qtype != kDNSType_PTR ? 1 : 0;
+      }
+    }
+    return n;
+  }
+
+  std::vector<std::unique_ptr<Slot>> slots_;
+  std::vector<Resolution> results_;
+  bool stop_resolve_in_callback_ = false;
+};
+
+TEST_F(ResolveTest, BrowseReportsAddsAndRemovesOncePerInstance) {
+  DNSQuestion& browse = question();
+  start_browse(&browse);
+  run();
+  receive(announcement("One", "one.local."));
+  receive(announcement("Two", "two.local."));
+  receive(announcement("One", "one.local."));
+  EXPECT_EQ(count_events(QC_add), 2u);
+  EXPECT_EQ(count_events(QC_add, "One._http._tcp.local."), 1u);
+  Message bye;
+  bye.answer("_http._tcp.local.", kDNSType_PTR, 0, name_bytes("Two._http._tcp.local."));
+  receive(bye);
+  run_for(1500);
+  EXPECT_EQ(count_events(QC_rmv), 1u);
+  EXPECT_EQ(count_events(QC_rmv, "Two._http._tcp.local."), 1u);
+  EXPECT_EQ(browse.CurrentAnswers, 1u);
+}
+
+TEST_F(ResolveTest, ResolveCompletesFromAdditionalRecordsWithoutAnyQuery) {
+  DNSQuestion& browse = question();
+  start_resolving_browse(&browse);
+  run();
+  receive(announcement("Printer", "printer.local."));
+  ASSERT_EQ(slots_.size(), 1u);
+  run_for(5000);
+  ASSERT_EQ(results_.size(), 2u) << "one callback per address";
+  bool v4 = false;
+  bool v6 = false;
+  for (const auto& r : results_) {
+    EXPECT_EQ(r.port, 8080);
+    EXPECT_EQ(r.txt, std::string("\x06path=/"));
+    v4 |= r.ip.type == mDNSAddrType_IPv4 && std::memcmp(r.ip.ip.v4.b, a_data("192.168.1.20").data(), 4) == 0;
+    v6 |= r.ip.type == mDNSAddrType_IPv6 && std::memcmp(r.ip.ip.v6.b, aaaa_data("fe80::20").data(), 16) == 0;
+  }
+  EXPECT_TRUE(v4);
+  EXPECT_TRUE(v6);
+  EXPECT_LE(results_.back().time - kStartTime, 10) << "delivered at the next passes, not after a query";
+  EXPECT_EQ(unique_type_queries(), 0u);
+}
+
+TEST_F(ResolveTest, ResolveAsksForWhatIsMissingAndFollowsTheTarget) {
+  Slot* slot = resolve("Cam._http._tcp.local.");
+  run_for(200);
+  EXPECT_EQ(queries_asking("Cam._http._tcp.local.", kDNSType_SRV, 4).size(), 1u);
+  EXPECT_EQ(queries_asking("Cam._http._tcp.local.", kDNSType_SRV, 6).size(), 1u);
+  EXPECT_EQ(queries_asking("Cam._http._tcp.local.", kDNSType_TXT).size(), 1u);
+  EXPECT_EQ(slot->info.ip.type, mDNSAddrType_None);
+
+  Message srv;
+  srv.answer("Cam._http._tcp.local.", kDNSType_SRV, 120, srv_data(554, "cam-a.local."), true);
+  receive(srv);
+  run_for(200);
+  EXPECT_EQ(queries_asking("cam-a.local.", kDNSType_A).size(), 1u);
+  EXPECT_EQ(queries_asking("cam-a.local.", kDNSType_AAAA, 6).size(), 1u);
+  EXPECT_TRUE(results_.empty());
+
+  Message addr;
+  addr.answer("cam-a.local.", kDNSType_A, 120, a_data("192.168.1.40"), true);
+  receive(addr);
+  ASSERT_EQ(results_.size(), 1u);
+  EXPECT_EQ(results_[0].port, 554);
+  EXPECT_EQ(slot->info.ip.type, mDNSAddrType_IPv4);
+
+  // The service moves to another host: flush replaces the SRV, addresses follow.
+  now_ += 5000;
+  Message moved;
+  moved.answer("Cam._http._tcp.local.", kDNSType_SRV, 120, srv_data(8554, "cam-b.local."), true)
+      .additional("cam-b.local.", kDNSType_A, 120, a_data("192.168.1.41"));
+  receive(moved);
+  run_for(2000);
+  ASSERT_EQ(results_.size(), 2u);
+  EXPECT_EQ(results_[1].port, 8554);
+  EXPECT_EQ(std::memcmp(results_[1].ip.ip.v4.b, a_data("192.168.1.41").data(), 4), 0);
+  // An address for the old target no longer reports anything.
+  receive(addr);
+  run();
+  EXPECT_EQ(results_.size(), 2u);
+}
+
+TEST_F(ResolveTest, AnswersOfANewQuestionArriveAtTheNextPassNotInsideStart) {
+  receive(announcement("Printer", "printer.local."));
+  DNSQuestion& browse = question();
+  start_browse(&browse);
+  EXPECT_TRUE(events_.empty());
+  EXPECT_EQ(mdns::engine_time_to_next_event(&m_, now_), 0);
+  run();
+  EXPECT_EQ(count_events(QC_add), 1u);
+  EXPECT_GT(mdns::engine_time_to_next_event(&m_, now_), 0);
+
+  resolve("Printer._http._tcp.local.");
+  EXPECT_TRUE(results_.empty());
+  run();  // SRV and TXT delivered; the address questions start now
+  run();  // their cached answers
+  EXPECT_EQ(results_.size(), 2u);
+  EXPECT_EQ(unique_type_queries(), 0u);
+}
+
+TEST_F(ResolveTest, StoppingTheResolveInsideItsCallbackEndsIt) {
+  stop_resolve_in_callback_ = true;
+  DNSQuestion& browse = question();
+  start_resolving_browse(&browse);
+  run();
+  receive(announcement("Printer", "printer.local."));
+  run_for(3000);
+  EXPECT_EQ(results_.size(), 1u) << "the second address comes after the stop";
+  receive(announcement("Printer", "printer.local."));
+  run_for(200000);
+  EXPECT_EQ(results_.size(), 1u);
+  EXPECT_EQ(unique_type_queries(), 0u);
+}
+
+TEST_F(ResolveTest, ManyResolvesStartedFromOneResponse) {
+  DNSQuestion& browse = question();
+  start_resolving_browse(&browse);
+  run();
+  Message msg;
+  for (int i = 0; i < 8; ++i) {
+    const std::string name = "Dev" + std::to_string(i) + "._http._tcp.local.";
+    const std::string host = "dev" + std::to_string(i) + ".local.";
+    msg.answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes(name.c_str()))
+        .additional(name.c_str(), kDNSType_SRV, 120, srv_data(static_cast<uint16_t>(1000 + i), host.c_str()))
+        .additional(host.c_str(), kDNSType_A, 120, a_data("192.168.1.50"));
+  }
+  receive(msg);
+  run_for(1000);
+  EXPECT_EQ(slots_.size(), 8u);
+  EXPECT_EQ(results_.size(), 8u);
+}
+
+}  // namespace
+}  // namespace mdns_test
