@@ -208,7 +208,10 @@ void DNSReverseLookupPosix::Receive() {
 }
 
 void DNSReverseLookupPosix::CallCallbacks(unsigned short id, bool ok, const IPAddressV4& record) {
-  for (std::size_t i = 0; i < callbacks_.size(); ++i) {
+  // Sized once: after its last callback has returned this thread no longer
+  // reads the list, so the application may change it from then on.
+  const std::size_t count = callbacks_.size();
+  for (std::size_t i = 0; i < count; ++i) {
     try {
       const LookupCallback callback = callbacks_[i];
       if (!callback)
