@@ -1,0 +1,497 @@
+#!/usr/bin/env bash
+# Virtual LANs on this machine for tests, benchmarks and the demo: network
+# namespaces joined by veth pairs to Linux bridges, with avahi-daemon as the
+# responder on device hosts.  Nothing is ever attached to the host's own
+# interfaces.  Needs root.
+#
+# A run is named RUN (matching sv<owner-pid>[x<n>], e.g. sv4711x1); every
+# namespace of the run is called RUN-<name>, so parallel runs never clash and a
+# run whose owner process has died is recognised as stale.
+#
+#   vlan.sh create RUN                      state folder + the switch namespace RUN-sw
+#   vlan.sh add-lan RUN N                   LAN N (1..3): bridge brN in RUN-sw
+#   vlan.sh add-host RUN HOST N [N...]      namespace RUN-HOST, eth0 on LAN N, eth1 on the next...
+#   vlan.sh netns RUN HOST                  prints the namespace name
+#   vlan.sh ipv4 RUN HOST [IFACE]           prints the host's IPv4 address (default eth0)
+#   vlan.sh ipv6ll RUN HOST [IFACE]         prints the host's IPv6 link-local address
+#   vlan.sh exec RUN HOST CMD...            runs CMD inside the host's namespace
+#   vlan.sh start-avahi RUN HOST [--dbus] [--name DEVICE] [--interfaces eth0,eth1]
+#                                           starts avahi-daemon (waits until it is up; --dbus gives
+#                                           it a private system bus so avahi-browse works there)
+#   vlan.sh add-service RUN HOST NAME TYPE PORT [TXT...]
+#                                           publishes a service (waits until established if running)
+#   vlan.sh remove-service RUN HOST NAME TYPE
+#                                           withdraws it (the daemon sends goodbye packets)
+#   vlan.sh stop-avahi RUN HOST             stops the daemon (withdraws everything)
+#   vlan.sh browse RUN HOST TYPE            avahi-browse -rpt TYPE via the host's --dbus daemon
+#   vlan.sh capture-start RUN HOST IFACE    tcpdump of udp port 5353 into a pcap
+#   vlan.sh capture-stop RUN HOST IFACE
+#   vlan.sh capture-count RUN HOST IFACE SRC
+#                                           prints "PACKETS BYTES" sent by SRC to udp port 5353
+#                                           (BYTES = sum of UDP payload sizes)
+#   vlan.sh destroy RUN                     kills every process of the run, deletes everything
+#   vlan.sh cleanup-stale                   destroys the runs whose owner process is gone
+set -euo pipefail
+
+STATE_ROOT=${SV_VLAN_STATE_ROOT:-/tmp/sorvalen-vlan}
+RUN_PATTERN='^sv[0-9]+(x[0-9]+)?$'
+
+die() {
+  echo "vlan.sh: $*" >&2
+  exit 1
+}
+
+check_run() {
+  [[ $1 =~ $RUN_PATTERN ]] || die "bad run name '$1' (expected sv<pid>[x<n>])"
+}
+
+check_host() {
+  [[ $1 =~ ^[A-Za-z0-9_]{1,30}$ ]] || die "bad host name '$1' (letters, digits, _; up to 30)"
+  [ "$1" != sw ] || die "'sw' is reserved for the switch namespace"
+}
+
+state_dir() { echo "$STATE_ROOT/$1"; }
+host_dir() { echo "$STATE_ROOT/$1/hosts/$2"; }
+host_ns() { echo "$1-$2"; }
+switch_ns() { echo "$1-sw"; }
+
+require_host() {
+  check_run "$1"
+  check_host "$2"
+  [ -d "$(host_dir "$1" "$2")" ] || die "no host '$2' in run '$1'"
+}
+
+# Waits up to $1 tenths of a second for the command to succeed.
+wait_for() {
+  local tenths=$1
+  shift
+  local i
+  for ((i = 0; i < tenths; i++)); do
+    "$@" && return 0
+    sleep 0.1
+  done
+  "$@"
+}
+
+set_sysctl() {
+  ip netns exec "$1" sysctl -q -w "$2" >/dev/null
+}
+
+cmd_create() {
+  check_run "$1"
+  local dir
+  dir=$(state_dir "$1")
+  [ ! -e "$dir" ] || die "run '$1' exists already"
+  mkdir -p "$dir/hosts" "$dir/lans"
+  echo 0 >"$dir/host_count"
+  local sw
+  sw=$(switch_ns "$1")
+  ip netns add "$sw"
+  ip -n "$sw" link set lo up
+  # Bridge ports carry frames only; keep the switch itself off IPv6.
+  set_sysctl "$sw" net.ipv6.conf.all.disable_ipv6=1
+  set_sysctl "$sw" net.ipv6.conf.default.disable_ipv6=1
+}
+
+lan_prefix() {
+  case "$1" in
+    1) echo 192.0.2 ;;
+    2) echo 198.51.100 ;;
+    3) echo 203.0.113 ;;
+    *) die "LAN number must be 1, 2 or 3" ;;
+  esac
+}
+
+cmd_add_lan() {
+  check_run "$1"
+  lan_prefix "$2" >/dev/null
+  local dir
+  dir=$(state_dir "$1")
+  [ -d "$dir" ] || die "no run '$1'"
+  [ ! -e "$dir/lans/$2" ] || die "LAN $2 exists already"
+  local sw
+  sw=$(switch_ns "$1")
+  # No IGMP/MLD snooping: every port sees all multicast, as on a plain switch.
+  ip -n "$sw" link add "br$2" type bridge mcast_snooping 0 stp_state 0 forward_delay 0
+  ip -n "$sw" link set "br$2" up
+  echo 10 >"$dir/lans/$2"
+}
+
+link_local_ready() {
+  local addr
+  addr=$(ip -n "$1" -6 -o addr show dev "$2" scope link 2>/dev/null)
+  [ -n "$addr" ] && [[ $addr != *tentative* ]]
+}
+
+attach() { # RUN HOST NS IFACE LAN HOSTINDEX
+  local run=$1 host=$2 ns=$3 iface=$4 lan=$5 index=$6
+  local dir sw prefix octet port
+  dir=$(state_dir "$run")
+  sw=$(switch_ns "$run")
+  [ -e "$dir/lans/$lan" ] || die "no LAN $lan in run '$run'"
+  prefix=$(lan_prefix "$lan")
+  octet=$(cat "$dir/lans/$lan")
+  [ "$octet" -lt 250 ] || die "LAN $lan is full"
+  echo $((octet + 1)) >"$dir/lans/$lan"
+  port="h${index}l${lan}"
+  ip -n "$ns" link add "$iface" address "$(printf '02:53:%02x:%02x:%02x:%02x' "$lan" $((index >> 8)) $((index & 255)) "${iface#eth}")" \
+    type veth peer name "$port" netns "$sw"
+  ip -n "$sw" link set "$port" master "br$lan"
+  ip -n "$sw" link set "$port" up
+  ip -n "$ns" addr add "$prefix.$octet/24" dev "$iface"
+  ip -n "$ns" link set "$iface" multicast on up
+  echo "$iface $lan $prefix.$octet" >>"$(host_dir "$run" "$host")/ifaces"
+}
+
+cmd_add_host() {
+  check_run "$1"
+  check_host "$2"
+  local run=$1 host=$2
+  shift 2
+  [ $# -ge 1 ] || die "add-host needs at least one LAN"
+  local dir hdir ns index
+  dir=$(state_dir "$run")
+  [ -d "$dir" ] || die "no run '$run'"
+  hdir=$(host_dir "$run" "$host")
+  [ ! -e "$hdir" ] || die "host '$host' exists already"
+  mkdir -p "$hdir/services"
+  : >"$hdir/ifaces"
+  index=$(($(cat "$dir/host_count") + 1))
+  echo "$index" >"$dir/host_count"
+  ns=$(host_ns "$run" "$host")
+  ip netns add "$ns"
+  ip -n "$ns" link set lo up
+  # Link-local addresses must be usable at once: no duplicate address detection.
+  local key
+  for key in all default; do
+    set_sysctl "$ns" "net.ipv6.conf.$key.accept_dad=0"
+    set_sysctl "$ns" "net.ipv6.conf.$key.dad_transmits=0"
+  done
+  local n=0 lan
+  for lan in "$@"; do
+    attach "$run" "$host" "$ns" "eth$n" "$lan" "$index"
+    n=$((n + 1))
+  done
+  # Senders that pick no interface reach the first LAN.
+  ip -n "$ns" route add 224.0.0.0/4 dev eth0
+  for ((i = 0; i < n; i++)); do
+    wait_for 100 link_local_ready "$ns" "eth$i" || die "no link-local address on eth$i of $host"
+  done
+}
+
+cmd_netns() {
+  require_host "$1" "$2"
+  host_ns "$1" "$2"
+}
+
+cmd_ipv4() {
+  require_host "$1" "$2"
+  local iface=${3:-eth0}
+  awk -v i="$iface" '$1 == i { print $3; found = 1 } END { exit !found }' "$(host_dir "$1" "$2")/ifaces" ||
+    die "no interface $iface on $2"
+}
+
+cmd_ipv6ll() {
+  require_host "$1" "$2"
+  local iface=${3:-eth0}
+  ip -n "$(host_ns "$1" "$2")" -6 -o addr show dev "$iface" scope link |
+    awk '{ split($4, a, "/"); print a[1]; exit }'
+}
+
+cmd_exec() {
+  require_host "$1" "$2"
+  local ns
+  ns=$(host_ns "$1" "$2")
+  shift 2
+  exec ip netns exec "$ns" "$@"
+}
+
+xml_escape() {
+  local s=$1
+  s=${s//&/&amp;}
+  s=${s//</&lt;}
+  s=${s//>/&gt;}
+  printf '%s' "$s"
+}
+
+service_file() { # HOSTDIR NAME TYPE -> path of the service's file
+  local slug
+  slug=$(printf '%s|%s' "$2" "$3" | md5sum | cut -c1-16)
+  echo "$1/services/$slug.service"
+}
+
+daemon_pid() {
+  local f
+  f="$(host_dir "$1" "$2")/avahi.pid"
+  [ -s "$f" ] && kill -0 "$(cat "$f")" 2>/dev/null && cat "$f"
+}
+
+log_size() { stat -c %s "$(host_dir "$1" "$2")/avahi.log"; }
+
+log_since() { # LOGFILE OFFSET
+  tail -c +$(($2 + 1)) "$1"
+}
+
+established_since() { # LOGFILE OFFSET NAME
+  log_since "$1" "$2" | grep -F "Service \"$3\" (" | grep -q "successfully established"
+}
+
+# Waits until the daemon's log, from byte OFFSET on, says that NAME is established.
+wait_established() { # RUN HOST NAME OFFSET
+  wait_for 100 established_since "$(host_dir "$1" "$2")/avahi.log" "$4" "$3"
+}
+
+cmd_add_service() {
+  require_host "$1" "$2"
+  [ $# -ge 5 ] || die "add-service RUN HOST NAME TYPE PORT [TXT...]"
+  local run=$1 host=$2 name=$3 type=$4 port=$5
+  shift 5
+  [[ $type =~ ^_[A-Za-z0-9-]+\._(tcp|udp)(,_[A-Za-z0-9-]+\._sub\._[A-Za-z0-9-]+\._(tcp|udp))*$ ]] || die "bad service type '$type'"
+  [[ $port =~ ^[0-9]+$ ]] && [ "$port" -le 65535 ] || die "bad port '$port'"
+  local hdir file tmp
+  hdir=$(host_dir "$run" "$host")
+  file=$(service_file "$hdir" "$name" "$type")
+  tmp="$file.tmp"
+  {
+    echo '<?xml version="1.0" standalone="no"?>'
+    echo '<!DOCTYPE service-group SYSTEM "avahi-service.dtd">'
+    echo '<service-group>'
+    echo "  <name>$(xml_escape "$name")</name>"
+    echo '  <service protocol="any">'
+    echo "    <type>$(xml_escape "$type")</type>"
+    echo "    <port>$port</port>"
+    local txt
+    for txt in "$@"; do
+      echo "    <txt-record>$(xml_escape "$txt")</txt-record>"
+    done
+    echo '  </service>'
+    echo '</service-group>'
+  } >"$tmp"
+  mv "$tmp" "$file"
+  local pid
+  if pid=$(daemon_pid "$run" "$host"); then
+    local offset
+    offset=$(log_size "$run" "$host")
+    kill -HUP "$pid"
+    wait_established "$run" "$host" "$name" "$offset" || die "service '$name' was not established on $host"
+  fi
+}
+
+cmd_remove_service() {
+  require_host "$1" "$2"
+  [ $# -eq 4 ] || die "remove-service RUN HOST NAME TYPE"
+  local hdir file pid
+  hdir=$(host_dir "$1" "$2")
+  file=$(service_file "$hdir" "$3" "$4")
+  [ -e "$file" ] || die "no service '$3' of type $4 on $2"
+  rm -f "$file"
+  if pid=$(daemon_pid "$1" "$2"); then
+    kill -HUP "$pid"
+  fi
+}
+
+cmd_start_avahi() {
+  require_host "$1" "$2"
+  local run=$1 host=$2 dbus=no device=$2 interfaces=
+  shift 2
+  while [ $# -gt 0 ]; do
+    case "$1" in
+      --dbus) dbus=yes ;;
+      --name) device=$2; shift ;;
+      --interfaces) interfaces=$2; shift ;;
+      *) die "start-avahi: unknown option $1" ;;
+    esac
+    shift
+  done
+  local hdir ns
+  hdir=$(host_dir "$run" "$host")
+  ns=$(host_ns "$run" "$host")
+  ! daemon_pid "$run" "$host" >/dev/null || die "avahi-daemon already runs on $host"
+  [ -n "$interfaces" ] || interfaces=$(awk '{ printf "%s%s", sep, $1; sep = "," }' "$hdir/ifaces")
+  cat >"$hdir/avahi.conf" <<EOF
+[server]
+host-name=$device
+domain-name=local
+use-ipv4=yes
+use-ipv6=yes
+allow-interfaces=$interfaces
+enable-dbus=$dbus
+ratelimit-interval-usec=1000000
+ratelimit-burst=1000
+[wide-area]
+enable-wide-area=no
+[publish]
+publish-hinfo=no
+publish-workstation=no
+[reflector]
+enable-reflector=no
+[rlimits]
+EOF
+  rm -f "$hdir/dbus.pid"
+  # A private /run (pid file, sockets, bus) and services folder per daemon.
+  local inner='mount -t tmpfs none /run && mkdir -p /run/avahi-daemon /run/dbus &&
+    mount --bind "$0/services" /etc/avahi/services || exit 1
+    if [ "$1" = yes ]; then
+      dbus-daemon --system --nofork --nopidfile >"$0/dbus.log" 2>&1 &
+      echo $! >"$0/dbus.pid"
+      i=0
+      while [ ! -S /run/dbus/system_bus_socket ] && [ $i -lt 100 ]; do sleep 0.1; i=$((i + 1)); done
+    fi
+    exec avahi-daemon --no-drop-root --no-chroot --no-rlimits --no-proc-title -f "$0/avahi.conf"'
+  : >"$hdir/avahi.log"
+  setsid ip netns exec "$ns" unshare -m --propagation private sh -c "$inner" "$hdir" "$dbus" \
+    </dev/null >"$hdir/avahi.log" 2>&1 &
+  local pid=$!
+  echo "$pid" >"$hdir/avahi.pid"
+  if ! wait_for 100 grep -q "Server startup complete" "$hdir/avahi.log"; then
+    cat "$hdir/avahi.log" >&2
+    die "avahi-daemon did not start on $host"
+  fi
+  local f name
+  for f in "$hdir"/services/*.service; do
+    [ -e "$f" ] || continue
+    name=$(sed -n 's:.*<name>\(.*\)</name>.*:\1:p' "$f" | sed 's/&lt;/</g; s/&gt;/>/g; s/&amp;/\&/g')
+    wait_established "$run" "$host" "$name" 0 || die "service '$name' was not established on $host"
+  done
+}
+
+stop_pid() { # PIDFILE: SIGTERM, wait up to 5 s, then SIGKILL
+  local pid
+  [ -s "$1" ] || return 0
+  pid=$(cat "$1")
+  rm -f "$1"
+  kill -TERM "$pid" 2>/dev/null || return 0
+  local i
+  for ((i = 0; i < 50; i++)); do
+    kill -0 "$pid" 2>/dev/null || return 0
+    sleep 0.1
+  done
+  kill -KILL "$pid" 2>/dev/null || true
+}
+
+cmd_stop_avahi() {
+  require_host "$1" "$2"
+  local hdir
+  hdir=$(host_dir "$1" "$2")
+  stop_pid "$hdir/avahi.pid"
+  stop_pid "$hdir/dbus.pid"
+}
+
+cmd_browse() {
+  require_host "$1" "$2"
+  [ $# -eq 3 ] || die "browse RUN HOST TYPE"
+  local hdir pid
+  hdir=$(host_dir "$1" "$2")
+  pid=$(daemon_pid "$1" "$2") || die "no avahi-daemon runs on $2"
+  [ -s "$hdir/dbus.pid" ] || die "the daemon on $2 was started without --dbus"
+  timeout 20 nsenter -t "$pid" -m -n avahi-browse -rpt "$3"
+}
+
+capture_base() { echo "$(host_dir "$1" "$2")/capture-$3"; }
+
+cmd_capture_start() {
+  require_host "$1" "$2"
+  [ $# -eq 3 ] || die "capture-start RUN HOST IFACE"
+  local base ns
+  base=$(capture_base "$@")
+  ns=$(host_ns "$1" "$2")
+  [ ! -s "$base.pid" ] || die "a capture runs already on $2 $3"
+  rm -f "$base.pcap"
+  setsid ip netns exec "$ns" tcpdump -i "$3" -n -U -w "$base.pcap" udp port 5353 \
+    </dev/null >"$base.log" 2>&1 &
+  echo $! >"$base.pid"
+  wait_for 100 grep -q "listening on" "$base.log" || die "tcpdump did not start on $2 $3"
+}
+
+cmd_capture_stop() {
+  require_host "$1" "$2"
+  local base pid i
+  base=$(capture_base "$@")
+  [ -s "$base.pid" ] || return 0
+  pid=$(cat "$base.pid")
+  rm -f "$base.pid"
+  # SIGINT lets tcpdump flush the file.
+  kill -INT "$pid" 2>/dev/null || return 0
+  for ((i = 0; i < 50; i++)); do
+    kill -0 "$pid" 2>/dev/null || return 0
+    sleep 0.1
+  done
+  kill -KILL "$pid" 2>/dev/null || true
+}
+
+cmd_capture_count() {
+  require_host "$1" "$2"
+  [ $# -eq 4 ] || die "capture-count RUN HOST IFACE SRC"
+  local base
+  base=$(capture_base "$1" "$2" "$3")
+  [ -e "$base.pcap" ] || die "no capture on $2 $3"
+  # The file may still grow; a cut-off last packet is not an error here.
+  { tcpdump -r "$base.pcap" -n -q "src host $4 and udp dst port 5353" 2>/dev/null || true; } |
+    awk '
+      / UDP, length [0-9]+/ {
+        packets++
+        if (match($0, /UDP, length [0-9]+/)) bytes += substr($0, RSTART + 12, RLENGTH - 12)
+      }
+      END { printf "%d %d\n", packets, bytes }'
+}
+
+cmd_destroy() {
+  check_run "$1"
+  local run=$1 dir ns pids
+  dir=$(state_dir "$run")
+  for ns in $(ip netns list | awk '{ print $1 }' | grep -E "^$run-" || true); do
+    pids=$(ip netns pids "$ns" 2>/dev/null || true)
+    [ -z "$pids" ] || kill -TERM $pids 2>/dev/null || true
+  done
+  for ns in $(ip netns list | awk '{ print $1 }' | grep -E "^$run-" || true); do
+    local i
+    for ((i = 0; i < 30; i++)); do
+      [ -z "$(ip netns pids "$ns" 2>/dev/null)" ] && break
+      sleep 0.1
+    done
+    pids=$(ip netns pids "$ns" 2>/dev/null || true)
+    [ -z "$pids" ] || kill -KILL $pids 2>/dev/null || true
+    ip netns delete "$ns" 2>/dev/null || true
+  done
+  rm -rf "$dir"
+}
+
+run_owner_alive() {
+  local pid=${1#sv}
+  pid=${pid%%x*}
+  kill -0 "$pid" 2>/dev/null
+}
+
+cmd_cleanup_stale() {
+  local run
+  for run in $( (ip netns list | awk '{ print $1 }' | sed -n -E 's/^(sv[0-9]+(x[0-9]+)?)-.*/\1/p'
+    [ -d "$STATE_ROOT" ] && ls "$STATE_ROOT") | sort -u); do
+    [[ $run =~ $RUN_PATTERN ]] || continue
+    run_owner_alive "$run" || cmd_destroy "$run"
+  done
+}
+
+[ $# -ge 1 ] || die "usage: vlan.sh COMMAND ARGS... (see the head of this script)"
+[ "$(id -u)" -eq 0 ] || die "needs root for network namespaces; run as root or with sudo"
+command=$1
+shift
+case "$command" in
+  create) cmd_create "$@" ;;
+  add-lan) cmd_add_lan "$@" ;;
+  add-host) cmd_add_host "$@" ;;
+  netns) cmd_netns "$@" ;;
+  ipv4) cmd_ipv4 "$@" ;;
+  ipv6ll) cmd_ipv6ll "$@" ;;
+  exec) cmd_exec "$@" ;;
+  start-avahi) cmd_start_avahi "$@" ;;
+  add-service) cmd_add_service "$@" ;;
+  remove-service) cmd_remove_service "$@" ;;
+  stop-avahi) cmd_stop_avahi "$@" ;;
+  browse) cmd_browse "$@" ;;
+  capture-start) cmd_capture_start "$@" ;;
+  capture-stop) cmd_capture_stop "$@" ;;
+  capture-count) cmd_capture_count "$@" ;;
+  destroy) cmd_destroy "$@" ;;
+  cleanup-stale) cmd_cleanup_stale ;;
+  *) die "unknown command '$command'" ;;
+esac

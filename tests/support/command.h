@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace sorvalen::test {
+
+// What a finished child program left behind.
+struct CommandResult {
+  int exit_status = -1;  // the exit code, or -1 when it died from a signal
+  std::string out;
+  std::string err;
+
+  bool ok() const { return exit_status == 0; }
+};
+
+// Runs argv[0] (searched in PATH) with the given arguments, collects its
+// output and waits for it.  A child still running after timeout_seconds is
+// killed.  posix_spawn keeps this safe in processes that already run threads
+// (and under the sanitizers).
+CommandResult run_command(const std::vector<std::string>& argv, int timeout_seconds = 120);
+
+}  // namespace sorvalen::test

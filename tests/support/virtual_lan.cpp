@@ -1,0 +1,148 @@
+#include "virtual_lan.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+
+namespace sorvalen::test {
+namespace {
+
+std::string new_run_name() {
+  static std::atomic<unsigned> counter{0};
+  return "sv" + std::to_string(getpid()) + "x" + std::to_string(++counter);
+}
+
+CommandResult run_script(std::vector<std::string> args, int timeout_seconds = 120) {
+  args.insert(args.begin(), {"bash", SORVALEN_VLAN_SCRIPT});
+  return run_command(args, timeout_seconds);
+}
+
+std::string trimmed(std::string text) {
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
+    text.pop_back();
+  return text;
+}
+
+}  // namespace
+
+VirtualLan::VirtualLan() : run_(new_run_name()) {
+  // Leftovers of runs whose process died (a crash, a killed test) go first.
+  run_script({"cleanup-stale"});
+  script({"create", run_});
+}
+
+VirtualLan::~VirtualLan() {
+  run_script({"destroy", run_});
+}
+
+std::string VirtualLan::script(std::vector<std::string> args) const {
+  const std::string command = args.front();
+  args.insert(args.begin() + 1, run_);
+  const CommandResult result = run_script(std::move(args));
+  if (!result.ok())
+    throw std::runtime_error("vlan.sh " + command + " failed: " + trimmed(result.err));
+  return trimmed(result.out);
+}
+
+int VirtualLan::add_lan() {
+  const int lan = lan_count_ + 1;
+  script({"add-lan", std::to_string(lan)});
+  lan_count_ = lan;
+  return lan;
+}
+
+void VirtualLan::add_host(const std::string& host, const std::vector<int>& lans) {
+  std::vector<std::string> args = {"add-host", host};
+  for (int lan : lans)
+    args.push_back(std::to_string(lan));
+  script(args);
+}
+
+std::string VirtualLan::netns(const std::string& host) const {
+  return script({"netns", host});
+}
+
+std::string VirtualLan::host_ipv4(const std::string& host, const std::string& iface) const {
+  return script({"ipv4", host, iface});
+}
+
+std::string VirtualLan::host_ipv6_link_local(const std::string& host, const std::string& iface) const {
+  return script({"ipv6ll", host, iface});
+}
+
+void VirtualLan::start_avahi(const std::string& host, const std::vector<ServiceSpec>& services,
+                             const AvahiOptions& options) {
+  for (const ServiceSpec& service : services)
+    add_service(host, service);
+  std::vector<std::string> args = {"start-avahi", host};
+  if (options.dbus)
+    args.push_back("--dbus");
+  if (!options.host_name.empty())
+    args.insert(args.end(), {"--name", options.host_name});
+  if (!options.interfaces.empty())
+    args.insert(args.end(), {"--interfaces", options.interfaces});
+  script(args);
+}
+
+void VirtualLan::add_service(const std::string& host, const ServiceSpec& service) {
+  std::vector<std::string> args = {"add-service", host, service.name, service.type,
+                                   std::to_string(service.port)};
+  args.insert(args.end(), service.txt.begin(), service.txt.end());
+  script(args);
+}
+
+void VirtualLan::remove_service(const std::string& host, const std::string& name, const std::string& type) {
+  script({"remove-service", host, name, type});
+}
+
+void VirtualLan::stop_avahi(const std::string& host) {
+  script({"stop-avahi", host});
+}
+
+std::string VirtualLan::browse(const std::string& host, const std::string& type) const {
+  return script({"browse", host, type});
+}
+
+std::vector<ResolvedService> VirtualLan::browse_until(
+    const std::string& host, const std::string& type,
+    const std::function<bool(const std::vector<ResolvedService>&)>& done, int timeout_seconds) const {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds);
+  std::vector<ResolvedService> found = parse_resolved_services(browse(host, type));
+  while (!done(found) && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    found = parse_resolved_services(browse(host, type));
+  }
+  return found;
+}
+
+void VirtualLan::start_capture(const std::string& host, const std::string& iface) {
+  script({"capture-start", host, iface});
+}
+
+void VirtualLan::stop_capture(const std::string& host, const std::string& iface) {
+  script({"capture-stop", host, iface});
+}
+
+CaptureCount VirtualLan::capture_count(const std::string& host, const std::string& source_address,
+                                       const std::string& iface) const {
+  const std::string text = script({"capture-count", host, iface, source_address});
+  CaptureCount count;
+  const size_t space = text.find(' ');
+  if (space == std::string::npos)
+    throw std::runtime_error("vlan.sh capture-count printed '" + text + "'");
+  count.packets = std::stoull(text.substr(0, space));
+  count.bytes = std::stoull(text.substr(space + 1));
+  return count;
+}
+
+CommandResult VirtualLan::exec(const std::string& host, const std::vector<std::string>& argv,
+                               int timeout_seconds) const {
+  std::vector<std::string> args = {"ip", "netns", "exec", netns(host)};
+  args.insert(args.end(), argv.begin(), argv.end());
+  return run_command(args, timeout_seconds);
+}
+
+}  // namespace sorvalen::test

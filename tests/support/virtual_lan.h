@@ -1,0 +1,100 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "avahi_browse_output.h"
+#include "command.h"
+
+namespace sorvalen::test {
+
+// One DNS-SD service that an avahi-daemon announces.
+struct ServiceSpec {
+  std::string name;  // instance name, e.g. "Living Room TV"
+  std::string type;  // e.g. "_http._tcp"
+  std::uint16_t port = 0;
+  std::vector<std::string> txt;  // "key=value" strings
+};
+
+struct AvahiOptions {
+  bool dbus = false;       // a private system bus, so that browse() works on this host
+  std::string host_name;   // the announced host name; the host's name when empty
+  std::string interfaces;  // comma-separated; every interface of the host when empty
+};
+
+struct CaptureCount {
+  std::uint64_t packets = 0;
+  std::uint64_t bytes = 0;  // UDP payload bytes
+};
+
+// A set of virtual LANs on this machine for one test: each LAN is a bridge in
+// a private switch namespace, each host a network namespace whose eth0, eth1...
+// are joined to the LANs given to add_host, in that order.  LAN 1 uses
+// 192.0.2.0/24, LAN 2 198.51.100.0/24, LAN 3 203.0.113.0/24 (hosts from .10
+// on); every interface also has an IPv6 link-local address that is usable at
+// once.  Multicast (224.0.0.251, ff02::fb) flows across each LAN.
+//
+// Everything is done by scripts/vlan.sh; this class only names the run and
+// passes the calls on.  Failures throw std::runtime_error with the script's
+// message.  The destructor kills every process of the run and deletes its
+// namespaces.  Needs root (see SV_REQUIRE_VIRTUAL_LAN).
+class VirtualLan {
+ public:
+  VirtualLan();
+  ~VirtualLan();
+
+  VirtualLan(const VirtualLan&) = delete;
+  VirtualLan& operator=(const VirtualLan&) = delete;
+
+  // Adds the next LAN (1, 2, 3) and returns its number.
+  int add_lan();
+  void add_host(const std::string& host, const std::vector<int>& lans);
+
+  // The host's namespace, for NetnsScope or `ip netns exec`.
+  std::string netns(const std::string& host) const;
+  std::string host_ipv4(const std::string& host, const std::string& iface = "eth0") const;
+  std::string host_ipv6_link_local(const std::string& host, const std::string& iface = "eth0") const;
+
+  // Starts avahi-daemon on the host with these services (plus those added
+  // before) and returns once they are all announced.
+  void start_avahi(const std::string& host, const std::vector<ServiceSpec>& services = {},
+                   const AvahiOptions& options = {});
+  // Publishes one more service; with the daemon running, returns once it is announced.
+  void add_service(const std::string& host, const ServiceSpec& service);
+  // Withdraws a service; the daemon sends goodbye packets for it.
+  void remove_service(const std::string& host, const std::string& name, const std::string& type);
+  void stop_avahi(const std::string& host);
+
+  // `avahi-browse -rpt TYPE` on a host whose daemon was started with dbus.
+  std::string browse(const std::string& host, const std::string& type) const;
+  // Browses again and again until `done` accepts what was resolved or the
+  // time is up; returns the last result.  A daemon that has just started, or a
+  // record that has just changed, needs a moment to show.
+  std::vector<ResolvedService> browse_until(
+      const std::string& host, const std::string& type,
+      const std::function<bool(const std::vector<ResolvedService>&)>& done, int timeout_seconds = 10) const;
+
+  // Captures udp port 5353 traffic seen by the host's interface.
+  void start_capture(const std::string& host, const std::string& iface = "eth0");
+  void stop_capture(const std::string& host, const std::string& iface = "eth0");
+  // Packets (and their UDP payload bytes) sent to port 5353 by source_address
+  // so far; the capture may still run.
+  CaptureCount capture_count(const std::string& host, const std::string& source_address,
+                             const std::string& iface = "eth0") const;
+
+  // Runs a program inside the host's namespace.
+  CommandResult exec(const std::string& host, const std::vector<std::string>& argv,
+                     int timeout_seconds = 60) const;
+
+  const std::string& run_name() const { return run_; }
+
+ private:
+  std::string script(std::vector<std::string> args) const;  // stdout, trimmed; throws on failure
+
+  std::string run_;
+  int lan_count_ = 0;
+};
+
+}  // namespace sorvalen::test
