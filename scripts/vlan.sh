@@ -15,9 +15,11 @@
 #   vlan.sh ipv4 RUN HOST [IFACE]           prints the host's IPv4 address (default eth0)
 #   vlan.sh ipv6ll RUN HOST [IFACE]         prints the host's IPv6 link-local address
 #   vlan.sh exec RUN HOST CMD...            runs CMD inside the host's namespace
-#   vlan.sh start-avahi RUN HOST [--dbus] [--name DEVICE] [--interfaces eth0,eth1]
-#                                           starts avahi-daemon (waits until it is up; --dbus gives
-#                                           it a private system bus so avahi-browse works there)
+#   vlan.sh start-avahi RUN HOST [--dbus] [--name DEVICE] [--interfaces eth0,eth1] [--no-wait]
+#                                           starts avahi-daemon and waits until it has announced its
+#                                           services; --dbus gives it a private system bus so that
+#                                           avahi-browse works there
+#   vlan.sh wait-avahi RUN HOST             waits for a daemon started with --no-wait
 #   vlan.sh add-service RUN HOST NAME TYPE PORT [TXT...]
 #                                           publishes a service (waits until established if running)
 #   vlan.sh remove-service RUN HOST NAME TYPE
@@ -73,8 +75,17 @@ wait_for() {
   "$@"
 }
 
-set_sysctl() {
-  ip netns exec "$1" sysctl -q -w "$2" >/dev/null
+run_owner() {
+  local pid=${1#sv}
+  echo "${pid%%x*}"
+}
+
+# The start time of a process (clock ticks since boot), empty when it is gone:
+# together with the pid it tells a run's owner from a later process that got
+# the same pid.
+owner_start_time() {
+  [ -r "/proc/$1/stat" ] || return 0
+  sed 's/.*) //' "/proc/$1/stat" 2>/dev/null | awk '{ print $20 }'
 }
 
 cmd_create() {
@@ -89,8 +100,8 @@ cmd_create() {
   ip netns add "$sw"
   ip -n "$sw" link set lo up
   # Bridge ports carry frames only; keep the switch itself off IPv6.
-  set_sysctl "$sw" net.ipv6.conf.all.disable_ipv6=1
-  set_sysctl "$sw" net.ipv6.conf.default.disable_ipv6=1
+  ip netns exec "$sw" sysctl -q -w net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1 >/dev/null
+  owner_start_time "$(run_owner "$1")" >"$dir/owner"
 }
 
 lan_prefix() {
@@ -162,11 +173,8 @@ cmd_add_host() {
   ip netns add "$ns"
   ip -n "$ns" link set lo up
   # Link-local addresses must be usable at once: no duplicate address detection.
-  local key
-  for key in all default; do
-    set_sysctl "$ns" "net.ipv6.conf.$key.accept_dad=0"
-    set_sysctl "$ns" "net.ipv6.conf.$key.dad_transmits=0"
-  done
+  ip netns exec "$ns" sysctl -q -w net.ipv6.conf.all.accept_dad=0 net.ipv6.conf.default.accept_dad=0 \
+    net.ipv6.conf.all.dad_transmits=0 net.ipv6.conf.default.dad_transmits=0 >/dev/null
   local n=0 lan
   for lan in "$@"; do
     attach "$run" "$host" "$ns" "eth$n" "$lan" "$index"
@@ -292,11 +300,12 @@ cmd_remove_service() {
 
 cmd_start_avahi() {
   require_host "$1" "$2"
-  local run=$1 host=$2 dbus=no device=$2 interfaces=
+  local run=$1 host=$2 dbus=no device=$2 interfaces= wait=yes
   shift 2
   while [ $# -gt 0 ]; do
     case "$1" in
       --dbus) dbus=yes ;;
+      --no-wait) wait=no ;;
       --name) device=$2; shift ;;
       --interfaces) interfaces=$2; shift ;;
       *) die "start-avahi: unknown option $1" ;;
@@ -341,9 +350,16 @@ EOF
   : >"$hdir/avahi.log"
   setsid ip netns exec "$ns" unshare -m --propagation private sh -c "$inner" "$hdir" "$dbus" \
     </dev/null >"$hdir/avahi.log" 2>&1 &
-  local pid=$!
-  echo "$pid" >"$hdir/avahi.pid"
-  if ! wait_for 100 grep -q "Server startup complete" "$hdir/avahi.log"; then
+  echo $! >"$hdir/avahi.pid"
+  [ "$wait" = no ] || cmd_wait_avahi "$run" "$host"
+}
+
+cmd_wait_avahi() {
+  require_host "$1" "$2"
+  local run=$1 host=$2 hdir
+  hdir=$(host_dir "$run" "$host")
+  [ -e "$hdir/avahi.pid" ] || die "avahi-daemon was not started on $host"
+  if ! wait_for 200 grep -q "Server startup complete" "$hdir/avahi.log"; then
     cat "$hdir/avahi.log" >&2
     die "avahi-daemon did not start on $host"
   fi
@@ -457,9 +473,11 @@ cmd_destroy() {
 }
 
 run_owner_alive() {
-  local pid=${1#sv}
-  pid=${pid%%x*}
-  kill -0 "$pid" 2>/dev/null
+  local now recorded
+  now=$(owner_start_time "$(run_owner "$1")")
+  [ -n "$now" ] || return 1
+  recorded=$(cat "$(state_dir "$1")/owner" 2>/dev/null || true)
+  [ -z "$recorded" ] || [ "$recorded" = "$now" ]
 }
 
 cmd_cleanup_stale() {
@@ -484,6 +502,7 @@ case "$command" in
   ipv6ll) cmd_ipv6ll "$@" ;;
   exec) cmd_exec "$@" ;;
   start-avahi) cmd_start_avahi "$@" ;;
+  wait-avahi) cmd_wait_avahi "$@" ;;
   add-service) cmd_add_service "$@" ;;
   remove-service) cmd_remove_service "$@" ;;
   stop-avahi) cmd_stop_avahi "$@" ;;

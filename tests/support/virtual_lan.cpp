@@ -73,10 +73,9 @@ std::string VirtualLan::host_ipv6_link_local(const std::string& host, const std:
   return script({"ipv6ll", host, iface});
 }
 
-void VirtualLan::start_avahi(const std::string& host, const std::vector<ServiceSpec>& services,
-                             const AvahiOptions& options) {
-  for (const ServiceSpec& service : services)
-    add_service(host, service);
+namespace {
+
+std::vector<std::string> start_arguments(const std::string& host, const AvahiOptions& options) {
   std::vector<std::string> args = {"start-avahi", host};
   if (options.dbus)
     args.push_back("--dbus");
@@ -84,7 +83,28 @@ void VirtualLan::start_avahi(const std::string& host, const std::vector<ServiceS
     args.insert(args.end(), {"--name", options.host_name});
   if (!options.interfaces.empty())
     args.insert(args.end(), {"--interfaces", options.interfaces});
-  script(args);
+  return args;
+}
+
+}  // namespace
+
+void VirtualLan::start_avahi(const std::string& host, const std::vector<ServiceSpec>& services,
+                             const AvahiOptions& options) {
+  for (const ServiceSpec& service : services)
+    add_service(host, service);
+  script(start_arguments(host, options));
+}
+
+void VirtualLan::start_avahi_all(const std::vector<AvahiHost>& daemons) {
+  for (const AvahiHost& d : daemons) {
+    for (const ServiceSpec& service : d.services)
+      add_service(d.host, service);
+    std::vector<std::string> args = start_arguments(d.host, d.options);
+    args.push_back("--no-wait");
+    script(args);
+  }
+  for (const AvahiHost& d : daemons)
+    script({"wait-avahi", d.host});
 }
 
 void VirtualLan::add_service(const std::string& host, const ServiceSpec& service) {

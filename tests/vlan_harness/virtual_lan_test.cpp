@@ -42,8 +42,7 @@ class VirtualLanTest : public ::testing::Test {
 TEST_F(VirtualLanTest, QuerierResolvesDeviceOverIpv4AndIpv6) {
   lan_->add_host("querier", {1});
   lan_->add_host("tv", {1});
-  lan_->start_avahi("tv", {kTv});
-  lan_->start_avahi("querier", {}, kBrowsing);
+  lan_->start_avahi_all({{"tv", {kTv}, {}}, {"querier", {}, kBrowsing}});
 
   const std::string v4 = lan_->host_ipv4("tv");
   const std::string v6 = lan_->host_ipv6_link_local("tv");
@@ -65,8 +64,7 @@ TEST_F(VirtualLanTest, PublishedServicesAppearAndWithdrawnOnesDisappear) {
   lan_->add_host("printer", {1});
   const ServiceSpec ipp{"Office Printer", "_ipp._tcp", 631, {"rp=ipp/print"}};
   const ServiceSpec scanner{"Office Scanner", "_ipp._tcp", 8631, {}};
-  lan_->start_avahi("printer", {ipp});
-  lan_->start_avahi("querier", {}, kBrowsing);
+  lan_->start_avahi_all({{"printer", {ipp}, {}}, {"querier", {}, kBrowsing}});
   ASSERT_TRUE(has_name(
       lan_->browse_until("querier", "_ipp._tcp", [&](const auto& f) { return has_name(f, ipp.name); }),
       ipp.name));
@@ -93,10 +91,10 @@ TEST_F(VirtualLanTest, HostOnTwoLansSeesBothWhileTheLansStaySeparate) {
   lan_->add_host("speaker", {2});
   lan_->add_host("neighbour", {2});
   const ServiceSpec speaker{"Kitchen Speaker", "_http._tcp", 80, {}};
-  lan_->start_avahi("tv", {kTv});
-  lan_->start_avahi("speaker", {speaker});
-  lan_->start_avahi("querier", {}, kBrowsing);
-  lan_->start_avahi("neighbour", {}, kBrowsing);
+  lan_->start_avahi_all({{"tv", {kTv}, {}},
+                         {"speaker", {speaker}, {}},
+                         {"querier", {}, kBrowsing},
+                         {"neighbour", {}, kBrowsing}});
 
   EXPECT_EQ(lan_->host_ipv4("querier", "eth1"), "198.51.100.10");
   const std::string tv = lan_->host_ipv4("tv");
