@@ -325,11 +325,12 @@ void mark_usable(InterfaceSnapshot& snapshot) {
   for (size_t i = 0; i < snapshot.count; ++i) {
     NetworkInterfaceInfo& entry = snapshot.entries[i];
     const InterfaceFlags& flags = snapshot.flags[i];
-    // The loopback interface often lacks the multicast flag yet carries
-    // multicast to local listeners, which is all it is used for.
-    const bool candidate = flags.up && (flags.multicast || flags.loopback);
-    entry.v4usable = candidate && interface_has_family(entry, kFamilyV4) ? 1 : 0;
-    entry.v6usable = candidate && interface_has_family(entry, kFamilyV6) ? 1 : 0;
+    // The loopback interface usually lacks the multicast flag, yet carries
+    // IPv4 multicast to local listeners; IPv6 has no multicast route there.
+    const bool v4_candidate = flags.up && (flags.multicast || flags.loopback);
+    const bool v6_candidate = flags.up && flags.multicast;
+    entry.v4usable = v4_candidate && interface_has_family(entry, kFamilyV4) ? 1 : 0;
+    entry.v6usable = v6_candidate && interface_has_family(entry, kFamilyV6) ? 1 : 0;
     if (!flags.loopback && (entry.v4usable || entry.v6usable)) {
       other_usable = true;
     }

@@ -166,6 +166,8 @@ const HostInterface kEth1{"eth1", 3, up_multicast(), {{"198.51.100.10", 24}}};
 TEST_F(InterfaceTable, LoopbackIsUsedOnlyWhenNothingElseIs) {
   read({kLo});
   EXPECT_EQ(listed_names(head), Names{"lo"});
+  EXPECT_TRUE(head->v4usable);
+  EXPECT_FALSE(head->v6usable);  // no IPv6 multicast route without the multicast flag
   read({kLo, kEth0});
   EXPECT_EQ(listed_names(head), Names{"eth0"});
   ASSERT_EQ(removed.count, 1u);

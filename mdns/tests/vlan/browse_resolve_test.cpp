@@ -1,0 +1,140 @@
+// Browsing and resolving on one virtual LAN, against avahi-daemon.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "core_on_lan.h"
+#include "virtual_lan.h"
+#include "virtual_lan_requirement.h"
+
+namespace mdns::vlan_test {
+namespace {
+
+using sorvalen::test::ServiceSpec;
+using sorvalen::test::VirtualLan;
+
+const ServiceSpec kPrinter{"Office Printer", "_ipp._tcp", 631, {"rp=ipp/print"}};
+const ServiceSpec kScanner{"Office Scanner", "_ipp._tcp", 8631, {}};
+
+// Generous: avahi answers within a second; the machine may be busy.
+constexpr int kFindMs = 15000;
+
+class BrowseResolveOnLan : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SV_REQUIRE_VIRTUAL_LAN();
+    lan_ = std::make_unique<VirtualLan>();
+    lan_->add_lan();
+    lan_->add_host("querier", {1});
+    lan_->add_host("printer", {1});
+    lan_->start_avahi("printer", {kPrinter, kScanner});
+  }
+
+  std::unique_ptr<CoreOnLan> start_core() {
+    auto core = std::make_unique<CoreOnLan>(lan_->netns("querier"));
+    EXPECT_TRUE(core->started()) << "mDNS_Init: " << core->status();
+    return core;
+  }
+
+  std::unique_ptr<VirtualLan> lan_;
+};
+
+TEST_F(BrowseResolveOnLan, FindsAndResolvesOverBothFamilies) {
+  auto core = start_core();
+  ASSERT_TRUE(core->started());
+  EXPECT_EQ(core->interface_names(), std::vector<std::string>{"eth0"});
+
+  Browse browse;
+  ASSERT_EQ(core->browse(browse, "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core->run_until(
+      [&] { return browse.adds_of("Office Printer") && browse.adds_of("Office Scanner"); }, kFindMs));
+  EXPECT_EQ(browse.events.front().interface_id, core->interface_id("eth0"));
+
+  Resolve resolve;
+  ASSERT_EQ(core->resolve(resolve, "Office Printer", "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core->run_until(
+      [&] { return resolve.has_family(mDNSAddrType_IPv4) && resolve.has_family(mDNSAddrType_IPv6); },
+      kFindMs));
+  for (const ResolveResult& r : resolve.results) {
+    EXPECT_EQ(r.port, 631);
+    const std::string text = address_text(r.ip);
+    if (r.ip.type == mDNSAddrType_IPv4) {
+      EXPECT_EQ(text, lan_->host_ipv4("printer"));
+    } else {
+      EXPECT_EQ(text, lan_->host_ipv6_link_local("printer"));
+    }
+  }
+  const std::string txt(reinterpret_cast<const char*>(resolve.info.TXTinfo), resolve.info.TXTlen);
+  EXPECT_NE(txt.find("rp=ipp/print"), std::string::npos);
+  mDNS_StopResolveService(&core->core(), &resolve.query);
+  mDNS_StopQuery(&core->core(), &browse.question);
+}
+
+TEST_F(BrowseResolveOnLan, ResolveCompletesFromTheRecordsThatCameWithTheBrowse) {
+  auto core = start_core();
+  ASSERT_TRUE(core->started());
+  Browse browse;
+  ASSERT_EQ(core->browse(browse, "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core->run_until([&] { return browse.adds_of("Office Printer") > 0; }, kFindMs));
+  // Only the resolve's own questions may ask from here on.
+  mDNS_StopQuery(&core->core(), &browse.question);
+
+  Resolve resolve;
+  const mDNSu32 queries_before = core->core().counters.queries_sent;
+  ASSERT_EQ(core->resolve(resolve, "Office Printer", "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core->run_until([&] { return !resolve.results.empty(); }, kFindMs));
+  EXPECT_EQ(resolve.queries_sent_at_first_result, queries_before)
+      << "the answer's additional records should have completed the resolve";
+  EXPECT_EQ(address_text(resolve.results.front().ip), lan_->host_ipv4("printer"));
+  mDNS_StopResolveService(&core->core(), &resolve.query);
+}
+
+TEST_F(BrowseResolveOnLan, WithdrawnAndStoppedServicesAreRemoved) {
+  auto core = start_core();
+  ASSERT_TRUE(core->started());
+  Browse browse;
+  ASSERT_EQ(core->browse(browse, "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core->run_until(
+      [&] { return browse.adds_of("Office Printer") && browse.adds_of("Office Scanner"); }, kFindMs));
+
+  lan_->remove_service("printer", "Office Scanner", "_ipp._tcp");
+  ASSERT_TRUE(core->run_until([&] { return browse.removes_of("Office Scanner") > 0; }, kFindMs));
+  EXPECT_EQ(browse.removes_of("Office Printer"), 0);
+
+  lan_->stop_avahi("printer");
+  EXPECT_TRUE(core->run_until([&] { return browse.removes_of("Office Printer") > 0; }, kFindMs));
+  mDNS_StopQuery(&core->core(), &browse.question);
+}
+
+// With the other family's socket closed, each family alone finds the device.
+class OneFamilyOnLan : public BrowseResolveOnLan, public ::testing::WithParamInterface<int> {};
+
+TEST_P(OneFamilyOnLan, FindsTheDevice) {
+  auto core = start_core();
+  ASSERT_TRUE(core->started());
+  const int family = GetParam();
+  int& other = family == mDNSAddrType_IPv4 ? core->platform().sock_v6 : core->platform().sock_v4;
+  ASSERT_GE(other, 0);
+  close(other);
+  other = -1;
+
+  Browse browse;
+  ASSERT_EQ(core->browse(browse, "_ipp._tcp"), mStatus_NoError);
+  Resolve resolve;
+  ASSERT_TRUE(core->run_until([&] { return browse.adds_of("Office Printer") > 0; }, kFindMs));
+  ASSERT_EQ(core->resolve(resolve, "Office Printer", "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core->run_until([&] { return resolve.has_family(family); }, kFindMs));
+  mDNS_StopResolveService(&core->core(), &resolve.query);
+  mDNS_StopQuery(&core->core(), &browse.question);
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, OneFamilyOnLan, ::testing::Values(mDNSAddrType_IPv4, mDNSAddrType_IPv6),
+                         [](const ::testing::TestParamInfo<int>& param) {
+                           return param.param == mDNSAddrType_IPv4 ? std::string("IPv4")
+                                                                   : std::string("IPv6");
+                         });
+
+}  // namespace
+}  // namespace mdns::vlan_test

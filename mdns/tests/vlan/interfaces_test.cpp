@@ -1,0 +1,146 @@
+// Two LANs on two interfaces, interface refreshes, and sharing the port with
+// an avahi-daemon on the querier's own host.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "avahi_browse_output.h"
+#include "core_on_lan.h"
+#include "virtual_lan.h"
+#include "virtual_lan_requirement.h"
+
+namespace mdns::vlan_test {
+namespace {
+
+using sorvalen::test::AvahiOptions;
+using sorvalen::test::ServiceSpec;
+using sorvalen::test::VirtualLan;
+
+const ServiceSpec kTv{"Hall TV", "_http._tcp", 8008, {}};
+const ServiceSpec kSpeaker{"Garden Speaker", "_http._tcp", 8080, {}};
+
+constexpr int kFindMs = 15000;
+// Long enough for several queries of a running browse to go unanswered.
+constexpr int kQuietMs = 4000;
+
+const BrowseEvent* first_add(const Browse& browse, const std::string& instance) {
+  for (const auto& e : browse.events) {
+    if (e.add && e.instance == instance) {
+      return &e;
+    }
+  }
+  return nullptr;
+}
+
+class TwoLans : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SV_REQUIRE_VIRTUAL_LAN();
+    lan_ = std::make_unique<VirtualLan>();
+    lan_->add_lan();
+    lan_->add_lan();
+    lan_->add_host("querier", {1, 2});
+    lan_->add_host("tv", {1});
+    lan_->add_host("speaker", {2});
+    lan_->start_avahi("tv", {kTv});
+    lan_->start_avahi("speaker", {kSpeaker});
+    core_ = std::make_unique<CoreOnLan>(lan_->netns("querier"));
+    ASSERT_TRUE(core_->started()) << "mDNS_Init: " << core_->status();
+  }
+
+  void TearDown() override { core_.reset(); }
+
+  std::unique_ptr<VirtualLan> lan_;
+  std::unique_ptr<CoreOnLan> core_;
+};
+
+TEST_F(TwoLans, EachDeviceIsSeenOnItsOwnInterface) {
+  EXPECT_EQ(core_->interface_names(), (std::vector<std::string>{"eth0", "eth1"}));
+  const mDNSInterfaceID eth0 = core_->interface_id("eth0");
+  const mDNSInterfaceID eth1 = core_->interface_id("eth1");
+  ASSERT_NE(eth0, eth1);
+
+  Browse any;
+  ASSERT_EQ(core_->browse(any, "_http._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until([&] { return first_add(any, "Hall TV") && first_add(any, "Garden Speaker"); },
+                               kFindMs));
+  EXPECT_EQ(first_add(any, "Hall TV")->interface_id, eth0);
+  EXPECT_EQ(first_add(any, "Garden Speaker")->interface_id, eth1);
+  mDNS_StopQuery(&core_->core(), &any.question);
+
+  Resolve tv;
+  ASSERT_EQ(core_->resolve(tv, "Hall TV", "_http._tcp", eth0), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until([&] { return tv.has_family(mDNSAddrType_IPv4); }, kFindMs));
+  EXPECT_EQ(address_text(tv.results.front().ip), lan_->host_ipv4("tv"));
+  mDNS_StopResolveService(&core_->core(), &tv.query);
+}
+
+TEST_F(TwoLans, ABrowseOnOneInterfaceSeesOnlyThatLan) {
+  Browse only_eth1;
+  ASSERT_EQ(core_->browse(only_eth1, "_http._tcp", core_->interface_id("eth1")), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until([&] { return first_add(only_eth1, "Garden Speaker") != nullptr; }, kFindMs));
+  core_->run_for(kQuietMs);
+  EXPECT_EQ(first_add(only_eth1, "Hall TV"), nullptr);
+  for (const auto& e : only_eth1.events) {
+    EXPECT_EQ(e.interface_id, core_->interface_id("eth1"));
+  }
+  mDNS_StopQuery(&core_->core(), &only_eth1.question);
+}
+
+TEST_F(TwoLans, RefreshDropsAVanishedInterfaceAndTakesItBack) {
+  Browse any;
+  ASSERT_EQ(core_->browse(any, "_http._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until([&] { return first_add(any, "Hall TV") && first_add(any, "Garden Speaker"); },
+                               kFindMs));
+  const mDNSInterfaceID eth1 = core_->interface_id("eth1");
+
+  ASSERT_TRUE(lan_->exec("querier", {"ip", "link", "set", "eth1", "down"}).ok());
+  ASSERT_EQ(core_->refresh_interfaces(), mStatus_NoError);
+  EXPECT_EQ(core_->interface_names(), std::vector<std::string>{"eth0"});
+  EXPECT_EQ(any.removes_of("Garden Speaker"), 1);
+  EXPECT_EQ(any.removes_of("Hall TV"), 0);
+
+  ASSERT_TRUE(lan_->exec("querier", {"ip", "link", "set", "eth1", "up"}).ok());
+  // The link-local IPv6 address may take a moment to come back.
+  ASSERT_TRUE(core_->run_until(
+      [&] {
+        return core_->refresh_interfaces() == mStatus_NoError &&
+               core_->interface_names() == std::vector<std::string>{"eth0", "eth1"};
+      },
+      kFindMs));
+  EXPECT_EQ(core_->interface_id("eth1"), eth1);
+  // The browse keeps asking; its next query also goes out on eth1 again.
+  EXPECT_TRUE(core_->run_until([&] { return any.adds_of("Garden Speaker") == 2; }, 70000));
+  mDNS_StopQuery(&core_->core(), &any.question);
+}
+
+TEST(SharedPort, CoexistsWithAvahiOnTheSameHost) {
+  SV_REQUIRE_VIRTUAL_LAN();
+  VirtualLan lan;
+  lan.add_lan();
+  lan.add_host("querier", {1});
+  lan.add_host("tv", {1});
+  lan.start_avahi("tv", {kTv});
+  AvahiOptions with_bus;
+  with_bus.dbus = true;
+  lan.start_avahi("querier", {}, with_bus);
+
+  CoreOnLan core(lan.netns("querier"));
+  ASSERT_TRUE(core.started()) << "mDNS_Init beside avahi-daemon: " << core.status();
+  Browse browse;
+  ASSERT_EQ(core.browse(browse, "_http._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core.run_until([&] { return first_add(browse, "Hall TV") != nullptr; }, kFindMs));
+  // And the daemon beside us still gets its answers.
+  const std::string seen_by_daemon = lan.browse("querier", "_http._tcp");
+  bool daemon_resolved_tv = false;
+  for (const auto& service : sorvalen::test::parse_resolved_services(seen_by_daemon)) {
+    daemon_resolved_tv = daemon_resolved_tv || (service.name == "Hall TV" && service.port == 8008);
+  }
+  EXPECT_TRUE(daemon_resolved_tv) << seen_by_daemon;
+  mDNS_StopQuery(&core.core(), &browse.question);
+}
+
+}  // namespace
+}  // namespace mdns::vlan_test
