@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -88,69 +89,110 @@ bool bring_loopback_up() {
   return ok;
 }
 
-struct LoopbackRun {
+// The core started on a thread of its own, which alone enters a fresh
+// namespace with nothing but loopback; the namespace goes with the thread's
+// sockets.  `body` runs on that thread; gtest assertions work there.
+void on_loopback_only(const std::function<void(mDNS&)>& body) {
   std::string failure;
-  std::vector<std::string> interfaces;
-  mDNSu32 sent = 0;
-  mDNSu32 received = 0;
-  bool sent_v4 = false;
-  bool sent_v6 = false;
-};
-
-// Runs on its own thread, which alone enters a fresh namespace with nothing
-// but loopback; the namespace goes when the thread's sockets close.
-void run_core_on_loopback_only(LoopbackRun& run) {
-  if (unshare(CLONE_NEWNET) != 0) {
-    run.failure = std::string("unshare: ") + std::strerror(errno);
-    return;
-  }
-  if (!bring_loopback_up()) {
-    run.failure = "cannot bring lo up";
-    return;
-  }
-  auto m = std::make_unique<mDNS>();
-  auto p = std::make_unique<mDNS_PlatformSupport>();
-  std::vector<CacheEntity> cache(50);
-  if (mDNS_Init(m.get(), p.get(), cache.data(), 50, mDNSfalse, nullptr, nullptr) != mStatus_NoError) {
-    run.failure = "mDNS_Init failed";
-    return;
-  }
-  for (const NetworkInterfaceInfo* i = m->HostInterfaces; i != nullptr; i = i->next) {
-    run.interfaces.emplace_back(i->ifname);
-  }
-  // Our own query comes back over loopback and is counted (and then dropped).
-  const uint8_t query[12] = {0x12, 0x34};
-  const mDNSInterfaceID lo = m->HostInterfaces != nullptr ? m->HostInterfaces->InterfaceID : nullptr;
-  run.sent_v4 = platform_send(m.get(), lo, mDNSAddrType_IPv4, query, sizeof query);
-  run.sent_v6 = platform_send(m.get(), lo, mDNSAddrType_IPv6, query, sizeof query);
-  for (int pass = 0; pass < 20 && m->counters.packets_received < 1; ++pass) {
-    fd_set readfds;
-    FD_ZERO(&readfds);
-    int nfds = 0;
-    timeval timeout{0, 100000};
-    mDNSPosixGetFDSet(m.get(), &nfds, &readfds, &timeout);
-    if (select(nfds, &readfds, nullptr, nullptr, &timeout) < 0) {
-      FD_ZERO(&readfds);
+  std::thread worker([&] {
+    if (unshare(CLONE_NEWNET) != 0) {
+      failure = std::string("unshare: ") + std::strerror(errno);
+      return;
     }
-    mDNSPosixProcessFDSet(m.get(), &readfds);
+    if (!bring_loopback_up()) {
+      failure = "cannot bring lo up";
+      return;
+    }
+    auto m = std::make_unique<mDNS>();
+    auto p = std::make_unique<mDNS_PlatformSupport>();
+    std::vector<CacheEntity> cache(50);
+    if (mDNS_Init(m.get(), p.get(), cache.data(), 50, mDNSfalse, nullptr, nullptr) != mStatus_NoError) {
+      failure = "mDNS_Init failed";
+      return;
+    }
+    body(*m);
+    mDNS_FinalExit(m.get());
+  });
+  worker.join();
+  ASSERT_TRUE(failure.empty()) << failure;
+}
+
+// One pass of an application's loop, waiting at most `wait_ms`.
+void one_pass(mDNS& m, int wait_ms) {
+  fd_set readfds;
+  FD_ZERO(&readfds);
+  int nfds = 0;
+  timeval timeout{0, static_cast<suseconds_t>(wait_ms * 1000)};
+  mDNSPosixGetFDSet(&m, &nfds, &readfds, &timeout);
+  if (select(nfds, &readfds, nullptr, nullptr, &timeout) < 0) {
+    FD_ZERO(&readfds);
   }
-  run.sent = m->counters.packets_sent;
-  run.received = m->counters.packets_received;
-  mDNS_FinalExit(m.get());
+  mDNSPosixProcessFDSet(&m, &readfds);
 }
 
 TEST(CoreSockets, FallBackToLoopbackWhenItIsAllThereIs) {
   SV_REQUIRE_VIRTUAL_LAN();
-  LoopbackRun run;
-  std::thread worker(run_core_on_loopback_only, std::ref(run));
-  worker.join();
-  ASSERT_TRUE(run.failure.empty()) << run.failure;
-  EXPECT_EQ(run.interfaces, std::vector<std::string>{"lo"});
-  EXPECT_TRUE(run.sent_v4);
-  // Without the multicast flag, loopback has no IPv6 multicast route.
-  EXPECT_FALSE(run.sent_v6);
-  EXPECT_EQ(run.sent, 1u);
-  EXPECT_EQ(run.received, 1u);
+  on_loopback_only([](mDNS& m) {
+    ASSERT_NE(m.HostInterfaces, nullptr);
+    EXPECT_STREQ(m.HostInterfaces->ifname, "lo");
+    EXPECT_EQ(m.HostInterfaces->next, nullptr);
+    // Our own query comes back over loopback and is counted (and then dropped).
+    const uint8_t query[12] = {0x12, 0x34};
+    const mDNSInterfaceID lo = m.HostInterfaces->InterfaceID;
+    EXPECT_TRUE(platform_send(&m, lo, mDNSAddrType_IPv4, query, sizeof query));
+    // Without the multicast flag, loopback has no IPv6 multicast route.
+    EXPECT_FALSE(platform_send(&m, lo, mDNSAddrType_IPv6, query, sizeof query));
+    for (int pass = 0; pass < 20 && m.counters.packets_received < 1; ++pass) {
+      one_pass(m, 100);
+    }
+    EXPECT_EQ(m.counters.packets_sent, 1u);
+    EXPECT_EQ(m.counters.packets_received, 1u);
+  });
+}
+
+// Sends `count` datagrams of `size` bytes to the IPv4 group over loopback.
+void send_to_group_on_loopback(int count, size_t size) {
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(fd, 0);
+  ip_mreqn out_if{};
+  out_if.imr_ifindex = static_cast<int>(if_nametoindex("lo"));
+  ASSERT_EQ(setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &out_if, sizeof out_if), 0);
+  sockaddr_in group{};
+  group.sin_family = AF_INET;
+  group.sin_port = htons(5353);
+  group.sin_addr.s_addr = htonl(0xE00000FB);  // 224.0.0.251
+  const std::vector<uint8_t> message(size, 0);
+  for (int i = 0; i < count; ++i) {
+    ASSERT_EQ(sendto(fd, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&group),
+                     sizeof group),
+              static_cast<ssize_t>(message.size()));
+  }
+  close(fd);
+}
+
+TEST(CoreSockets, APassReadsABoundedNumberOfDatagrams) {
+  SV_REQUIRE_VIRTUAL_LAN();
+  on_loopback_only([](mDNS& m) {
+    send_to_group_on_loopback(100, 12);
+    one_pass(m, 1000);
+    // A flood waits for later passes instead of holding this one.
+    EXPECT_EQ(m.counters.packets_received, 64u);
+    one_pass(m, 1000);
+    EXPECT_EQ(m.counters.packets_received, 100u);
+  });
+}
+
+TEST(CoreSockets, ADatagramLargerThanTheBufferIsDropped) {
+  SV_REQUIRE_VIRTUAL_LAN();
+  on_loopback_only([](mDNS& m) {
+    send_to_group_on_loopback(1, sizeof m.rxbuf + 100);
+    for (int pass = 0; pass < 20 && m.counters.packets_received < 1; ++pass) {
+      one_pass(m, 100);
+    }
+    EXPECT_EQ(m.counters.packets_received, 1u);
+    EXPECT_EQ(m.counters.packets_dropped, 1u);
+    EXPECT_EQ(m.counters.packets_accepted, 0u);
+  });
 }
 
 }  // namespace
