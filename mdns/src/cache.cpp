@@ -60,32 +60,142 @@ void unlink_from_bucket(mDNS* m, CacheRecord* rr) {
   }
 }
 
-// The entry nearest its expiry among those answering no active question, else
-// the entry nearest its expiry.
-CacheRecord* choose_victim(mDNS* m, int32_t now) {
-  CacheRecord* idle = nullptr;
-  CacheRecord* any = nullptr;
+// Whether a record answers an active question only changes when a question
+// starts or stops, so the answer is kept until then.
+bool answers_active_question(mDNS* m, CacheRecord* rr) {
+  if (rr->AnswerCheckGeneration != m->QuestionGeneration) {
+    rr->AnswersQuestion = record_answers_active_question(m, rr->resrec) ? 1 : 0;
+    rr->AnswerCheckGeneration = m->QuestionGeneration;
+  }
+  return rr->AnswersQuestion != 0;
+}
+
+// Eviction takes the entry nearest its expiry among those answering no active
+// question, else the entry nearest its expiry.  A full scan for every eviction
+// would make a full cache slow to churn, so one scan lists the next few victims
+// of both kinds in expiry order.  A list that is not full holds every entry of
+// its kind; a new entry joins in its place (pushing out the last one if the
+// list is full, after which it no longer holds every entry of its kind).  Any
+// entry whose expiry moves earlier drops both lists, and a question starting or
+// stopping drops the idle list.
+constexpr mDNSu32 kListSize = mDNS_EvictionCandidates;
+
+void drop_consumed(mDNSEvictionList& list) {
+  if (list.next == 0) {
+    return;
+  }
+  const mDNSu32 left = list.count - list.next;
+  for (mDNSu32 i = 0; i < left; ++i) {
+    list.entry[i] = list.entry[list.next + i];
+    list.expiry[i] = list.expiry[list.next + i];
+  }
+  list.count = left;
+  list.next = 0;
+}
+
+// Inserts in expiry order, dropping the last entry of a full list.
+void list_insert(mDNSEvictionList& list, mDNSu32 entry, int32_t expiry) {
+  drop_consumed(list);
+  mDNSu32 pos = list.count;
+  if (pos == kListSize) {
+    list.complete = 0;
+    if (time_diff(expiry, list.expiry[pos - 1]) >= 0) {
+      return;
+    }
+    --pos;
+  } else {
+    list.count++;
+  }
+  while (pos > list.next && time_diff(expiry, list.expiry[pos - 1]) < 0) {
+    list.entry[pos] = list.entry[pos - 1];
+    list.expiry[pos] = list.expiry[pos - 1];
+    --pos;
+  }
+  list.entry[pos] = entry;
+  list.expiry[pos] = expiry;
+}
+
+void list_note_new_entry(mDNSEvictionList& list, mDNSu32 entry, int32_t expiry) {
+  if (list.valid) {
+    list_insert(list, entry, expiry);
+  }
+}
+
+void note_new_entry(mDNS* m, CacheRecord* rr) {
+  const mDNSu32 entry = index_plus_one_of(m, rr);
+  list_note_new_entry(m->EvictAny, entry, rr->ExpiryTime);
+  if (m->EvictIdle.valid && m->EvictGeneration == m->QuestionGeneration && !answers_active_question(m, rr)) {
+    list_note_new_entry(m->EvictIdle, entry, rr->ExpiryTime);
+  }
+}
+
+void invalidate_eviction_lists(mDNS* m) {
+  m->EvictIdle.valid = 0;
+  m->EvictAny.valid = 0;
+}
+
+void build_eviction_lists(mDNS* m) {
+  mDNSEvictionList& idle = m->EvictIdle;
+  mDNSEvictionList& any = m->EvictAny;
+  idle.count = idle.next = 0;
+  any.count = any.next = 0;
+  idle.complete = any.complete = 1;
   for (mDNSu32 i = 0; i < m->rrcache_size; ++i) {
     CacheRecord* rr = &m->rrcache[i].r;
     if (!rr->InUse) {
       continue;
     }
-    if (any == nullptr || time_diff(rr->ExpiryTime, any->ExpiryTime) < 0) {
-      any = rr;
-    }
-    // Checking the questions is the costly part: only for a possible improvement.
-    if ((idle == nullptr || time_diff(rr->ExpiryTime, idle->ExpiryTime) < 0) &&
-        !record_answers_active_question(m, rr->resrec)) {
-      idle = rr;
+    list_insert(any, i + 1, rr->ExpiryTime);
+    if (!answers_active_question(m, rr)) {
+      list_insert(idle, i + 1, rr->ExpiryTime);
     }
   }
-  (void)now;
-  return idle != nullptr ? idle : any;
+  idle.valid = 1;
+  any.valid = 1;
+  m->EvictGeneration = m->QuestionGeneration;
+}
+
+// Refreshed or replaced entries are no longer where the list put them.
+CacheRecord* list_pop(mDNS* m, mDNSEvictionList& list, bool need_idle) {
+  while (list.next < list.count) {
+    const mDNSu32 at = list.next++;
+    CacheRecord* rr = entry_at(m, list.entry[at]);
+    if (rr->InUse && rr->ExpiryTime == list.expiry[at] && (!need_idle || !answers_active_question(m, rr))) {
+      return rr;
+    }
+  }
+  return nullptr;
+}
+
+bool lists_usable(const mDNS* m) {
+  return m->EvictIdle.valid && m->EvictAny.valid && m->EvictGeneration == m->QuestionGeneration;
+}
+
+CacheRecord* choose_victim(mDNS* m) {
+  if (!lists_usable(m)) {
+    build_eviction_lists(m);
+  }
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    if (CacheRecord* rr = list_pop(m, m->EvictIdle, true)) {
+      return rr;
+    }
+    // An exhausted idle list that held every idle entry: none is left.
+    if (m->EvictIdle.complete) {
+      if (CacheRecord* rr = list_pop(m, m->EvictAny, false)) {
+        return rr;
+      }
+      if (m->EvictAny.complete) {
+        return nullptr;
+      }
+    }
+    build_eviction_lists(m);
+  }
+  return nullptr;
 }
 
 CacheRecord* take_free_entry(mDNS* m, int32_t now) {
   if (m->CacheFree == 0) {
-    CacheRecord* victim = choose_victim(m, now);
+    CacheRecord* victim = choose_victim(m);
     if (victim == nullptr) {
       return nullptr;
     }
@@ -102,6 +212,7 @@ CacheRecord* take_free_entry(mDNS* m, int32_t now) {
 }  // namespace
 
 void cache_reset(mDNS* m) {
+  invalidate_eviction_lists(m);
   m->CacheFree = 0;
   m->CacheUsed = 0;
   for (mDNSu32 b = 0; b < mDNS_CacheBuckets; ++b) {
@@ -124,11 +235,34 @@ CacheRecord* cache_bucket_next(mDNS* m, const CacheRecord* rr) {
   return entry_at(m, rr->NextInBucket);
 }
 
-CacheRecord* cache_find(mDNS* m, const ParsedRecord& rec, uint32_t namehash, mDNSInterfaceID interface_id) {
+uint32_t rdata_hash(uint16_t rrtype, const RData& rdata) {
+  switch (rrtype) {
+    case kDNSType_PTR:
+      return name_hash(rdata.u.name);
+    case kDNSType_SRV:
+      return name_hash(rdata.u.srv.target) ^ (static_cast<uint32_t>(rdata.u.srv.port.NotAnInteger) << 16) ^
+             rdata.u.srv.priority ^ (static_cast<uint32_t>(rdata.u.srv.weight) << 8);
+    default:
+      break;
+  }
+  uint32_t h = 2166136261u;  // FNV-1a over ASCII-lowered bytes
+  const size_t n = rdata.length < sizeof(rdata.u.data) ? rdata.length : sizeof(rdata.u.data);
+  for (size_t i = 0; i < n; ++i) {
+    uint8_t c = rdata.u.data[i];
+    if (c >= 'A' && c <= 'Z') {
+      c = static_cast<uint8_t>(c + ('a' - 'A'));
+    }
+    h = (h ^ c) * 16777619u;
+  }
+  return h;
+}
+
+CacheRecord* cache_find(mDNS* m, const ParsedRecord& rec, uint32_t namehash, uint32_t datahash,
+                        mDNSInterfaceID interface_id) {
   for (CacheRecord* rr = cache_bucket_first(m, namehash); rr != nullptr; rr = cache_bucket_next(m, rr)) {
     const ResourceRecord& r = rr->resrec;
-    if (r.namehash == namehash && r.rrtype == rec.rrtype && r.rrclass == rec.rrclass &&
-        r.InterfaceID == interface_id && names_equal(*r.name, rec.name) &&
+    if (r.namehash == namehash && rr->RDataHash == datahash && r.rrtype == rec.rrtype &&
+        r.rrclass == rec.rrclass && r.InterfaceID == interface_id && names_equal(*r.name, rec.name) &&
         rdata_equal(r.rrtype, *r.rdata, rec.rdata)) {
       return rr;
     }
@@ -136,8 +270,8 @@ CacheRecord* cache_find(mDNS* m, const ParsedRecord& rec, uint32_t namehash, mDN
   return nullptr;
 }
 
-CacheRecord* cache_insert(mDNS* m, const ParsedRecord& rec, uint32_t namehash, mDNSInterfaceID interface_id,
-                          int32_t now) {
+CacheRecord* cache_insert(mDNS* m, const ParsedRecord& rec, uint32_t namehash, uint32_t datahash,
+                          mDNSInterfaceID interface_id, int32_t now) {
   CacheRecord* rr = take_free_entry(m, now);
   if (rr == nullptr) {
     return nullptr;
@@ -152,6 +286,8 @@ CacheRecord* cache_insert(mDNS* m, const ParsedRecord& rec, uint32_t namehash, m
   r.InterfaceID = interface_id;
   r.name = &rr->namestorage;
   r.namehash = namehash;
+  rr->RDataHash = datahash;
+  rr->AnswerCheckGeneration = m->QuestionGeneration - 1;
   r.rdata = &rr->rdatastorage;
   rr->InUse = 1;
   rr->AddPending = 0;
@@ -165,6 +301,7 @@ CacheRecord* cache_insert(mDNS* m, const ParsedRecord& rec, uint32_t namehash, m
   head = index_plus_one_of(m, rr);
   m->CacheUsed++;
   m->counters.records_cached++;
+  note_new_entry(m, rr);
   return rr;
 }
 
@@ -173,7 +310,8 @@ void cache_refresh(mDNS* m, CacheRecord* rr, uint32_t ttl, int32_t now) {
   set_lifetime(m, rr, ttl, now);
 }
 
-void cache_expire_soon(CacheRecord* rr, int32_t now) {
+void cache_expire_soon(mDNS* m, CacheRecord* rr, int32_t now) {
+  invalidate_eviction_lists(m);
   rr->ExpiryPending = 1;
   rr->ExpiryTime = time_add(now, kGoodbyeDelayMs);
   rr->NextRequiredQuery = rr->ExpiryTime;

@@ -15,18 +15,23 @@ constexpr int32_t kGoodbyeDelayMs = 1000;
 
 void cache_reset(mDNS* m);
 
+// Hash of record data, equal whenever rdata_equal() says equal (names inside
+// compare case-insensitively, so the hash ignores ASCII case).
+uint32_t rdata_hash(uint16_t rrtype, const RData& rdata);
+
 // The entry equal to `rec` (name, type, class, data, interface), or null.
-CacheRecord* cache_find(mDNS* m, const ParsedRecord& rec, uint32_t namehash, mDNSInterfaceID interface_id);
+CacheRecord* cache_find(mDNS* m, const ParsedRecord& rec, uint32_t namehash, uint32_t datahash,
+                        mDNSInterfaceID interface_id);
 
 // Stores a new record (evicting if the cache is full) and returns its entry.
-CacheRecord* cache_insert(mDNS* m, const ParsedRecord& rec, uint32_t namehash, mDNSInterfaceID interface_id,
-                          int32_t now);
+CacheRecord* cache_insert(mDNS* m, const ParsedRecord& rec, uint32_t namehash, uint32_t datahash,
+                          mDNSInterfaceID interface_id, int32_t now);
 
 // Re-receipt of a cached record: TTL and receive time renewed.
 void cache_refresh(mDNS* m, CacheRecord* rr, uint32_t ttl, int32_t now);
 
 // The record leaves in one second (goodbye, or flushed by a newer record).
-void cache_expire_soon(CacheRecord* rr, int32_t now);
+void cache_expire_soon(mDNS* m, CacheRecord* rr, int32_t now);
 
 // A refresh point has passed: schedule the next one (the last leads to expiry).
 void cache_advance_refresh(mDNS* m, CacheRecord* rr);

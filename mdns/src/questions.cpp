@@ -137,6 +137,7 @@ mStatus question_start(mDNS* m, DNSQuestion* q, int32_t now) {
     tail = &(*tail)->next;
   }
   *tail = q;
+  m->QuestionGeneration++;
   m->NextScheduledEvent = now;
   return mStatus_NoError;
 }
@@ -150,6 +151,7 @@ void question_stop(mDNS* m, DNSQuestion* q) {
       m->CurrentQuestion = q->next;
     }
     *link = q->next;
+    m->QuestionGeneration++;
     q->next = nullptr;
     q->Active = 0;
     q->DeliverAddsPending = 0;

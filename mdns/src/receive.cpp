@@ -60,23 +60,24 @@ void flush_older_records(mDNS* m, const CacheRecord& fresh, int32_t now) {
         !names_equal(*r.name, *f.name)) {
       continue;
     }
-    cache_expire_soon(rr, now);
+    cache_expire_soon(m, rr, now);
   }
 }
 
 void cache_one_record(mDNS* m, const ParsedRecord& rec, mDNSInterfaceID interface_id, int32_t now) {
   const uint32_t hash = name_hash(rec.name);
-  CacheRecord* rr = cache_find(m, rec, hash, interface_id);
+  const uint32_t datahash = rdata_hash(rec.rrtype, rec.rdata);
+  CacheRecord* rr = cache_find(m, rec, hash, datahash, interface_id);
   if (rec.ttl == 0) {
     if (rr != nullptr && !rr->ExpiryPending) {
-      cache_expire_soon(rr, now);
+      cache_expire_soon(m, rr, now);
     }
     return;
   }
   if (rr != nullptr) {
     cache_refresh(m, rr, rec.ttl, now);
   } else {
-    rr = cache_insert(m, rec, hash, interface_id, now);
+    rr = cache_insert(m, rec, hash, datahash, interface_id, now);
     if (rr == nullptr) {
       return;
     }

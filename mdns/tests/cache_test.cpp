@@ -209,3 +209,87 @@ TEST_F(SmallCacheTest, ResponseLargerThanTheCacheNeverFails) {
 
 }  // namespace
 }  // namespace mdns_test
+
+namespace mdns_test {
+namespace {
+
+class ChurningCacheTest : public EngineTest {
+ protected:
+  ChurningCacheTest() : EngineTest(40) {}
+
+  // The entry eviction must choose, worked out the slow way.
+  const CacheRecord* expected_victim() const {
+    const CacheRecord* idle = nullptr;
+    const CacheRecord* any = nullptr;
+    for (mDNSu32 i = 0; i < cache_size_; ++i) {
+      const CacheRecord& rr = cache_[i].r;
+      if (!rr.InUse) {
+        continue;
+      }
+      bool answers = false;
+      for (const DNSQuestion* q = m_.Questions; q != nullptr; q = q->next) {
+        answers |= q->qtype == rr.resrec.rrtype && mdns::names_equal(q->qname, *rr.resrec.name);
+      }
+      if (any == nullptr || rr.ExpiryTime - any->ExpiryTime < 0) {
+        any = &rr;
+      }
+      if (!answers && (idle == nullptr || rr.ExpiryTime - idle->ExpiryTime < 0)) {
+        idle = &rr;
+      }
+    }
+    return idle != nullptr ? idle : any;
+  }
+};
+
+TEST_F(ChurningCacheTest, EveryEvictionTakesTheRightEntryUnderChurn) {
+  DNSQuestion& browse = question();
+  start_browse(&browse);
+  run();
+  uint32_t seed = 12345;
+  auto next = [&seed] {
+    seed = seed * 1103515245u + 12345u;
+    return (seed >> 8) & 0xFFFF;
+  };
+  DNSQuestion* extra = nullptr;
+  for (int i = 0; i < 400; ++i) {
+    now_ += static_cast<int32_t>(next() % 50);
+    Message msg;
+    const std::string name = "h" + std::to_string(i) + ".local.";
+    const uint32_t ttl = 60 + next() % 4000;
+    if (next() % 3 == 0) {
+      const std::string inst = "I" + std::to_string(i) + "._http._tcp.local.";
+      msg.answer("_http._tcp.local.", kDNSType_PTR, ttl, name_bytes(inst.c_str()));
+    } else {
+      msg.answer(name.c_str(), kDNSType_A, ttl, a_data("192.168.1.9"));
+    }
+    const bool full = m_.CacheUsed == cache_size_;
+    const CacheRecord* victim = full ? expected_victim() : nullptr;
+    const int32_t victim_expiry = victim != nullptr ? victim->ExpiryTime : 0;
+    const uint32_t victim_hash = victim != nullptr ? victim->resrec.namehash : 0;
+    receive(msg);
+    if (victim != nullptr) {
+      // The slot now holds the new record, or the victim's time has been taken.
+      EXPECT_TRUE(!victim->InUse || victim->ExpiryTime != victim_expiry ||
+                  victim->resrec.namehash != victim_hash)
+          << "round " << i;
+    }
+    // Stir: goodbyes, and questions coming and going.
+    if (i % 37 == 0) {
+      Message bye;
+      bye.answer(("h" + std::to_string(i - 5) + ".local.").c_str(), kDNSType_A, 0, a_data("192.168.1.9"));
+      receive(bye);
+    }
+    if (i % 50 == 0) {
+      if (extra != nullptr) {
+        mDNS_StopQuery(&m_, extra);
+      }
+      extra = &question();
+      start_query(extra, ("h" + std::to_string(i + 3) + ".local.").c_str(), kDNSType_A);
+    }
+    run();
+  }
+  EXPECT_GT(m_.counters.records_evicted, 300u);
+}
+
+}  // namespace
+}  // namespace mdns_test

@@ -264,6 +264,9 @@ typedef struct CacheRecord_struct {
   mDNSu8 ExpiryPending; /* goodbye or cache flush: gone at ExpiryTime, one second later */
   mDNSu8 AddPending;    /* cached by the packet being processed, add events not yet given */
   mDNSs32 ExpiryTime;
+  mDNSu32 RDataHash;             /* equal for records whose data compare equal */
+  mDNSu32 AnswerCheckGeneration; /* QuestionGeneration when AnswersQuestion was worked out */
+  mDNSu8 AnswersQuestion;
   mDNSu32 NextInBucket;    /* index + 1 of the next entry of the hash bucket (or free list), 0 = none */
   mDNSu32 KnownAnswerMark; /* packet serial this record was last listed in as a known answer */
 } CacheRecord;
@@ -288,6 +291,17 @@ typedef struct {
   mDNSPlatformSendHook* send_hook;
   void* send_context;
 } mDNS_PlatformSupport;
+
+#define mDNS_EvictionCandidates 32
+
+typedef struct {
+  mDNSu32 entry[mDNS_EvictionCandidates]; /* index + 1 */
+  mDNSs32 expiry[mDNS_EvictionCandidates];
+  mDNSu32 count;
+  mDNSu32 next;
+  mDNSu8 valid;
+  mDNSu8 complete; /* holds every entry of its kind */
+} mDNSEvictionList;
 
 typedef void mDNSCallback(mDNS* const m, mStatus result);
 
@@ -330,7 +344,12 @@ struct mDNS_struct {
   mDNSu32 CacheFree;                       /* index + 1 of the first free entry */
   mDNSu32 CacheUsed;
   mDNSu32 SendSerial;
-  mDNSu32 NewRecordCount; /* entries of NewRecords in use */
+  mDNSu32 QuestionGeneration; /* changes whenever a question starts or stops */
+  /* The next entries to evict, nearest expiry first (see cache.cpp). */
+  mDNSEvictionList EvictIdle; /* entries answering no active question */
+  mDNSEvictionList EvictAny;
+  mDNSu32 EvictGeneration; /* QuestionGeneration when EvictIdle was built */
+  mDNSu32 NewRecordCount;  /* entries of NewRecords in use */
   mDNSu32 NewRecords[mDNS_MaxNewRecordsPerPacket];
 
   mDNSCounters counters;

@@ -1,0 +1,195 @@
+// The core's receive path: a typical announcement (PTR answer with SRV, TXT, A and
+// AAAA additionals) through parse, cache update and browse callback, in test
+// mode with the fake clock.  Also counts heap allocations on that path.
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "engine.h"
+#include "mdns/mdns.h"
+#include "platform.h"
+
+extern "C" const char ProgramName[] = "receive_bench";
+
+extern "C" void* __libc_malloc(size_t);
+extern "C" void* __libc_calloc(size_t, size_t);
+extern "C" void* __libc_realloc(void*, size_t);
+extern "C" void __libc_free(void*);
+
+namespace {
+std::atomic<long> g_allocations{0};
+}
+
+// Every heap allocation of the process is counted.
+extern "C" void* malloc(size_t n) {
+  g_allocations.fetch_add(1, std::memory_order_relaxed);
+  return __libc_malloc(n);
+}
+extern "C" void* calloc(size_t n, size_t size) {
+  g_allocations.fetch_add(1, std::memory_order_relaxed);
+  return __libc_calloc(n, size);
+}
+extern "C" void* realloc(void* p, size_t n) {
+  g_allocations.fetch_add(1, std::memory_order_relaxed);
+  return __libc_realloc(p, n);
+}
+extern "C" void free(void* p) {
+  __libc_free(p);
+}
+void* operator new(size_t n) {
+  void* p = malloc(n == 0 ? 1 : n);
+  if (p == nullptr) {
+    throw std::bad_alloc();
+  }
+  return p;
+}
+void operator delete(void* p) noexcept {
+  free(p);
+}
+void operator delete(void* p, size_t) noexcept {
+  free(p);
+}
+
+namespace {
+
+constexpr mDNSu32 kCacheEntries = 500;
+constexpr uint32_t kIfIndex = 2;
+
+mDNS g_core;
+mDNS_PlatformSupport g_platform;
+CacheEntity g_cache[kCacheEntries];
+DNSQuestion g_browse;
+long g_events = 0;
+
+void push16(std::vector<uint8_t>& out, uint16_t v) {
+  out.push_back(static_cast<uint8_t>(v >> 8));
+  out.push_back(static_cast<uint8_t>(v));
+}
+
+void push_name(std::vector<uint8_t>& out, const std::string& dotted) {
+  size_t start = 0;
+  while (start < dotted.size()) {
+    const size_t dot = dotted.find('.', start);
+    const std::string label = dotted.substr(start, dot - start);
+    out.push_back(static_cast<uint8_t>(label.size()));
+    out.insert(out.end(), label.begin(), label.end());
+    start = dot + 1;
+  }
+  out.push_back(0);
+}
+
+void push_record(std::vector<uint8_t>& out, const std::string& name, uint16_t type, uint16_t cls,
+                 uint32_t ttl, const std::vector<uint8_t>& data) {
+  push_name(out, name);
+  push16(out, type);
+  push16(out, cls);
+  push16(out, static_cast<uint16_t>(ttl >> 16));
+  push16(out, static_cast<uint16_t>(ttl));
+  push16(out, static_cast<uint16_t>(data.size()));
+  out.insert(out.end(), data.begin(), data.end());
+}
+
+// What a printer typically sends: a PTR answer and four additional records.
+std::vector<uint8_t> announcement(int n) {
+  const std::string instance = "Office Printer " + std::to_string(n) + "._ipp._tcp.local.";
+  const std::string host = "printer-" + std::to_string(n) + ".local.";
+  std::vector<uint8_t> out = {0, 0, 0x84, 0, 0, 0, 0, 1, 0, 0, 0, 4};
+  std::vector<uint8_t> ptr;
+  push_name(ptr, instance);
+  push_record(out, "_ipp._tcp.local.", kDNSType_PTR, 1, 4500, ptr);
+  std::vector<uint8_t> srv = {0, 0, 0, 0, 0x02, 0x77};
+  push_name(srv, host);
+  push_record(out, instance, kDNSType_SRV, 0x8001, 120, srv);
+  const std::string txt = "\x09txtvers=1\x0fty=Office Laser\x0cpdl=image/pwg";
+  push_record(out, instance, kDNSType_TXT, 0x8001, 4500, std::vector<uint8_t>(txt.begin(), txt.end()));
+  push_record(out, host, kDNSType_A, 0x8001, 120, {192, 168, 1, static_cast<uint8_t>(20 + n % 200)});
+  std::vector<uint8_t> v6 = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(n)};
+  push_record(out, host, kDNSType_AAAA, 0x8001, 120, v6);
+  return out;
+}
+
+void count_event(mDNS* const, DNSQuestion*, const ResourceRecord* const, QC_result) {
+  ++g_events;
+}
+
+int32_t g_now = 1000000;
+
+void start_core() {
+  std::memset(&g_platform, 0, sizeof g_platform);
+  g_platform.test_mode = 1;
+  mdns::platform_test_add_interface(&g_platform, "eth0", kIfIndex, "192.168.1.10", "255.255.255.0");
+  mDNS_Init(&g_core, &g_platform, g_cache, kCacheEntries, mDNSfalse, nullptr, nullptr);
+  mdns::engine_set_fake_clock(&g_core, g_now);
+  domainname type{};
+  domainname domain{};
+  MakeDomainNameFromDNSNameString(&type, "_ipp._tcp");
+  MakeDomainNameFromDNSNameString(&domain, "local.");
+  std::memset(&g_browse, 0, sizeof g_browse);
+  mDNS_StartBrowse(&g_core, &g_browse, &type, &domain, mDNSInterface_Any, mDNSfalse, count_event, nullptr);
+  mdns::engine_run_scheduled(&g_core, g_now);
+}
+
+void stop_core() {
+  mDNS_StartExit(&g_core);
+  mDNS_FinalExit(&g_core);
+}
+
+void run_receive(benchmark::State& state, const std::vector<std::vector<uint8_t>>& messages) {
+  start_core();
+  mDNSAddr source{};
+  source.type = mDNSAddrType_IPv4;
+  const uint8_t src[4] = {192, 168, 1, 20};
+  std::memcpy(source.ip.v4.b, src, 4);
+  mDNSIPPort port{};
+  port.b[0] = 0x14;
+  port.b[1] = 0xe9;
+  const mDNSInterfaceID id = mdns::platform_interface_id(kIfIndex);
+  size_t i = 0;
+  const long allocations_before = g_allocations.load();
+  for (auto _ : state) {
+    const auto& msg = messages[i];
+    i = i + 1 == messages.size() ? 0 : i + 1;
+    mdns::engine_receive(&g_core, msg.data(), msg.size(), source, port, id, g_now);
+    ++g_now;
+  }
+  const long allocations = g_allocations.load() - allocations_before;
+  state.counters["allocations"] = static_cast<double>(allocations);
+  state.counters["responses/s"] =
+      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  state.counters["evicted"] = g_core.counters.records_evicted;
+  stop_core();
+}
+
+void BM_ReceiveNewInstances(benchmark::State& state) {
+  std::vector<std::vector<uint8_t>> messages;
+  for (int n = 0; n < 1000; ++n) {
+    messages.push_back(announcement(n));
+  }
+  run_receive(state, messages);
+}
+BENCHMARK(BM_ReceiveNewInstances);
+
+void BM_ReceiveRefresh(benchmark::State& state) {
+  run_receive(state, {announcement(7)});
+}
+BENCHMARK(BM_ReceiveRefresh);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::printf("sizeof(mDNS)                 %zu bytes\n", sizeof(mDNS));
+  std::printf("sizeof(mDNS_PlatformSupport) %zu bytes\n", sizeof(mDNS_PlatformSupport));
+  std::printf("sizeof(CacheEntity)          %zu bytes\n", sizeof(CacheEntity));
+  std::printf("500 * sizeof(CacheEntity)    %zu bytes (%.1f KiB)\n", 500 * sizeof(CacheEntity),
+              500.0 * sizeof(CacheEntity) / 1024.0);
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
