@@ -306,8 +306,12 @@ CacheRecord* cache_insert(mDNS* m, const ParsedRecord& rec, uint32_t namehash, u
 }
 
 void cache_refresh(mDNS* m, CacheRecord* rr, uint32_t ttl, int32_t now) {
+  const int32_t old_expiry = rr->ExpiryTime;
   rr->ReceivedPacketSeq = m->PacketSeq;
   set_lifetime(m, rr, ttl, now);
+  if (time_diff(rr->ExpiryTime, old_expiry) < 0) {
+    invalidate_eviction_lists(m);  // a shorter TTL can move it ahead of listed entries
+  }
 }
 
 void cache_expire_soon(mDNS* m, CacheRecord* rr, int32_t now) {

@@ -48,6 +48,7 @@ void track_answer(mDNS* m, DNSQuestion* q, QC_result kind, int32_t now) {
   }
   if (q->CurrentAnswers == 0 && is_unique_type(q->qtype)) {
     schedule_first_query(m, q, now);
+    m->NextScheduledEvent = time_min(m->NextScheduledEvent, q->NextQTime);
   }
 }
 

@@ -61,6 +61,7 @@ void flush_older_records(mDNS* m, const CacheRecord& fresh, int32_t now) {
       continue;
     }
     cache_expire_soon(m, rr, now);
+    m->NextScheduledEvent = time_min(m->NextScheduledEvent, rr->ExpiryTime);
   }
 }
 
@@ -71,6 +72,7 @@ void cache_one_record(mDNS* m, const ParsedRecord& rec, mDNSInterfaceID interfac
   if (rec.ttl == 0) {
     if (rr != nullptr && !rr->ExpiryPending) {
       cache_expire_soon(m, rr, now);
+      m->NextScheduledEvent = time_min(m->NextScheduledEvent, rr->ExpiryTime);
     }
     return;
   }
