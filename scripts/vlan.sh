@@ -451,21 +451,29 @@ cmd_capture_count() {
       END { printf "%d %d\n", packets, bytes }'
 }
 
+# The processes inside a namespace, except the run's owner: a test process may
+# still have its main thread inside one of its namespaces.
+namespace_pids() { # NS RUN
+  local owner
+  owner=$(run_owner "$2")
+  ip netns pids "$1" 2>/dev/null | grep -vx -e "$owner" -e "$$" || true
+}
+
 cmd_destroy() {
   check_run "$1"
-  local run=$1 dir ns pids
+  local run=$1 dir ns pids namespaces i
   dir=$(state_dir "$run")
-  for ns in $(ip netns list | awk '{ print $1 }' | grep -E "^$run-" || true); do
-    pids=$(ip netns pids "$ns" 2>/dev/null || true)
+  namespaces=$(ip netns list | awk '{ print $1 }' | grep -E "^$run-" || true)
+  for ns in $namespaces; do
+    pids=$(namespace_pids "$ns" "$run")
     [ -z "$pids" ] || kill -TERM $pids 2>/dev/null || true
   done
-  for ns in $(ip netns list | awk '{ print $1 }' | grep -E "^$run-" || true); do
-    local i
+  for ns in $namespaces; do
     for ((i = 0; i < 30; i++)); do
-      [ -z "$(ip netns pids "$ns" 2>/dev/null)" ] && break
+      [ -z "$(namespace_pids "$ns" "$run")" ] && break
       sleep 0.1
     done
-    pids=$(ip netns pids "$ns" 2>/dev/null || true)
+    pids=$(namespace_pids "$ns" "$run")
     [ -z "$pids" ] || kill -KILL $pids 2>/dev/null || true
     ip netns delete "$ns" 2>/dev/null || true
   done

@@ -1,9 +1,16 @@
 #include "virtual_lan.h"
 
+#include "netns_scope.h"
+
+#include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <exception>
 #include <stdexcept>
 #include <thread>
 
@@ -15,9 +22,16 @@ std::string new_run_name() {
   return "sv" + std::to_string(getpid()) + "x" + std::to_string(++counter);
 }
 
-CommandResult run_script(std::vector<std::string> args, int timeout_seconds = 120) {
+std::vector<std::string> script_command(std::vector<std::string> args) {
   args.insert(args.begin(), {"bash", SORVALEN_VLAN_SCRIPT});
-  return run_command(args, timeout_seconds);
+  return args;
+}
+
+int open_own_netns() {
+  const int fd = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+  if (fd < 0)
+    throw std::runtime_error(std::string("cannot open own network namespace: ") + std::strerror(errno));
+  return fd;
 }
 
 std::string trimmed(std::string text) {
@@ -28,20 +42,52 @@ std::string trimmed(std::string text) {
 
 }  // namespace
 
-VirtualLan::VirtualLan() : run_(new_run_name()) {
-  // Leftovers of runs whose process died (a crash, a killed test) go first.
-  run_script({"cleanup-stale"});
-  script({"create", run_});
+VirtualLan::VirtualLan() : run_(new_run_name()), home_netns_(open_own_netns()), home_id_(current_netns_id()) {
+  try {
+    // Leftovers of runs whose process died (a crash, a killed test) go first.
+    run_from_home(script_command({"cleanup-stale"}));
+    script({"create", run_});
+  } catch (...) {
+    ::close(home_netns_);
+    throw;
+  }
 }
 
 VirtualLan::~VirtualLan() {
-  run_script({"destroy", run_});
+  try {
+    run_from_home(script_command({"destroy", run_}));
+  } catch (...) {
+    // Nothing more to do here; the next run's stale cleanup removes what is left.
+  }
+  ::close(home_netns_);
+}
+
+CommandResult VirtualLan::run_from_home(const std::vector<std::string>& argv, int timeout_seconds) const {
+  if (current_netns_id() == home_id_)
+    return run_command(argv, timeout_seconds);
+  // Called from inside a NetnsScope: a helper thread goes back home first, so
+  // the script and its children never run inside the LAN they manage.
+  CommandResult result;
+  std::exception_ptr error;
+  std::thread([&] {
+    try {
+      if (setns(home_netns_, CLONE_NEWNET) != 0)
+        throw std::runtime_error(std::string("cannot return to own network namespace: ") +
+                                 std::strerror(errno));
+      result = run_command(argv, timeout_seconds);
+    } catch (...) {
+      error = std::current_exception();
+    }
+  }).join();
+  if (error)
+    std::rethrow_exception(error);
+  return result;
 }
 
 std::string VirtualLan::script(std::vector<std::string> args) const {
   const std::string command = args.front();
   args.insert(args.begin() + 1, run_);
-  const CommandResult result = run_script(std::move(args));
+  const CommandResult result = run_from_home(script_command(std::move(args)));
   if (!result.ok())
     throw std::runtime_error("vlan.sh " + command + " failed: " + trimmed(result.err));
   return trimmed(result.out);
@@ -162,7 +208,7 @@ CommandResult VirtualLan::exec(const std::string& host, const std::vector<std::s
                                int timeout_seconds) const {
   std::vector<std::string> args = {"ip", "netns", "exec", netns(host)};
   args.insert(args.end(), argv.begin(), argv.end());
-  return run_command(args, timeout_seconds);
+  return run_from_home(args, timeout_seconds);
 }
 
 }  // namespace sorvalen::test

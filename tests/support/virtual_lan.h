@@ -46,7 +46,7 @@ struct CaptureCount {
 // Everything is done by scripts/vlan.sh; this class only names the run and
 // passes the calls on.  Failures throw std::runtime_error with the script's
 // message.  The destructor kills every process of the run and deletes its
-// namespaces.  Needs root (see SV_REQUIRE_VIRTUAL_LAN).
+// namespaces.  Its methods may be called from inside a NetnsScope.  Needs root (see SV_REQUIRE_VIRTUAL_LAN).
 class VirtualLan {
  public:
   VirtualLan();
@@ -102,8 +102,11 @@ class VirtualLan {
 
  private:
   std::string script(std::vector<std::string> args) const;  // stdout, trimmed; throws on failure
+  CommandResult run_from_home(const std::vector<std::string>& argv, int timeout_seconds = 120) const;
 
   std::string run_;
+  int home_netns_ = -1;  // where the LAN was made; every command runs from there
+  unsigned long home_id_ = 0;
   int lan_count_ = 0;
 };
 

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <stdexcept>
 #include <thread>
 
@@ -78,6 +79,22 @@ TEST(NetnsScopeTest, ScopesNestAndUnknownNamespacesThrow) {
 
   EXPECT_THROW(NetnsScope(lan.run_name() + "-nosuchhost"), std::runtime_error);
   EXPECT_THROW(NetnsScope("../../proc/self/ns/net"), std::invalid_argument);
+  EXPECT_EQ(current_netns_id(), outside);
+}
+
+TEST(NetnsScopeTest, TearingTheLanDownLeavesAThreadInsideUnharmed) {
+  SV_REQUIRE_VIRTUAL_LAN();
+  const unsigned long outside = current_netns_id();
+  auto lan = std::make_unique<VirtualLan>();
+  lan->add_lan();
+  lan->add_host("querier", {1});
+  {
+    NetnsScope scope(lan->netns("querier"));
+    // The teardown kills every process inside the run's namespaces; this one
+    // must be spared, and the namespace lives on while this thread is in it.
+    lan.reset();
+    EXPECT_NE(if_nametoindex("lo"), 0u);
+  }
   EXPECT_EQ(current_netns_id(), outside);
 }
 
