@@ -48,15 +48,46 @@ void set_lifetime(mDNS* m, CacheRecord* rr, uint32_t ttl, int32_t now) {
   schedule_refresh(m, rr);
 }
 
-void unlink_from_bucket(mDNS* m, CacheRecord* rr) {
+uint32_t identity_bucket_of(uint32_t namehash, uint32_t datahash) {
+  return (namehash ^ (datahash * 2654435761u)) % mDNS_CacheBuckets;
+}
+
+// Two doubly linked chains per entry: by owner name (what questions look up)
+// and by name and data (what re-receipts look up); both unlink in constant time.
+void link_entry(mDNS* m, CacheRecord* rr) {
   const uint32_t self = index_plus_one_of(m, rr);
-  uint32_t* link = &m->CacheBuckets[bucket_of(rr->resrec.namehash)];
-  while (*link != 0) {
-    if (*link == self) {
-      *link = rr->NextInBucket;
-      return;
-    }
-    link = &entry_at(m, *link)->NextInBucket;
+  uint32_t& head = m->CacheBuckets[bucket_of(rr->resrec.namehash)];
+  rr->PrevInBucket = 0;
+  rr->NextInBucket = head;
+  if (head != 0) {
+    entry_at(m, head)->PrevInBucket = self;
+  }
+  head = self;
+  uint32_t& ihead = m->IdentityBuckets[identity_bucket_of(rr->resrec.namehash, rr->RDataHash)];
+  rr->PrevInIdentity = 0;
+  rr->NextInIdentity = ihead;
+  if (ihead != 0) {
+    entry_at(m, ihead)->PrevInIdentity = self;
+  }
+  ihead = self;
+}
+
+void unlink_entry(mDNS* m, CacheRecord* rr) {
+  if (rr->PrevInBucket != 0) {
+    entry_at(m, rr->PrevInBucket)->NextInBucket = rr->NextInBucket;
+  } else {
+    m->CacheBuckets[bucket_of(rr->resrec.namehash)] = rr->NextInBucket;
+  }
+  if (rr->NextInBucket != 0) {
+    entry_at(m, rr->NextInBucket)->PrevInBucket = rr->PrevInBucket;
+  }
+  if (rr->PrevInIdentity != 0) {
+    entry_at(m, rr->PrevInIdentity)->NextInIdentity = rr->NextInIdentity;
+  } else {
+    m->IdentityBuckets[identity_bucket_of(rr->resrec.namehash, rr->RDataHash)] = rr->NextInIdentity;
+  }
+  if (rr->NextInIdentity != 0) {
+    entry_at(m, rr->NextInIdentity)->PrevInIdentity = rr->PrevInIdentity;
   }
 }
 
@@ -217,6 +248,7 @@ void cache_reset(mDNS* m) {
   m->CacheUsed = 0;
   for (mDNSu32 b = 0; b < mDNS_CacheBuckets; ++b) {
     m->CacheBuckets[b] = 0;
+    m->IdentityBuckets[b] = 0;
   }
   for (mDNSu32 i = m->rrcache_size; i > 0; --i) {
     CacheRecord* rr = &m->rrcache[i - 1].r;
@@ -259,7 +291,8 @@ uint32_t rdata_hash(uint16_t rrtype, const RData& rdata) {
 
 CacheRecord* cache_find(mDNS* m, const ParsedRecord& rec, uint32_t namehash, uint32_t datahash,
                         mDNSInterfaceID interface_id) {
-  for (CacheRecord* rr = cache_bucket_first(m, namehash); rr != nullptr; rr = cache_bucket_next(m, rr)) {
+  for (CacheRecord* rr = entry_at(m, m->IdentityBuckets[identity_bucket_of(namehash, datahash)]);
+       rr != nullptr; rr = entry_at(m, rr->NextInIdentity)) {
     const ResourceRecord& r = rr->resrec;
     if (r.namehash == namehash && rr->RDataHash == datahash && r.rrtype == rec.rrtype &&
         r.rrclass == rec.rrclass && r.InterfaceID == interface_id && names_equal(*r.name, rec.name) &&
@@ -296,9 +329,7 @@ CacheRecord* cache_insert(mDNS* m, const ParsedRecord& rec, uint32_t namehash, u
   rr->ReceivedPacketSeq = m->PacketSeq;
   set_lifetime(m, rr, rec.ttl, now);
 
-  uint32_t& head = m->CacheBuckets[bucket_of(namehash)];
-  rr->NextInBucket = head;
-  head = index_plus_one_of(m, rr);
+  link_entry(m, rr);
   m->CacheUsed++;
   m->counters.records_cached++;
   note_new_entry(m, rr);
@@ -329,7 +360,7 @@ void cache_remove(mDNS* m, CacheRecord* rr, int32_t now) {
     deliver_record_event(m, rr, QC_rmv, now);
   }
   rr->AddPending = 0;
-  unlink_from_bucket(m, rr);
+  unlink_entry(m, rr);
   rr->InUse = 0;
   rr->NextInBucket = m->CacheFree;
   m->CacheFree = index_plus_one_of(m, rr);

@@ -19,9 +19,11 @@ TEST_F(CacheTest, KeepsEveryRecordOfAResponseAndRefreshesWithoutDuplicates) {
 
   // Same data, other case in the owner name: the same record.
   Message upper;
-  upper.answer("_HTTP._TCP.LOCAL.", kDNSType_PTR, 4440, name_bytes("Printer._http._tcp.local."));
+  upper.answer("_HTTP._TCP.LOCAL.", kDNSType_PTR, 4440, name_bytes("Printer._http._tcp.local."))
+      .answer("_http._tcp.local.", kDNSType_PTR, 4440, name_bytes("PRINTER._HTTP._tcp.local."))
+      .answer("Printer._http._tcp.local.", kDNSType_SRV, 120, srv_data(8080, "PRINTER.local."));
   receive(upper);
-  EXPECT_EQ(m_.CacheUsed, 5u);
+  EXPECT_EQ(m_.CacheUsed, 5u) << "names in data compare without case too";
 
   // Same name and type but on another interface, or with other data: new entries.
   ASSERT_TRUE(mdns::platform_test_add_interface(&p_, "eth1", 3, "10.0.0.1", "255.0.0.0"));

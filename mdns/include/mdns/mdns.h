@@ -267,7 +267,10 @@ typedef struct CacheRecord_struct {
   mDNSu32 RDataHash;             /* equal for records whose data compare equal */
   mDNSu32 AnswerCheckGeneration; /* QuestionGeneration when AnswersQuestion was worked out */
   mDNSu8 AnswersQuestion;
-  mDNSu32 NextInBucket;    /* index + 1 of the next entry of the hash bucket (or free list), 0 = none */
+  mDNSu32 NextInBucket;   /* index + 1 of the next entry of the hash bucket (or free list), 0 = none */
+  mDNSu32 PrevInBucket;   /* index + 1, 0 = first of its bucket */
+  mDNSu32 NextInIdentity; /* chain of the same name and data hash, for lookups of one record */
+  mDNSu32 PrevInIdentity;
   mDNSu32 KnownAnswerMark; /* packet serial this record was last listed in as a known answer */
 } CacheRecord;
 
@@ -340,8 +343,9 @@ struct mDNS_struct {
 
   mDNSs32 FakeClock;
   mDNSu8 FakeClockSet;
-  mDNSu32 CacheBuckets[mDNS_CacheBuckets]; /* index + 1 of each bucket's first entry */
-  mDNSu32 CacheFree;                       /* index + 1 of the first free entry */
+  mDNSu32 CacheBuckets[mDNS_CacheBuckets];    /* index + 1 of each bucket's first entry */
+  mDNSu32 IdentityBuckets[mDNS_CacheBuckets]; /* by owner name and data */
+  mDNSu32 CacheFree;                          /* index + 1 of the first free entry */
   mDNSu32 CacheUsed;
   mDNSu32 SendSerial;
   mDNSu32 QuestionGeneration; /* changes whenever a question starts or stops */
