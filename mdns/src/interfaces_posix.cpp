@@ -194,7 +194,8 @@ mDNSAddr ipv4_mask_from_prefix(int prefix_length) {
   mask.type = mDNSAddrType_IPv4;
   for (int i = 0; i < 4; ++i) {
     const int bits = prefix_length - 8 * i;
-    mask.ip.v4.b[i] = bits >= 8 ? 0xFF : bits <= 0 ? 0 : static_cast<uint8_t>(0xFF << (8 - bits));
+    const int byte = bits >= 8 ? 0xFF : bits <= 0 ? 0 : (0xFF << (8 - bits)) & 0xFF;
+    mask.ip.v4.b[i] = static_cast<uint8_t>(byte);
   }
   return mask;
 }
