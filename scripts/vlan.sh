@@ -216,9 +216,10 @@ cmd_exec() {
 
 xml_escape() {
   local s=$1
-  s=${s//&/&amp;}
-  s=${s//</&lt;}
-  s=${s//>/&gt;}
+  # Quoted replacements: bash 5.2 reads a bare & there as the matched text.
+  s=${s//&/"&amp;"}
+  s=${s//</"&lt;"}
+  s=${s//>/"&gt;"}
   printf '%s' "$s"
 }
 

@@ -42,17 +42,20 @@ class VirtualLanTest : public ::testing::Test {
 TEST_F(VirtualLanTest, QuerierResolvesDeviceOverIpv4AndIpv6) {
   lan_->add_host("querier", {1});
   lan_->add_host("tv", {1});
-  lan_->start_avahi_all({{"tv", {kTv}, {}}, {"querier", {}, kBrowsing}});
+  // Characters that need escaping in the daemon's files and in avahi-browse's output.
+  const ServiceSpec odd{"Tom & Jerry's <Den>; 2.0", "_http._tcp", 8008, {"a=<&>"}};
+  lan_->start_avahi_all({{"tv", {kTv, odd}, {}}, {"querier", {}, kBrowsing}});
 
   const std::string v4 = lan_->host_ipv4("tv");
   const std::string v6 = lan_->host_ipv6_link_local("tv");
   EXPECT_EQ(v4, "192.0.2.11");
   EXPECT_EQ(v6.rfind("fe80:", 0), 0u) << v6;
   const auto found = lan_->browse_until("querier", "_http._tcp", [&](const auto& f) {
-    return has_service(f, kTv.name, v4) && has_service(f, kTv.name, v6);
+    return has_service(f, kTv.name, v4) && has_service(f, kTv.name, v6) && has_service(f, odd.name, v4);
   });
   EXPECT_TRUE(has_service(found, kTv.name, v4));
   EXPECT_TRUE(has_service(found, kTv.name, v6));
+  EXPECT_TRUE(has_service(found, odd.name, v4));
   for (const ResolvedService& s : found) {
     EXPECT_EQ(s.port, 8008);
     EXPECT_EQ(s.host, "tv.local");
