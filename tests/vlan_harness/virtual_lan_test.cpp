@@ -82,6 +82,16 @@ TEST_F(VirtualLanTest, PublishedServicesAppearAndWithdrawnOnesDisappear) {
       lan_->browse_until("querier", "_ipp._tcp", [&](const auto& f) { return !has_name(f, ipp.name); });
   EXPECT_FALSE(has_name(after_removal, ipp.name));
   EXPECT_TRUE(has_name(after_removal, scanner.name));
+}
+
+TEST_F(VirtualLanTest, StoppingTheDaemonWithdrawsItsServices) {
+  lan_->add_host("querier", {1});
+  lan_->add_host("printer", {1});
+  const ServiceSpec ipp{"Office Printer", "_ipp._tcp", 631, {}};
+  lan_->start_avahi_all({{"printer", {ipp}, {}}, {"querier", {}, kBrowsing}});
+  ASSERT_TRUE(has_name(
+      lan_->browse_until("querier", "_ipp._tcp", [&](const auto& f) { return has_name(f, ipp.name); }),
+      ipp.name));
 
   lan_->stop_avahi("printer");
   EXPECT_THAT(lan_->browse_until("querier", "_ipp._tcp", [](const auto& f) { return f.empty(); }), IsEmpty());
@@ -110,8 +120,8 @@ TEST_F(VirtualLanTest, HostOnTwoLansSeesBothWhileTheLansStaySeparate) {
   for (const ResolvedService& s : seen)
     EXPECT_EQ(s.interface, s.name == kTv.name ? "eth0" : "eth1");
 
-  const auto neighbour_sees =
-      lan_->browse_until("neighbour", "_http._tcp", [&](const auto& f) { return has_name(f, speaker.name); });
+  const auto neighbour_sees = lan_->browse_until(
+      "neighbour", "_http._tcp", [&](const auto& f) { return has_service(f, speaker.name, kitchen); });
   EXPECT_TRUE(has_service(neighbour_sees, speaker.name, kitchen));
   EXPECT_FALSE(has_name(neighbour_sees, kTv.name));
 }
