@@ -368,6 +368,9 @@ MDNS_API mStatus mDNS_Init(mDNS* const m, mDNS_PlatformSupport* const p, CacheEn
                            void* Context);
 MDNS_API void mDNS_StartExit(mDNS* const m);
 MDNS_API void mDNS_FinalExit(mDNS* const m);
+/* Reads the interfaces again (those of the calling thread's network namespace,
+ * as mDNS_Init does): joins new ones, leaves vanished ones, whose records then
+ * leave with remove events.  Interface IDs stay stable. */
 MDNS_API mStatus mDNSPlatformPosixRefreshInterfaceList(mDNS* const m);
 
 MDNS_API mStatus mDNS_StartBrowse(mDNS* const m, DNSQuestion* const question, const domainname* const srv,
@@ -380,7 +383,12 @@ MDNS_API mStatus mDNS_StartResolveService(mDNS* const m, ServiceInfoQuery* query
                                           mDNSServiceInfoQueryCallback* Callback, void* Context);
 MDNS_API void mDNS_StopResolveService(mDNS* const m, ServiceInfoQuery* query);
 
+/* Adds the core's sockets to `readfds`, raises `*nfds`, and shortens `*timeout`
+ * to the core's next scheduled work (zero when answers wait for delivery). */
 MDNS_API void mDNSPosixGetFDSet(mDNS* m, int* nfds, fd_set* readfds, struct timeval* timeout);
+/* Reads what arrived on the ready sockets (a bounded number of datagrams per
+ * socket and call), then runs the scheduled work; never blocks.  Call it after
+ * every select, also when select returned 0. */
 MDNS_API void mDNSPosixProcessFDSet(mDNS* const m, fd_set* readfds);
 
 /* ---- Name conversions -------------------------------------------------- */
