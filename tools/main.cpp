@@ -25,12 +25,16 @@ int main(int argc, char** argv) {
     return 2;
   }
   const char* command = argv[1];
-  if (std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0 || std::strcmp(command, "help") == 0) {
+  if (std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0 ||
+      std::strcmp(command, "help") == 0) {
     print_usage(stdout);
     return 0;
   }
-  if (std::strcmp(command, "search") == 0) return run_search_command(argc - 1, argv + 1);
-  if (std::strcmp(command, "lookup") == 0) return run_lookup_command(argc - 1, argv + 1);
-  std::fprintf(stderr, "sorvalen-mdns: unknown command '%s'; run 'sorvalen-mdns --help' for the list\n", command);
+  if (std::strcmp(command, "search") == 0)
+    return run_search_command(argc - 1, argv + 1);
+  if (std::strcmp(command, "lookup") == 0)
+    return run_lookup_command(argc - 1, argv + 1);
+  std::fprintf(stderr, "sorvalen-mdns: unknown command '%s'; run 'sorvalen-mdns --help' for the list\n",
+               command);
   return 2;
 }
