@@ -1,0 +1,24 @@
+#!/bin/bash
+# Installs the build into a temporary prefix and builds a small application
+# against it twice: with CMake's find_package and with pkg-config.
+# Usage: install_test.sh <build dir> <consumer source dir>
+set -eu
+build=$1 consumer=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+libdir=$(dirname "$(find "$prefix" -name 'libsorvalen_mdns_search.so.2' | head -1)")
+export LD_LIBRARY_PATH=$libdir
+
+cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/cmake-build" >/dev/null
+"$work/cmake-build/consumer"
+
+# The .pc file carries the prefix given at configure time; point it at the temporary one.
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+flags=$(pkg-config --define-variable=prefix="$prefix" --cflags --libs sorvalen_mdns_search)
+# shellcheck disable=SC2086
+c++ -o "$work/pc-consumer" "$consumer/main.cpp" $flags
+"$work/pc-consumer"
