@@ -231,7 +231,7 @@ CacheRecord* take_free_entry(mDNS* m, int32_t now) {
       return nullptr;
     }
     m->counters.records_evicted++;
-    cache_remove(m, victim, now);
+    cache_remove(m, victim, now, RemoveCause::kEvicted);
   }
   CacheRecord* rr = entry_at(m, m->CacheFree);
   if (rr != nullptr) {
@@ -352,12 +352,12 @@ void cache_expire_soon(mDNS* m, CacheRecord* rr, int32_t now) {
   rr->NextRequiredQuery = rr->ExpiryTime;
 }
 
-void cache_remove(mDNS* m, CacheRecord* rr, int32_t now) {
+void cache_remove(mDNS* m, CacheRecord* rr, int32_t now, RemoveCause cause) {
   if (!rr->InUse) {
     return;
   }
   if (!rr->AddPending) {
-    deliver_record_event(m, rr, QC_rmv, now);
+    deliver_record_event(m, rr, QC_rmv, now, cause);
   }
   rr->AddPending = 0;
   unlink_entry(m, rr);

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "mdns/mdns.h"
+#include "questions.h"
 
 namespace mdns {
 
@@ -37,7 +38,7 @@ void cache_expire_soon(mDNS* m, CacheRecord* rr, int32_t now);
 void cache_advance_refresh(mDNS* m, CacheRecord* rr);
 
 // Takes the entry out of the cache, giving remove events to the questions it answered.
-void cache_remove(mDNS* m, CacheRecord* rr, int32_t now);
+void cache_remove(mDNS* m, CacheRecord* rr, int32_t now, RemoveCause cause = RemoveCause::kGone);
 
 // When the entry next needs attention: its next refresh point, else its expiry.
 int32_t cache_next_event(const CacheRecord& rr);

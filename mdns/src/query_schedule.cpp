@@ -27,6 +27,25 @@ bool may_join(const DNSQuestion& q, int32_t now) {
   return time_diff(q.NextQTime, now) <= kQueryGroupingWindowMs;
 }
 
+bool for_interface(const DNSQuestion& q, mDNSInterfaceID interface_id) {
+  return q.InterfaceID == mDNSInterface_Any || q.InterfaceID == interface_id;
+}
+
+// A question that goes out now takes its identical twins along: they ask the
+// same thing, so from here on they share one schedule and one place on the wire.
+void join_identical_questions(mDNS* m) {
+  for (DNSQuestion* q = m->Questions; q != nullptr; q = q->next) {
+    if (!q->SendNow || q->DeliverAddsPending) {
+      continue;
+    }
+    for (DNSQuestion* twin = m->Questions; twin != nullptr; twin = twin->next) {
+      if (!twin->SendNow && twin->InterfaceID == q->InterfaceID && same_question(*twin, *q)) {
+        twin->SendNow = 1;
+      }
+    }
+  }
+}
+
 bool select_questions(mDNS* m, int32_t now) {
   bool any_due = false;
   for (DNSQuestion* q = m->Questions; q != nullptr; q = q->next) {
@@ -37,11 +56,25 @@ bool select_questions(mDNS* m, int32_t now) {
   for (DNSQuestion* q = m->Questions; q != nullptr; q = q->next) {
     q->SendNow = any_due && may_join(*q, now) ? 1 : 0;
   }
+  if (any_due) {
+    join_identical_questions(m);
+  }
   return any_due;
 }
 
-bool for_interface(const DNSQuestion& q, mDNSInterfaceID interface_id) {
-  return q.InterfaceID == mDNSInterface_Any || q.InterfaceID == interface_id;
+// Several questions of the core may ask the same thing (e.g. many resolves of
+// services on one host): it goes on the wire once, with the first of them.
+bool asked_earlier(const mDNS* m, const DNSQuestion* q, mDNSInterfaceID interface_id) {
+  for (const DNSQuestion* it = m->Questions; it != q; it = it->next) {
+    if (it->SendNow && for_interface(*it, interface_id) && same_question(*it, *q)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool goes_on(const mDNS* m, const DNSQuestion* q, mDNSInterfaceID interface_id) {
+  return q->SendNow && for_interface(*q, interface_id) && !asked_earlier(m, q, interface_id);
 }
 
 class PacketSender {
@@ -98,7 +131,7 @@ void send_on(mDNS* m, mDNSInterfaceID interface_id, int family, int32_t now) {
     DNSQuestion* begin = next;
     DNSQuestion* end = next;
     for (; end != nullptr; end = end->next) {
-      if (!end->SendNow || !for_interface(*end, interface_id)) {
+      if (!goes_on(m, end, interface_id)) {
         continue;
       }
       if (!first.add_question(end->qname, end->qtype, end->qclass)) {
@@ -113,7 +146,7 @@ void send_on(mDNS* m, mDNSInterfaceID interface_id, int family, int32_t now) {
     QueryWriter spare(m->txbuf, kMaxQueryPayload);
     QueryWriter* w = &first;
     for (DNSQuestion* q = begin; q != end; q = q->next) {
-      if (q->SendNow && for_interface(*q, interface_id)) {
+      if (goes_on(m, q, interface_id)) {
         write_known_answers(m, *q, interface_id, now, w, sender, spare);
       }
     }

@@ -35,7 +35,27 @@ void rest_schedule(DNSQuestion* q, int32_t now) {
   q->NextQTime = time_add(now, kMaxQueryInterval);
 }
 
-void track_answer(mDNS* m, DNSQuestion* q, QC_result kind, int32_t now) {
+// An identical question already querying sets the pace: asking again at once
+// would only repeat what is on the wire (or about to be).
+const DNSQuestion* querying_twin(const mDNS* m, const DNSQuestion& q) {
+  for (const DNSQuestion* it = m->Questions; it != nullptr; it = it->next) {
+    if (it != &q && it->InterfaceID == q.InterfaceID && it->ThisQInterval < kMaxQueryInterval &&
+        same_question(*it, q)) {
+      return it;
+    }
+  }
+  return nullptr;
+}
+
+void share_schedule(DNSQuestion* q, const DNSQuestion& twin) {
+  q->SentOnce = twin.SentOnce;
+  q->StartTime = twin.StartTime;
+  q->LastQTime = twin.LastQTime;
+  q->ThisQInterval = twin.ThisQInterval;
+  q->NextQTime = twin.NextQTime;
+}
+
+void track_answer(mDNS* m, DNSQuestion* q, QC_result kind, int32_t now, RemoveCause cause) {
   if (kind == QC_add) {
     q->CurrentAnswers++;
     if (is_unique_type(q->qtype)) {
@@ -46,7 +66,9 @@ void track_answer(mDNS* m, DNSQuestion* q, QC_result kind, int32_t now) {
   if (q->CurrentAnswers > 0) {
     q->CurrentAnswers--;
   }
-  if (q->CurrentAnswers == 0 && is_unique_type(q->qtype)) {
+  // An evicted answer still exists on the network: asking for it again would
+  // only push another answer out of the full cache, and so on without end.
+  if (q->CurrentAnswers == 0 && is_unique_type(q->qtype) && cause == RemoveCause::kGone) {
     schedule_first_query(m, q, now);
     m->NextScheduledEvent = time_min(m->NextScheduledEvent, q->NextQTime);
   }
@@ -63,7 +85,7 @@ void deliver_cached_answers(mDNS* m, DNSQuestion* q, int32_t now) {
     if (!rr->InUse || rr->AddPending || !question_answered_by(*q, rr->resrec)) {
       continue;
     }
-    track_answer(m, q, QC_add, now);
+    track_answer(m, q, QC_add, now, RemoveCause::kGone);
     call_back(m, q, rr->resrec, QC_add);
     // The callback may have stopped this very question (or stopped and restarted
     // it, which schedules a delivery of its own).
@@ -86,6 +108,11 @@ bool question_is_active(const mDNS* m, const DNSQuestion* q) {
     }
   }
   return false;
+}
+
+bool same_question(const DNSQuestion& a, const DNSQuestion& b) {
+  return a.qnamehash == b.qnamehash && a.qtype == b.qtype && a.qclass == b.qclass &&
+         names_equal(a.qname, b.qname);
 }
 
 bool question_answered_by(const DNSQuestion& q, const ResourceRecord& rr) {
@@ -130,6 +157,8 @@ mStatus question_start(mDNS* m, DNSQuestion* q, int32_t now) {
   q->DeliverAddsPending = 1;
   if (is_unique_type(q->qtype) && has_fresh_answer(m, *q)) {
     rest_schedule(q, now);
+  } else if (const DNSQuestion* twin = querying_twin(m, *q)) {
+    share_schedule(q, *twin);
   } else {
     schedule_first_query(m, q, now);
   }
@@ -160,10 +189,21 @@ void question_stop(mDNS* m, DNSQuestion* q) {
   }
 }
 
-void deliver_record_event(mDNS* m, CacheRecord* rr, QC_result kind, int32_t now) {
+void question_ask_again(mDNS* m, DNSQuestion* q, int32_t now) {
+  if (const DNSQuestion* twin = querying_twin(m, *q)) {
+    share_schedule(q, *twin);
+  } else {
+    schedule_first_query(m, q, now);
+  }
+  m->NextScheduledEvent = time_min(m->NextScheduledEvent, q->NextQTime);
+}
+
+void deliver_record_event(mDNS* m, CacheRecord* rr, QC_result kind, int32_t now, RemoveCause cause) {
   // Callbacks may start and stop questions: the cursor in m->CurrentQuestion is
   // moved on by question_stop when its question leaves the list.
   DNSQuestion* const saved = m->CurrentQuestion;
+  const mDNSu8 saved_eviction = m->EvictionInProgress;
+  m->EvictionInProgress = cause == RemoveCause::kEvicted ? 1 : 0;
   m->CurrentQuestion = m->Questions;
   while (m->CurrentQuestion != nullptr) {
     DNSQuestion* q = m->CurrentQuestion;
@@ -171,9 +211,10 @@ void deliver_record_event(mDNS* m, CacheRecord* rr, QC_result kind, int32_t now)
     if (q->DeliverAddsPending || !question_answered_by(*q, rr->resrec)) {
       continue;
     }
-    track_answer(m, q, kind, now);
+    track_answer(m, q, kind, now, cause);
     call_back(m, q, rr->resrec, kind);
   }
+  m->EvictionInProgress = saved_eviction;
   m->CurrentQuestion = saved;
 }
 
@@ -196,6 +237,11 @@ void deliver_pending_adds(mDNS* m, int32_t now) {
     }
     q->DeliverAddsPending = 0;
     deliver_cached_answers(m, q, now);
+    // It rested on a cached answer that has left (evicted) before delivery.
+    if (question_is_active(m, q) && !q->DeliverAddsPending && q->CurrentAnswers == 0 &&
+        q->ThisQInterval == kMaxQueryInterval) {
+      question_ask_again(m, q, now);
+    }
   }
   m->CurrentQuestion = saved;
 }

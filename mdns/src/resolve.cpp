@@ -54,7 +54,9 @@ void on_srv(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_resu
   ServiceInfoQuery* query = query_of(q);
   const rdataSRV& srv = answer->rdata->u.srv;
   if (kind == QC_rmv) {
-    if (query->GotSRV && names_equal(srv.target, query->target)) {
+    // An SRV pushed out of a full cache has not changed: the resolve keeps its
+    // target and goes on with the addresses.
+    if (query->GotSRV && !m->EvictionInProgress && names_equal(srv.target, query->target)) {
       query->GotSRV = 0;
       question_stop(m, &query->qAv4);
       question_stop(m, &query->qAv6);

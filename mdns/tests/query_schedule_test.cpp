@@ -188,5 +188,48 @@ TEST_F(QueryScheduleTest, ManyKnownAnswersSpillIntoTruncatedContinuationPackets)
   EXPECT_EQ(total, static_cast<size_t>(kInstances)) << "each known answer exactly once";
 }
 
+TEST_F(QueryScheduleTest, IdenticalQuestionsGoOutOncePerPacket) {
+  constexpr int kQuestions = 200;
+  for (int i = 0; i < kQuestions; ++i) {
+    start_query(&question(), "box.local.", kDNSType_A);
+    run_for(3);  // started over time, as resolves are
+  }
+  DNSQuestion& other = question();
+  start_query(&other, "other.local.", kDNSType_A);
+  run_for(8000);
+  const auto qs = queries_asking("box.local.", kDNSType_A);
+  ASSERT_GE(qs.size(), 3u);
+  EXPECT_LE(qs.size(), 5u) << "one schedule for all of them";
+  for (const auto& q : qs) {
+    size_t same = 0;
+    for (const auto& question : q.questions) {
+      same += question.qtype == kDNSType_A && mdns::names_equal(question.name, dn("box.local.")) ? 1 : 0;
+    }
+    EXPECT_EQ(same, 1u);
+  }
+  EXPECT_FALSE(queries_asking("other.local.", kDNSType_A).empty());
+}
+
+class TinyCacheQueryTest : public EngineTest {
+ protected:
+  TinyCacheQueryTest() : EngineTest(2) {}
+};
+
+TEST_F(TinyCacheQueryTest, QuestionWhoseCachedAnswerLeftBeforeDeliveryAsksAfterAll) {
+  DNSQuestion& browse = question();
+  start_browse(&browse);
+  receive(Message()
+              .answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes("A._http._tcp.local."))
+              .answer("box.local.", kDNSType_A, 10, a_data("192.168.1.20")));
+  run();
+  sent_.clear();
+  DNSQuestion& address = question();
+  start_query(&address, "box.local.", kDNSType_A);  // cached: rests
+  receive(Message().answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes("B._http._tcp.local.")));
+  ASSERT_EQ(m_.counters.records_evicted, 1u);
+  run_for(200);
+  EXPECT_FALSE(queries_asking("box.local.", kDNSType_A).empty());
+}
+
 }  // namespace
 }  // namespace mdns_test

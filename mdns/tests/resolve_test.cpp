@@ -13,6 +13,9 @@ struct Resolution {
 
 class ResolveTest : public EngineTest {
  protected:
+  ResolveTest() = default;
+  explicit ResolveTest(mDNSu32 cache_size) : EngineTest(cache_size) {}
+
   struct Slot {
     ServiceInfoQuery query;
     ServiceInfo info;
@@ -215,6 +218,119 @@ TEST_F(ResolveTest, ManyResolvesStartedFromOneResponse) {
   run_for(1000);
   EXPECT_EQ(slots_.size(), 8u);
   EXPECT_EQ(results_.size(), 8u);
+}
+
+class ManyServicesTest : public ResolveTest {
+ protected:
+  static constexpr int kServices = 200;
+  ManyServicesTest() : ResolveTest(2048) {}
+
+  static std::string instance(int i) { return "Bench " + std::to_string(i) + "._http._tcp.local."; }
+
+  // One host with many services, all on one target, as one responder packs them.
+  void receive_services(bool with_addresses) {
+    for (int i = 0; i < kServices; i += 20) {
+      Message msg;
+      for (int j = i; j < i + 20; ++j) {
+        msg.answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes(instance(j).c_str()))
+            .additional(instance(j).c_str(), kDNSType_SRV, 120,
+                        srv_data(static_cast<uint16_t>(8000 + j), "box.local."))
+            .additional(instance(j).c_str(), kDNSType_TXT, 4500, txt_data("k=v"));
+      }
+      if (with_addresses) {
+        msg.additional("box.local.", kDNSType_A, 120, a_data("192.168.1.20"))
+            .additional("box.local.", kDNSType_AAAA, 120, aaaa_data("fe80::20"));
+      }
+      receive(msg);
+    }
+  }
+
+  size_t questions_asking(uint16_t qtype) const {
+    size_t n = 0;
+    for (const auto& q : sent_) {
+      for (const auto& question : q.questions) {
+        n += question.qtype == qtype ? 1 : 0;
+      }
+    }
+    return n;
+  }
+};
+
+TEST_F(ManyServicesTest, ResolvesWhoseAnswersAreCachedSendNoQueries) {
+  DNSQuestion& browse = question();
+  start_resolving_browse(&browse);
+  run();
+  receive_services(true);
+  run_for(60000);
+  EXPECT_EQ(slots_.size(), static_cast<size_t>(kServices));
+  EXPECT_EQ(results_.size(), static_cast<size_t>(2 * kServices)) << "A then AAAA for each";
+  EXPECT_EQ(unique_type_queries(), 0u);
+}
+
+TEST_F(ManyServicesTest, ResolvesOfOneTargetShareItsAddressQuestions) {
+  DNSQuestion& browse = question();
+  start_resolving_browse(&browse);
+  run();
+  receive_services(false);
+  run_for(10000);
+  ASSERT_EQ(slots_.size(), static_cast<size_t>(kServices));
+  EXPECT_EQ(questions_asking(kDNSType_SRV), 0u);
+  EXPECT_EQ(questions_asking(kDNSType_TXT), 0u);
+  // 200 resolves waiting for the same addresses: each query packet asks once.
+  const size_t packets_v4 = queries_asking("box.local.", kDNSType_A).size();
+  EXPECT_GE(packets_v4, 3u) << "first query and its repeats at 1, 2 and 4 s";
+  EXPECT_LE(packets_v4, 5u);
+  for (const auto& q : sent_) {
+    size_t a = 0;
+    size_t aaaa = 0;
+    for (const auto& question : q.questions) {
+      a += question.qtype == kDNSType_A ? 1 : 0;
+      aaaa += question.qtype == kDNSType_AAAA ? 1 : 0;
+    }
+    EXPECT_LE(a, 1u);
+    EXPECT_LE(aaaa, 1u);
+  }
+
+  const size_t before = sent_.size();
+  receive(Message()
+              .answer("box.local.", kDNSType_A, 120, a_data("192.168.1.20"), true)
+              .answer("box.local.", kDNSType_AAAA, 120, aaaa_data("fe80::20"), true));
+  run_for(60000);
+  EXPECT_EQ(results_.size(), static_cast<size_t>(2 * kServices));
+  for (size_t i = before; i < sent_.size(); ++i) {
+    EXPECT_FALSE(sent_[i].asks("box.local.", kDNSType_A)) << "answered: no more address queries";
+  }
+}
+
+class SmallCacheResolveTest : public ResolveTest {
+ protected:
+  SmallCacheResolveTest() : ResolveTest(6) {}
+};
+
+TEST_F(SmallCacheResolveTest, SrvPushedOutOfAFullCacheIsNotAskedForAgainAndAddressesStillCount) {
+  DNSQuestion& browse = question();
+  start_browse(&browse);
+  resolve("Printer._http._tcp.local.");
+  run();
+  receive(Message()
+              .answer("Printer._http._tcp.local.", kDNSType_SRV, 10, srv_data(8080, "printer.local."), true)
+              .answer("Printer._http._tcp.local.", kDNSType_TXT, 4500, txt_data("k=v"), true)
+              .answer("printer.local.", kDNSType_A, 120, a_data("192.168.1.20"), true));
+  run_for(200);
+  ASSERT_EQ(results_.size(), 1u);
+  sent_.clear();
+  Message many;
+  for (int i = 0; i < 4; ++i) {
+    const std::string name = "Other" + std::to_string(i) + "._http._tcp.local.";
+    many.answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes(name.c_str()));
+  }
+  receive(many);
+  ASSERT_GE(m_.counters.records_evicted, 1u) << "the SRV, nearest its expiry, made room";
+  run_for(5000);
+  EXPECT_TRUE(queries_asking("Printer._http._tcp.local.", kDNSType_SRV).empty());
+  receive(Message().answer("printer.local.", kDNSType_A, 120, a_data("192.168.1.21"), true));
+  run_for(200);
+  EXPECT_EQ(results_.size(), 2u) << "the resolve kept its target";
 }
 
 }  // namespace

@@ -349,6 +349,7 @@ struct mDNS_struct {
   mDNSu32 CacheUsed;
   mDNSu32 SendSerial;
   mDNSu32 QuestionGeneration; /* changes whenever a question starts or stops */
+  mDNSu8 EvictionInProgress;  /* remove events now come from the full cache, not the network */
   /* The next entries to evict, nearest expiry first (see cache.cpp). */
   mDNSEvictionList EvictIdle; /* entries answering no active question */
   mDNSEvictionList EvictAny;
