@@ -55,6 +55,7 @@ bool select_questions(mDNS* m, int32_t now) {
   }
   for (DNSQuestion* q = m->Questions; q != nullptr; q = q->next) {
     q->SendNow = any_due && may_join(*q, now) ? 1 : 0;
+    q->KnownAnswersSpilled = 0;
   }
   if (any_due) {
     join_identical_questions(m);
@@ -77,6 +78,20 @@ bool goes_on(const mDNS* m, const DNSQuestion* q, mDNSInterfaceID interface_id) 
   return q->SendNow && for_interface(*q, interface_id) && !asked_earlier(m, q, interface_id);
 }
 
+// The first query of a question asks for unicast responses: a responder that
+// has just multicast the answer (its one-second rule would hold back another
+// multicast) can then answer at once.  Later queries ask for multicast, so
+// that every cache on the link stays fresh and a reply that another process
+// on this host received in our place is made up for.
+bool wants_unicast(const DNSQuestion* q, mDNSInterfaceID interface_id) {
+  for (const DNSQuestion* it = q; it != nullptr; it = it->next) {
+    if (it->SendNow && !it->SentOnce && for_interface(*it, interface_id) && same_question(*it, *q)) {
+      return true;
+    }
+  }
+  return false;
+}
+
 class PacketSender {
  public:
   PacketSender(mDNS* m, mDNSInterfaceID interface_id, int family)
@@ -93,8 +108,8 @@ class PacketSender {
 
 // Cached answers on this interface whose remaining TTL is above half the
 // original go along, so that responders holding the same need not answer.
-bool write_known_answers(mDNS* m, const DNSQuestion& q, mDNSInterfaceID interface_id, int32_t now,
-                         QueryWriter*& w, PacketSender& sender, QueryWriter& spare) {
+bool write_known_answers(mDNS* m, DNSQuestion& q, mDNSInterfaceID interface_id, int32_t now, QueryWriter*& w,
+                         PacketSender& sender, QueryWriter& spare) {
   for (CacheRecord* rr = cache_bucket_first(m, q.qnamehash); rr != nullptr; rr = cache_bucket_next(m, rr)) {
     if (!rr->InUse || rr->ExpiryPending || rr->KnownAnswerMark == m->SendSerial ||
         rr->resrec.InterfaceID != interface_id || !question_answered_by(q, rr->resrec)) {
@@ -111,6 +126,7 @@ bool write_known_answers(mDNS* m, const DNSQuestion& q, mDNSInterfaceID interfac
       continue;
     }
     // Full: this packet goes with TC set, the rest follow in the next.
+    q.KnownAnswersSpilled = 1;
     w->set_truncated();
     sender.send(w->finish());
     spare = QueryWriter(m->txbuf, kMaxQueryPayload);
@@ -134,7 +150,7 @@ void send_on(mDNS* m, mDNSInterfaceID interface_id, int family, int32_t now) {
       if (!goes_on(m, end, interface_id)) {
         continue;
       }
-      if (!first.add_question(end->qname, end->qtype, end->qclass)) {
+      if (!first.add_question(end->qname, end->qtype, end->qclass, wants_unicast(end, interface_id))) {
         break;
       }
       m->counters.queries_sent++;
@@ -155,7 +171,30 @@ void send_on(mDNS* m, mDNSInterfaceID interface_id, int family, int32_t now) {
   }
 }
 
+int32_t grown_interval(int32_t interval, int32_t factor) {
+  return interval >= kMaxQueryInterval / factor ? kMaxQueryInterval : interval * factor;
+}
+
+// Identical questions keep one schedule, so a spill seen by the one that went
+// on the wire counts for its twins too.
+void share_spills(mDNS* m) {
+  for (DNSQuestion* q = m->Questions; q != nullptr; q = q->next) {
+    if (!q->SendNow || !q->KnownAnswersSpilled) {
+      continue;
+    }
+    for (DNSQuestion* twin = m->Questions; twin != nullptr; twin = twin->next) {
+      if (twin->SendNow && twin->InterfaceID == q->InterfaceID && same_question(*twin, *q)) {
+        twin->KnownAnswersSpilled = 1;
+      }
+    }
+  }
+}
+
+// Intervals double; a query whose known answers filled several packets is
+// costly for every host on the link, so after one the next interval is four
+// times the last instead.
 void advance_schedules(mDNS* m, int32_t now) {
+  share_spills(m);
   for (DNSQuestion* q = m->Questions; q != nullptr; q = q->next) {
     if (!q->SendNow) {
       continue;
@@ -169,8 +208,11 @@ void advance_schedules(mDNS* m, int32_t now) {
       continue;
     }
     q->SentOnce = 1;
+    if (q->KnownAnswersSpilled) {
+      q->ThisQInterval = grown_interval(q->ThisQInterval, 2);
+    }
     q->NextQTime = time_add(now, q->ThisQInterval);
-    q->ThisQInterval = q->ThisQInterval >= kMaxQueryInterval / 2 ? kMaxQueryInterval : q->ThisQInterval * 2;
+    q->ThisQInterval = grown_interval(q->ThisQInterval, 2);
   }
 }
 

@@ -6,7 +6,30 @@
 namespace mdns_test {
 namespace {
 
-class QueryScheduleTest : public EngineTest {};
+class QueryScheduleTest : public EngineTest {
+ protected:
+  // Enough PTR answers that their known-answer list needs several packets.
+  void receive_many_instances(int count) {
+    for (int i = 0; i < count; i += 10) {
+      Message msg;
+      for (int j = i; j < i + 10 && j < count; ++j) {
+        const std::string name =
+            "A rather long instance name number " + std::to_string(j) + "._http._tcp.local.";
+        msg.answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes(name.c_str()));
+      }
+      receive(msg);
+    }
+  }
+};
+
+bool asks_unicast(const SentQuery& query, const char* name, uint16_t qtype) {
+  for (const auto& q : query.questions) {
+    if (q.qtype == qtype && mdns::names_equal(q.name, dn(name))) {
+      return q.unicast_response;
+    }
+  }
+  return false;
+}
 
 TEST_F(QueryScheduleTest, FirstQueryAfterShortDelayThenIntervalsDoubleUpToAnHour) {
   DNSQuestion& browse = question();
@@ -19,6 +42,10 @@ TEST_F(QueryScheduleTest, FirstQueryAfterShortDelayThenIntervalsDoubleUpToAnHour
   EXPECT_GE(qs[0].time - kStartTime, 20);
   EXPECT_LE(qs[0].time - kStartTime, 120);
   EXPECT_GE(qs[1].time - qs[0].time, 1000);
+  EXPECT_TRUE(asks_unicast(qs[0], "_http._tcp.local.", kDNSType_PTR)) << "the first query asks QU";
+  for (size_t i = 1; i < qs.size(); ++i) {
+    EXPECT_FALSE(asks_unicast(qs[i], "_http._tcp.local.", kDNSType_PTR)) << i;
+  }
   for (size_t i = 2; i < qs.size(); ++i) {
     const int32_t previous = qs[i - 1].time - qs[i - 2].time;
     const int32_t interval = qs[i].time - qs[i - 1].time;
@@ -161,15 +188,7 @@ TEST_F(QueryScheduleTest, ManyKnownAnswersSpillIntoTruncatedContinuationPackets)
   DNSQuestion& browse = question();
   start_browse(&browse);
   constexpr int kInstances = 80;
-  for (int i = 0; i < kInstances; i += 10) {
-    Message msg;
-    for (int j = i; j < i + 10; ++j) {
-      const std::string name =
-          "A rather long instance name number " + std::to_string(j) + "._http._tcp.local.";
-      msg.answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes(name.c_str()));
-    }
-    receive(msg);
-  }
+  receive_many_instances(kInstances);
   run_for(150);
   std::vector<SentQuery> v4;
   for (const auto& q : sent_) {
@@ -186,6 +205,21 @@ TEST_F(QueryScheduleTest, ManyKnownAnswersSpillIntoTruncatedContinuationPackets)
     total += v4[i].known_answers.size();
   }
   EXPECT_EQ(total, static_cast<size_t>(kInstances)) << "each known answer exactly once";
+}
+
+TEST_F(QueryScheduleTest, QueriesWhoseKnownAnswersSpillBackOffFourfold) {
+  DNSQuestion& browse = question();
+  start_browse(&browse);
+  run_for(150);  // the first query, with nothing known yet
+  receive_many_instances(80);
+  run_for(200000);
+  const auto qs = queries_asking("_http._tcp.local.", kDNSType_PTR, 4);
+  ASSERT_GE(qs.size(), 4u);
+  EXPECT_GE(qs[1].time - qs[0].time, 1000);
+  EXPECT_LT(qs[1].time - qs[0].time, 1200);
+  for (size_t i = 2; i < qs.size(); ++i) {
+    EXPECT_GE(qs[i].time - qs[i - 1].time, 4 * (qs[i - 1].time - qs[i - 2].time)) << i;
+  }
 }
 
 TEST_F(QueryScheduleTest, IdenticalQuestionsGoOutOncePerPacket) {

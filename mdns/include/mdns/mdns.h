@@ -177,9 +177,10 @@ struct DNSQuestion_struct {
   mDNSu32 CurrentAnswers; /* cache entries currently answering it */
   mDNSu8 Active;          /* only trusted for questions found on the core's list */
   mDNSu8 DeliverAddsPending;
-  mDNSu8 SentOnce;       /* the first query has gone out */
-  mDNSu8 RefreshPending; /* a cached answer needs a refresh query */
-  mDNSu8 SendNow;        /* chosen for the packets of the current pass */
+  mDNSu8 SentOnce;            /* the first query has gone out */
+  mDNSu8 RefreshPending;      /* a cached answer needs a refresh query */
+  mDNSu8 SendNow;             /* chosen for the packets of the current pass */
+  mDNSu8 KnownAnswersSpilled; /* this pass's known answers took more than one packet */
   mDNSs32 StartTime;
 };
 
