@@ -27,6 +27,9 @@ install(FILES
   ${PROJECT_BINARY_DIR}/sorvalen_mdns_search-config-version.cmake
   DESTINATION ${SORVALEN_CMAKE_DIR})
 
+# The .pc file finds the prefix from its own place, so an installed tree can move.
+file(RELATIVE_PATH SORVALEN_PC_TO_PREFIX "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+string(REGEX REPLACE "/$" "" SORVALEN_PC_TO_PREFIX "${SORVALEN_PC_TO_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/sorvalen_mdns_search.pc.in
   ${PROJECT_BINARY_DIR}/sorvalen_mdns_search.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/sorvalen_mdns_search.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

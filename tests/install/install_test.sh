@@ -16,9 +16,10 @@ cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/
 cmake --build "$work/cmake-build" >/dev/null
 "$work/cmake-build/consumer"
 
-# The .pc file carries the prefix given at configure time; point it at the temporary one.
+# The .pc file finds the prefix relative to itself.
 export PKG_CONFIG_PATH=$libdir/pkgconfig
-flags=$(pkg-config --define-variable=prefix="$prefix" --cflags --libs sorvalen_mdns_search)
+flags=$(pkg-config --cflags --libs sorvalen_mdns_search)
+case "$flags" in *"-I$prefix/"*) ;; *) echo "pkg-config flags miss the prefix: $flags" >&2; exit 1 ;; esac
 # shellcheck disable=SC2086
 c++ -o "$work/pc-consumer" "$consumer/main.cpp" $flags
 "$work/pc-consumer"
