@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "argument_reader.h"
 #include "commands.h"
 #include "sorvalen/dns_reverse_lookup.h"
 
@@ -37,22 +38,6 @@ struct Outcome {
 // The lookup reports within about 5 s; this only guards against a hang.
 constexpr auto kOutcomeWait = std::chrono::seconds(30);
 
-int fail_usage(const std::string& message) {
-  std::fprintf(stderr, "sorvalen-mdns lookup: %s; run 'sorvalen-mdns lookup --help' for usage\n",
-               message.c_str());
-  return 2;
-}
-
-bool parse_id(const char* text, unsigned short* id) {
-  char* end = nullptr;
-  errno = 0;
-  const long value = std::strtol(text, &end, 0);
-  if (errno != 0 || end == text || *end != '\0' || value < 0 || value > 0xFFFF)
-    return false;
-  *id = static_cast<unsigned short>(value);
-  return true;
-}
-
 bool is_dotted_ipv4(const std::string& text) {
   in_addr address{};
   return inet_pton(AF_INET, text.c_str(), &address) == 1;
@@ -60,32 +45,35 @@ bool is_dotted_ipv4(const std::string& text) {
 
 // Returns 0 when the options are usable, else the exit status (after saying why).
 int parse_options(int argc, char** argv, LookupOptions* options) {
+  ArgumentReader args("lookup", argc, argv);
   std::vector<std::string> positional;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
+  while (args.next()) {
+    if (args.is_help()) {
       options->help = true;
       return 0;
     }
-    if (arg == "--id") {
-      if (i + 1 >= argc)
-        return fail_usage("option --id needs a value");
-      if (!parse_id(argv[++i], &options->id))
-        return fail_usage("--id takes a number from 0 to 65535");
-    } else if (arg.size() > 1 && arg[0] == '-') {
-      return fail_usage("unknown option " + arg);
+    if (args.current() == "--id") {
+      std::string text;
+      long id = 0;
+      if (!args.take_value(&text))
+        return 2;
+      if (!parse_bounded_number(text, 0, 0xFFFF, &id))
+        return args.fail("--id takes a number from 0 to 65535");
+      options->id = static_cast<unsigned short>(id);
+    } else if (args.is_option()) {
+      return args.fail("unknown option " + args.current());
     } else {
-      positional.push_back(arg);
+      positional.push_back(args.current());
     }
   }
   if (positional.size() != 2)
-    return fail_usage("expected an IPv4 address and a name");
+    return args.fail("expected an IPv4 address and a name");
   options->address = positional[0];
   options->name = positional[1];
   if (!is_dotted_ipv4(options->address))
-    return fail_usage("'" + options->address + "' is not an IPv4 address");
+    return args.fail("'" + options->address + "' is not an IPv4 address");
   if (options->name.size() > 1006)
-    return fail_usage("the name is longer than 1006 characters");
+    return args.fail("the name is longer than 1006 characters");
   return 0;
 }
 

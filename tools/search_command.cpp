@@ -18,6 +18,7 @@
 #include <tuple>
 #include <vector>
 
+#include "argument_reader.h"
 #include "commands.h"
 #include "sorvalen/mdns_search.h"
 
@@ -48,71 +49,46 @@ struct Endpoint {
   }
 };
 
-void fail_usage(const std::string& message) {
-  std::fprintf(stderr, "sorvalen-mdns search: %s; run 'sorvalen-mdns search --help' for usage\n",
-               message.c_str());
-}
-
-bool parse_timeout(const char* text, int* seconds) {
-  char* end = nullptr;
-  errno = 0;
-  const long value = std::strtol(text, &end, 10);
-  if (errno != 0 || end == text || *end != '\0' || value < 0 || value > 86400)
-    return false;
-  *seconds = static_cast<int>(value);
-  return true;
-}
-
 // Returns 0 on success, else the exit status (after printing why).
 int parse_options(int argc, char** argv, SearchOptions* options) {
+  ArgumentReader args("search", argc, argv);
   std::vector<std::string> positional;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    const bool has_value = i + 1 < argc;
-    if (arg == "--help" || arg == "-h") {
+  while (args.next()) {
+    const std::string& arg = args.current();
+    if (args.is_help()) {
       options->help = true;
       return 0;
     }
     if (arg == "--json") {
       options->json = true;
-    } else if (arg == "--domain" || arg == "--names" || arg == "--timeout" || arg == "--interface") {
-      if (!has_value) {
-        fail_usage("option " + arg + " needs a value");
+    } else if (arg == "--domain" || arg == "--names" || arg == "--interface") {
+      std::string* target = arg == "--domain"  ? &options->domain
+                            : arg == "--names" ? &options->names
+                                               : &options->interface_name;
+      if (!args.take_value(target))
         return 2;
-      }
-      const char* value = argv[++i];
-      if (arg == "--domain") {
-        options->domain = value;
-      } else if (arg == "--names") {
-        options->names = value;
-      } else if (arg == "--interface") {
-        options->interface_name = value;
-      } else if (!parse_timeout(value, &options->timeout_seconds)) {
-        fail_usage("--timeout takes whole seconds from 0 (no limit) to 86400, not '" + std::string(value) +
-                   "'");
+    } else if (arg == "--timeout") {
+      std::string text;
+      long seconds = 0;
+      if (!args.take_value(&text))
         return 2;
-      }
-    } else if (arg.size() > 1 && arg[0] == '-') {
-      fail_usage("unknown option '" + arg + "'");
-      return 2;
+      if (!parse_bounded_number(text, 10, 86400, &seconds))
+        return args.fail("--timeout takes whole seconds from 0 (no limit) to 86400, not '" + text + "'");
+      options->timeout_seconds = static_cast<int>(seconds);
+    } else if (args.is_option()) {
+      return args.fail("unknown option '" + arg + "'");
     } else {
       positional.push_back(arg);
     }
   }
-  if (positional.size() != 1) {
-    fail_usage(positional.empty() ? "give the service type to search for, e.g. _http._tcp"
-                                  : "give exactly one service type");
-    return 2;
-  }
+  if (positional.size() != 1)
+    return args.fail(positional.empty() ? "give the service type to search for, e.g. _http._tcp"
+                                        : "give exactly one service type");
   options->type = positional[0];
-  if (options->type.empty()) {
-    fail_usage("the service type is empty; give one such as _http._tcp");
-    return 2;
-  }
-  if (options->domain.empty()) {
-    fail_usage("the domain is empty; leave --domain out to search in local.");
-    return 2;
-  }
+  if (options->type.empty())
+    return args.fail("the service type is empty; give one such as _http._tcp");
+  if (options->domain.empty())
+    return args.fail("the domain is empty; leave --domain out to search in local.");
   return 0;
 }
 
@@ -284,8 +260,8 @@ struct SearchDeleter {
 
 int run_search(const SearchOptions& options) {
   if (!options.interface_name.empty() && if_nametoindex(options.interface_name.c_str()) == 0) {
-    fail_usage("there is no network interface '" + options.interface_name + "' (see 'ip link')");
-    return 2;
+    return usage_error("search",
+                       "there is no network interface '" + options.interface_name + "' (see 'ip link')");
   }
 
   // The signals are taken by sigtimedwait below, never by a handler: blocked
