@@ -87,7 +87,8 @@ TEST_F(BrowseResolveOnLan, ResolveCompletesFromTheRecordsThatCameWithTheBrowse) 
   ASSERT_TRUE(core->run_until([&] { return !resolve.results.empty(); }, kFindMs));
   EXPECT_EQ(resolve.queries_sent_at_first_result, queries_before)
       << "the answer's additional records should have completed the resolve";
-  EXPECT_EQ(address_text(resolve.results.front().ip), lan_->host_ipv4("printer"));
+  ASSERT_TRUE(core->run_until([&] { return resolve.has_family(mDNSAddrType_IPv4); }, kFindMs));
+  EXPECT_EQ(address_text(resolve.first_of(mDNSAddrType_IPv4)->ip), lan_->host_ipv4("printer"));
   mDNS_StopResolveService(&core->core(), &resolve.query);
 }
 

@@ -85,13 +85,13 @@ int Browse::removes_of(const std::string& instance) const {
   return n;
 }
 
-bool Resolve::has_family(int family) const {
+const ResolveResult* Resolve::first_of(int family) const {
   for (const auto& r : results) {
     if (r.ip.type == family) {
-      return true;
+      return &r;
     }
   }
-  return false;
+  return nullptr;
 }
 
 CoreOnLan::CoreOnLan(std::string netns)

@@ -38,7 +38,9 @@ struct Resolve {
   std::vector<ResolveResult> results;
   mDNSu32 queries_sent_at_first_result = 0;
 
-  bool has_family(int family) const;
+  bool has_family(int family) const { return first_of(family) != nullptr; }
+  // The first result of that address family, or null.
+  const ResolveResult* first_of(int family) const;
 };
 
 class CoreOnLan {

@@ -73,7 +73,7 @@ TEST_F(TwoLans, EachDeviceIsSeenOnItsOwnInterface) {
   Resolve tv;
   ASSERT_EQ(core_->resolve(tv, "Hall TV", "_http._tcp", eth0), mStatus_NoError);
   ASSERT_TRUE(core_->run_until([&] { return tv.has_family(mDNSAddrType_IPv4); }, kFindMs));
-  EXPECT_EQ(address_text(tv.results.front().ip), lan_->host_ipv4("tv"));
+  EXPECT_EQ(address_text(tv.first_of(mDNSAddrType_IPv4)->ip), lan_->host_ipv4("tv"));
   mDNS_StopResolveService(&core_->core(), &tv.query);
 }
 
