@@ -1,82 +1,62 @@
 // The record cache: what is kept, for how long, and what leaves first.
-#include "cache.h"
-
 #include "engine_fixture.h"
 
 namespace mdns_test {
 namespace {
 
-class CacheTest : public EngineTest {};
+using CacheTest = EngineTest;
 
-TEST_F(CacheTest, KeepsEveryRecordOfAResponseAndRefreshesWithoutDuplicates) {
-  receive(announcement("Printer", "printer.local."));
-  EXPECT_EQ(m_.CacheUsed, 5u);
-  EXPECT_EQ(m_.counters.records_cached, 5u);
-
-  now_ += 30000;
-  receive(announcement("Printer", "printer.local."));
-  EXPECT_EQ(m_.CacheUsed, 5u) << "re-receipt refreshes the same entries";
-
-  // Same data, other case in the owner name: the same record.
-  Message upper;
-  upper.answer("_HTTP._TCP.LOCAL.", kDNSType_PTR, 4440, name_bytes("Printer._http._tcp.local."))
-      .answer("_http._tcp.local.", kDNSType_PTR, 4440, name_bytes("PRINTER._HTTP._tcp.local."))
-      .answer("Printer._http._tcp.local.", kDNSType_SRV, 120, srv_data(8080, "PRINTER.local."));
-  receive(upper);
-  EXPECT_EQ(m_.CacheUsed, 5u) << "names in data compare without case too";
-
-  // Same name and type but on another interface, or with other data: new entries.
-  ASSERT_TRUE(mdns::platform_test_add_interface(&p_, "eth1", 3, "10.0.0.1", "255.0.0.0"));
-  ASSERT_EQ(mDNSPlatformPosixRefreshInterfaceList(&m_), mStatus_NoError);
-  Message other;
-  other.answer("printer.local.", kDNSType_A, 120, a_data("192.168.1.21"));
-  receive(other);
-  receive(other, "10.0.0.2", 5353, mdns::platform_interface_id(3));
-  EXPECT_EQ(m_.CacheUsed, 7u);
+// "<instance>._http._tcp.local." as a browse answer.
+Message ptr(const char* instance, uint32_t ttl) {
+  const std::string target = std::string(instance) + "._http._tcp.local.";
+  return Message().answer("_http._tcp.local.", kDNSType_PTR, ttl, name_bytes(target.c_str()));
 }
 
-TEST_F(CacheTest, AnswerExpiresAtItsTtlWithARemoveEvent) {
+TEST_F(CacheTest, OneEntryPerRecordInterfaceAndDataWhateverTheCase) {
+  receive(announcement("Printer", "printer.local."));
+  EXPECT_EQ(m_.CacheUsed, 5u);
+  now_ += 30000;
+  receive(announcement("Printer", "printer.local."));
+  receive(Message()
+              .answer("_HTTP._TCP.LOCAL.", kDNSType_PTR, 4440, name_bytes("PRINTER._HTTP._tcp.local."))
+              .answer("Printer._http._tcp.local.", kDNSType_SRV, 120, srv_data(8080, "PRINTER.local.")));
+  EXPECT_EQ(m_.CacheUsed, 5u) << "re-receipts, also in other case, refresh the same entries";
+
+  add_eth1();
+  const Message other = Message().answer("printer.local.", kDNSType_A, 120, a_data("192.168.1.21"));
+  receive(other);
+  receive(other, "10.0.0.2", 5353, eth1());
+  EXPECT_EQ(m_.CacheUsed, 7u) << "other data, and the same record on another interface";
+}
+
+TEST_F(CacheTest, AnswerExpiresAtItsTtlWithARemoveEventUnlessReceivedAgain) {
   DNSQuestion& browse = question();
   start_browse(&browse);
   run();
-  Message msg;
-  msg.answer("_http._tcp.local.", kDNSType_PTR, 100, name_bytes("A._http._tcp.local."));
-  receive(msg);
-  ASSERT_EQ(count_events(QC_add), 1u);
+  receive(ptr("A", 100));
+  receive(ptr("B", 100));
+  ASSERT_EQ(count_events(QC_add), 2u);
+  run_until(kStartTime + 81000);
+  receive(ptr("B", 100));
 
   run_until(kStartTime + 99900);
   EXPECT_EQ(count_events(QC_rmv), 0u);
   run_until(kStartTime + 100000);
-  ASSERT_EQ(count_events(QC_rmv), 1u);
-  EXPECT_EQ(events_.back().data, "A._http._tcp.local.");
-  EXPECT_EQ(m_.CacheUsed, 0u);
-}
-
-TEST_F(CacheTest, RefreshedRecordOutlivesItsFirstTtl) {
-  DNSQuestion& browse = question();
-  start_browse(&browse);
-  Message msg;
-  msg.answer("_http._tcp.local.", kDNSType_PTR, 100, name_bytes("A._http._tcp.local."));
-  receive(msg);
-  run_until(kStartTime + 81000);
-  receive(msg);
-  run_until(kStartTime + 150000);
-  EXPECT_EQ(count_events(QC_add), 1u) << "a refresh is no new answer";
-  EXPECT_EQ(count_events(QC_rmv), 0u);
-  run_until(kStartTime + 181000);
+  EXPECT_EQ(count_events(QC_rmv, "A._http._tcp.local."), 1u);
+  run_until(kStartTime + 180900);
   EXPECT_EQ(count_events(QC_rmv), 1u);
+  run_until(kStartTime + 181000);
+  EXPECT_EQ(count_events(QC_rmv, "B._http._tcp.local."), 1u);
+  EXPECT_EQ(count_events(QC_add), 2u) << "a refresh is no new answer";
+  EXPECT_EQ(m_.CacheUsed, 0u);
 }
 
 TEST_F(CacheTest, GoodbyeRemovesTheRecordOneSecondLater) {
   DNSQuestion& browse = question();
   start_browse(&browse);
-  Message hello;
-  hello.answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes("A._http._tcp.local."));
-  receive(hello);
-  Message bye;
-  bye.answer("_http._tcp.local.", kDNSType_PTR, 0, name_bytes("A._http._tcp.local."));
+  receive(ptr("A", 4500));
   now_ += 5000;
-  receive(bye);
+  receive(ptr("A", 0));
   const int32_t goodbye_time = now_;
   run_until(goodbye_time + 990);
   EXPECT_EQ(count_events(QC_rmv), 0u);
@@ -84,33 +64,34 @@ TEST_F(CacheTest, GoodbyeRemovesTheRecordOneSecondLater) {
   ASSERT_EQ(count_events(QC_rmv), 1u);
   EXPECT_EQ(events_.back().time, goodbye_time + 1000);
 
-  // A goodbye for something never cached adds nothing.
-  receive(bye);
-  EXPECT_EQ(m_.CacheUsed, 0u);
+  receive(ptr("A", 0));
+  EXPECT_EQ(m_.CacheUsed, 0u) << "a goodbye for something not cached adds nothing";
   EXPECT_EQ(count_events(QC_add), 1u);
 }
 
-TEST_F(CacheTest, CacheFlushExpiresOlderRecordsOfTheSameSet) {
+TEST_F(CacheTest, TtlIsCappedAtAWeek) {
+  // Uncapped, TTL * 1000 ms would wrap the clock and expire the record at once.
+  receive(Message().answer("host.local.", kDNSType_A, 0xFFFFFFF0u, a_data("192.168.1.30")));
+  const int32_t week = 7 * 24 * 3600 * 1000;
+  run_until(kStartTime + week - 1000);
+  EXPECT_EQ(m_.CacheUsed, 1u);
+  run_until(kStartTime + week);
+  EXPECT_EQ(m_.CacheUsed, 0u);
+}
+
+TEST_F(CacheTest, CacheFlushExpiresRecordsOfTheSetOlderThanOneSecond) {
   DNSQuestion& q = question();
   start_query(&q, "host.local.", kDNSType_A);
-  Message first;
-  first.answer("host.local.", kDNSType_A, 120, a_data("192.168.1.30"), true)
-      .answer("host.local.", kDNSType_A, 120, a_data("192.168.1.31"), true);
-  receive(first);
+  receive(Message()
+              .answer("host.local.", kDNSType_A, 120, a_data("192.168.1.30"), true)
+              .answer("host.local.", kDNSType_A, 120, a_data("192.168.1.31"), true));
   EXPECT_EQ(m_.CacheUsed, 2u) << "records of one packet do not flush each other";
-
-  // Within a second of the first: both stay.
   now_ += 500;
-  Message third;
-  third.answer("host.local.", kDNSType_A, 120, a_data("192.168.1.32"), true);
-  receive(third);
+  receive(Message().answer("host.local.", kDNSType_A, 120, a_data("192.168.1.32"), true));
   run_for(3000);
-  EXPECT_EQ(m_.CacheUsed, 3u);
+  EXPECT_EQ(m_.CacheUsed, 3u) << "records under a second old are spared";
 
-  // Later, a flush record (refreshing .31) sends the others away a second later.
-  Message flush;
-  flush.answer("host.local.", kDNSType_A, 120, a_data("192.168.1.31"), true);
-  receive(flush);
+  receive(Message().answer("host.local.", kDNSType_A, 120, a_data("192.168.1.31"), true));
   const int32_t flush_time = now_;
   run_until(flush_time + 900);
   EXPECT_EQ(m_.CacheUsed, 3u);
@@ -118,26 +99,22 @@ TEST_F(CacheTest, CacheFlushExpiresOlderRecordsOfTheSameSet) {
   EXPECT_EQ(m_.CacheUsed, 1u);
   EXPECT_EQ(count_events(QC_rmv), 2u);
 
-  // Without the flush bit, nothing else is touched.
   now_ += 5000;
-  Message shared;
-  shared.answer("host.local.", kDNSType_A, 120, a_data("192.168.1.33"), false);
-  receive(shared);
+  receive(Message().answer("host.local.", kDNSType_A, 120, a_data("192.168.1.33"), false));
   run_for(2000);
-  EXPECT_EQ(m_.CacheUsed, 2u);
+  EXPECT_EQ(m_.CacheUsed, 2u) << "without the flush bit nothing else is touched";
 }
 
 TEST_F(CacheTest, VanishedInterfaceTakesItsRecordsWithRemoveEvents) {
-  ASSERT_TRUE(mdns::platform_test_add_interface(&p_, "eth1", 3, "10.0.0.1", "255.0.0.0"));
-  ASSERT_EQ(mDNSPlatformPosixRefreshInterfaceList(&m_), mStatus_NoError);
+  add_eth1();
   DNSQuestion& browse = question();
   start_browse(&browse);
   receive(announcement("A", "a.local."));
-  receive(announcement("B", "b.local."), "10.0.0.2", 5353, mdns::platform_interface_id(3));
+  receive(announcement("B", "b.local."), "10.0.0.2", 5353, eth1());
   run();
   ASSERT_EQ(count_events(QC_add), 2u);
 
-  ASSERT_TRUE(mdns::platform_test_remove_interface(&p_, 3));
+  ASSERT_TRUE(mdns::platform_test_remove_interface(&p_, kEth1));
   ASSERT_EQ(mDNSPlatformPosixRefreshInterfaceList(&m_), mStatus_NoError);
   ASSERT_EQ(count_events(QC_rmv), 1u);
   EXPECT_EQ(events_.back().data, "B._http._tcp.local.");
@@ -149,20 +126,15 @@ class SmallCacheTest : public EngineTest {
   SmallCacheTest() : EngineTest(4) {}
 };
 
-TEST_F(SmallCacheTest, FullCacheEvictsIdleRecordNearestExpiryFirst) {
+TEST_F(SmallCacheTest, FullCacheEvictsTheIdleRecordNearestExpiryFirst) {
   DNSQuestion& browse = question();
   start_browse(&browse);
-  Message msg;
-  msg.answer("_http._tcp.local.", kDNSType_PTR, 10, name_bytes("Short._http._tcp.local."))
-      .answer("idle1.local.", kDNSType_A, 300, a_data("192.168.1.1"))
-      .answer("idle2.local.", kDNSType_A, 200, a_data("192.168.1.2"))
-      .answer("idle3.local.", kDNSType_A, 400, a_data("192.168.1.3"));
-  receive(msg);
-  ASSERT_EQ(m_.CacheUsed, 4u);
-
-  Message more;
-  more.answer("new.local.", kDNSType_A, 500, a_data("192.168.1.4"));
-  receive(more);
+  receive(Message()
+              .answer("_http._tcp.local.", kDNSType_PTR, 10, name_bytes("Short._http._tcp.local."))
+              .answer("idle1.local.", kDNSType_A, 300, a_data("192.168.1.1"))
+              .answer("idle2.local.", kDNSType_A, 200, a_data("192.168.1.2"))
+              .answer("idle3.local.", kDNSType_A, 400, a_data("192.168.1.3")));
+  receive(Message().answer("new.local.", kDNSType_A, 500, a_data("192.168.1.4")));
   EXPECT_EQ(m_.CacheUsed, 4u);
   EXPECT_EQ(m_.counters.records_evicted, 1u);
   // idle2 (200 s) went; the browse answer (10 s) answers a question and stays.
@@ -170,50 +142,31 @@ TEST_F(SmallCacheTest, FullCacheEvictsIdleRecordNearestExpiryFirst) {
   start_query(&q, "idle2.local.", kDNSType_A);
   run();
   EXPECT_EQ(count_events(QC_rmv), 0u);
-  EXPECT_EQ(count_events(QC_add), 1u) << "only the browse answer, idle2 is gone";
+  EXPECT_EQ(count_events(QC_add), 1u) << "only the browse answer";
 }
 
 TEST_F(SmallCacheTest, WhenEverythingAnswersAQuestionNearestExpiryLeavesWithRemoveEvent) {
   DNSQuestion& browse = question();
   start_browse(&browse);
-  Message msg;
-  msg.answer("_http._tcp.local.", kDNSType_PTR, 300, name_bytes("A._http._tcp.local."))
-      .answer("_http._tcp.local.", kDNSType_PTR, 100, name_bytes("B._http._tcp.local."))
-      .answer("_http._tcp.local.", kDNSType_PTR, 200, name_bytes("C._http._tcp.local."))
-      .answer("_http._tcp.local.", kDNSType_PTR, 400, name_bytes("D._http._tcp.local."));
-  receive(msg);
   run();
-  ASSERT_EQ(count_events(QC_add), 4u);
-  Message more;
-  more.answer("_http._tcp.local.", kDNSType_PTR, 500, name_bytes("E._http._tcp.local."));
-  receive(more);
+  const std::pair<const char*, uint32_t> answers[] = {{"A", 300}, {"B", 100}, {"C", 200}, {"D", 400}};
+  for (const auto& [name, ttl] : answers) {
+    receive(ptr(name, ttl));
+  }
+  receive(ptr("E", 500));
   EXPECT_EQ(count_events(QC_rmv, "B._http._tcp.local."), 1u);
   EXPECT_EQ(count_events(QC_add, "E._http._tcp.local."), 1u);
-  EXPECT_EQ(m_.CacheUsed, 4u);
-}
 
-TEST_F(SmallCacheTest, ResponseLargerThanTheCacheNeverFails) {
-  DNSQuestion& browse = question();
-  start_browse(&browse);
-  run();
-  Message msg;
-  std::vector<std::string> names;
+  // A response larger than the cache never fails: every add not still cached was removed.
+  Message many;
   for (int i = 0; i < 10; ++i) {
-    names.push_back("I" + std::to_string(i) + "._http._tcp.local.");
-    msg.answer("_http._tcp.local.", kDNSType_PTR, 100 + static_cast<uint32_t>(i),
-               name_bytes(names.back().c_str()));
+    const std::string name = "I" + std::to_string(i) + "._http._tcp.local.";
+    many.answer("_http._tcp.local.", kDNSType_PTR, 600 + static_cast<uint32_t>(i), name_bytes(name.c_str()));
   }
-  receive(msg);
+  receive(many);
   EXPECT_EQ(m_.CacheUsed, 4u);
-  // Every add the browse saw is matched by a remove unless the record is still cached.
   EXPECT_EQ(count_events(QC_add) - count_events(QC_rmv), 4u);
 }
-
-}  // namespace
-}  // namespace mdns_test
-
-namespace mdns_test {
-namespace {
 
 class ChurningCacheTest : public EngineTest {
  protected:
@@ -255,17 +208,13 @@ TEST_F(ChurningCacheTest, EveryEvictionTakesTheRightEntryUnderChurn) {
   DNSQuestion* extra = nullptr;
   for (int i = 0; i < 400; ++i) {
     now_ += static_cast<int32_t>(next() % 50);
-    Message msg;
-    const std::string name = "h" + std::to_string(i) + ".local.";
     const uint32_t ttl = 60 + next() % 4000;
-    if (next() % 3 == 0) {
-      const std::string inst = "I" + std::to_string(i) + "._http._tcp.local.";
-      msg.answer("_http._tcp.local.", kDNSType_PTR, ttl, name_bytes(inst.c_str()));
-    } else {
-      msg.answer(name.c_str(), kDNSType_A, ttl, a_data("192.168.1.9"));
-    }
-    const bool full = m_.CacheUsed == cache_size_;
-    const CacheRecord* victim = full ? expected_victim() : nullptr;
+    const std::string host = "h" + std::to_string(i) + ".local.";
+    const std::string inst = "I" + std::to_string(i) + "._http._tcp.local.";
+    const Message msg =
+        next() % 3 == 0 ? Message().answer("_http._tcp.local.", kDNSType_PTR, ttl, name_bytes(inst.c_str()))
+                        : Message().answer(host.c_str(), kDNSType_A, ttl, a_data("192.168.1.9"));
+    const CacheRecord* victim = m_.CacheUsed == cache_size_ ? expected_victim() : nullptr;
     const int32_t victim_expiry = victim != nullptr ? victim->ExpiryTime : 0;
     const uint32_t victim_hash = victim != nullptr ? victim->resrec.namehash : 0;
     receive(msg);
@@ -277,9 +226,8 @@ TEST_F(ChurningCacheTest, EveryEvictionTakesTheRightEntryUnderChurn) {
     }
     // Stir: goodbyes, and questions coming and going.
     if (i % 37 == 0) {
-      Message bye;
-      bye.answer(("h" + std::to_string(i - 5) + ".local.").c_str(), kDNSType_A, 0, a_data("192.168.1.9"));
-      receive(bye);
+      const std::string old = "h" + std::to_string(i - 5) + ".local.";
+      receive(Message().answer(old.c_str(), kDNSType_A, 0, a_data("192.168.1.9")));
     }
     if (i % 50 == 0) {
       if (extra != nullptr) {

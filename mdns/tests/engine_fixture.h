@@ -18,7 +18,9 @@
 namespace mdns_test {
 
 constexpr uint32_t kEth0 = 2;
+constexpr uint32_t kEth1 = 3;
 constexpr int32_t kStartTime = 1000000;
+using Bytes = std::vector<uint8_t>;
 
 inline domainname dn(const char* text) {
   domainname name{};
@@ -32,84 +34,76 @@ inline std::string text_of(const domainname& name) {
   return buf;
 }
 
-// Record data helpers (wire form, uncompressed).
-inline std::vector<uint8_t> name_bytes(const char* text) {
+// Record data in wire form, uncompressed.
+inline Bytes name_bytes(const char* text) {
   const domainname n = dn(text);
-  size_t len = 0;
-  while (n.c[len] != 0) {
-    len += n.c[len] + 1u;
-  }
-  return std::vector<uint8_t>(n.c, n.c + len + 1);
+  return Bytes(n.c, n.c + mdns::name_length(n));
 }
-inline std::vector<uint8_t> a_data(const char* ip) {
-  std::vector<uint8_t> out(4);
+inline Bytes a_data(const char* ip) {
+  Bytes out(4);
   inet_pton(AF_INET, ip, out.data());
   return out;
 }
-inline std::vector<uint8_t> aaaa_data(const char* ip) {
-  std::vector<uint8_t> out(16);
+inline Bytes aaaa_data(const char* ip) {
+  Bytes out(16);
   inet_pton(AF_INET6, ip, out.data());
   return out;
 }
-inline std::vector<uint8_t> srv_data(uint16_t port, const char* target) {
-  std::vector<uint8_t> out = {0, 0, 0, 0, static_cast<uint8_t>(port >> 8), static_cast<uint8_t>(port)};
-  const auto t = name_bytes(target);
+inline Bytes srv_data(uint16_t port, const char* target) {
+  Bytes out = {0, 0, 0, 0, static_cast<uint8_t>(port >> 8), static_cast<uint8_t>(port)};
+  const Bytes t = name_bytes(target);
   out.insert(out.end(), t.begin(), t.end());
   return out;
 }
-inline std::vector<uint8_t> txt_data(const char* entry) {
-  std::vector<uint8_t> out = {static_cast<uint8_t>(std::strlen(entry))};
+inline Bytes txt_data(const char* entry) {
+  Bytes out = {static_cast<uint8_t>(std::strlen(entry))};
   out.insert(out.end(), entry, entry + std::strlen(entry));
   return out;
 }
 
-// Builds a response message section by section.
+// A response built section by section.
 class Message {
  public:
   explicit Message(uint16_t flags = 0x8400) : flags_(flags) {}
-  Message& answer(const char* name, uint16_t type, uint32_t ttl, std::vector<uint8_t> data,
-                  bool flush = false) {
-    answers_.push_back(record(name, type, ttl, data, flush));
+  Message& answer(const char* name, uint16_t type, uint32_t ttl, const Bytes& data, bool flush = false) {
+    add(answers_, an_, name, type, ttl, data, flush);
     return *this;
   }
-  Message& additional(const char* name, uint16_t type, uint32_t ttl, std::vector<uint8_t> data,
-                      bool flush = true) {
-    additionals_.push_back(record(name, type, ttl, data, flush));
+  Message& additional(const char* name, uint16_t type, uint32_t ttl, const Bytes& data, bool flush = true) {
+    add(additionals_, ar_, name, type, ttl, data, flush);
     return *this;
   }
-  std::vector<uint8_t> bytes() const {
-    std::vector<uint8_t> out = {0, 0, static_cast<uint8_t>(flags_ >> 8), static_cast<uint8_t>(flags_), 0, 0};
-    push16(out, static_cast<uint16_t>(answers_.size()));
-    push16(out, 0);
-    push16(out, static_cast<uint16_t>(additionals_.size()));
-    for (const auto& r : answers_) {
-      out.insert(out.end(), r.begin(), r.end());
+  Bytes bytes() const {
+    Bytes out;
+    for (uint16_t v : {uint16_t{0}, flags_, uint16_t{0}, an_, uint16_t{0}, ar_}) {
+      push16(out, v);
     }
-    for (const auto& r : additionals_) {
-      out.insert(out.end(), r.begin(), r.end());
-    }
+    out.insert(out.end(), answers_.begin(), answers_.end());
+    out.insert(out.end(), additionals_.begin(), additionals_.end());
     return out;
   }
 
  private:
-  static void push16(std::vector<uint8_t>& out, uint16_t v) {
+  static void push16(Bytes& out, uint32_t v) {
     out.push_back(static_cast<uint8_t>(v >> 8));
     out.push_back(static_cast<uint8_t>(v));
   }
-  static std::vector<uint8_t> record(const char* name, uint16_t type, uint32_t ttl,
-                                     const std::vector<uint8_t>& data, bool flush) {
-    std::vector<uint8_t> out = name_bytes(name);
-    push16(out, type);
-    push16(out, static_cast<uint16_t>(flush ? 0x8001 : 0x0001));
-    push16(out, static_cast<uint16_t>(ttl >> 16));
-    push16(out, static_cast<uint16_t>(ttl));
-    push16(out, static_cast<uint16_t>(data.size()));
+  static void add(Bytes& out, uint16_t& count, const char* name, uint16_t type, uint32_t ttl,
+                  const Bytes& data, bool flush) {
+    ++count;
+    const Bytes owner = name_bytes(name);
+    out.insert(out.end(), owner.begin(), owner.end());
+    for (uint32_t v : {uint32_t{type}, flush ? 0x8001u : 0x0001u, ttl >> 16, ttl & 0xFFFF,
+                       static_cast<uint32_t>(data.size())}) {
+      push16(out, v);
+    }
     out.insert(out.end(), data.begin(), data.end());
-    return out;
   }
   uint16_t flags_;
-  std::vector<std::vector<uint8_t>> answers_;
-  std::vector<std::vector<uint8_t>> additionals_;
+  uint16_t an_ = 0;
+  uint16_t ar_ = 0;
+  Bytes answers_;
+  Bytes additionals_;
 };
 
 // One captured query, decoded.
@@ -121,21 +115,18 @@ struct SentQuery {
   std::vector<mdns::ParsedQuestion> questions;
   std::vector<mdns::ParsedRecord> known_answers;
 
-  bool asks(const char* name, uint16_t qtype) const {
-    const domainname n = dn(name);
+  // How often the packet asks the question (0: not at all).
+  int asks(const char* name, uint16_t qtype) const {
+    int n = 0;
     for (const auto& q : questions) {
-      if (q.qtype == qtype && mdns::names_equal(q.name, n)) {
-        return true;
-      }
+      n += q.qtype == qtype && mdns::names_equal(q.name, dn(name)) ? 1 : 0;
     }
-    return false;
+    return n;
   }
 };
 
 struct Event {
   int32_t time;
-  std::string name;  // answer's owner name
-  uint16_t rrtype;
   std::string data;  // PTR target text, or empty
   QC_result kind;
 };
@@ -163,6 +154,12 @@ class EngineTest : public ::testing::Test {
     mdns::engine_set_fake_clock(&m_, now_);
   }
 
+  // A second interface, eth1 on 10.0.0.0/8, IPv4 only.
+  void add_eth1() {
+    ASSERT_TRUE(mdns::platform_test_add_interface(&p_, "eth1", kEth1, "10.0.0.1", "255.0.0.0"));
+    ASSERT_EQ(mDNSPlatformPosixRefreshInterfaceList(&m_), mStatus_NoError);
+  }
+
   // Question storage that outlives the test body (the core's list points into it until exit).
   DNSQuestion& question() {
     questions_.push_back(std::make_unique<DNSQuestion>());
@@ -171,25 +168,22 @@ class EngineTest : public ::testing::Test {
   }
 
   static mDNSInterfaceID eth0() { return mdns::platform_interface_id(kEth0); }
+  static mDNSInterfaceID eth1() { return mdns::platform_interface_id(kEth1); }
 
   void receive(const Message& msg, const char* source = "192.168.1.20", uint16_t port = 5353,
                mDNSInterfaceID interface_id = eth0()) {
-    const std::vector<uint8_t> bytes = msg.bytes();
-    receive_bytes(bytes, source, port, interface_id);
+    receive_bytes(msg.bytes(), source, port, interface_id);
   }
 
-  void receive_bytes(const std::vector<uint8_t>& bytes, const char* source = "192.168.1.20",
-                     uint16_t port = 5353, mDNSInterfaceID interface_id = eth0()) {
+  void receive_bytes(const Bytes& bytes, const char* source = "192.168.1.20", uint16_t port = 5353,
+                     mDNSInterfaceID interface_id = eth0()) {
     mDNSAddr addr{};
-    if (inet_pton(AF_INET, source, &addr.ip.v4) == 1) {
-      addr.type = mDNSAddrType_IPv4;
-    } else {
+    addr.type = mDNSAddrType_IPv4;
+    if (inet_pton(AF_INET, source, &addr.ip.v4) != 1) {
       ASSERT_EQ(inet_pton(AF_INET6, source, &addr.ip.v6), 1);
       addr.type = mDNSAddrType_IPv6;
     }
-    mDNSIPPort p{};
-    p.b[0] = static_cast<mDNSu8>(port >> 8);
-    p.b[1] = static_cast<mDNSu8>(port);
+    const mDNSIPPort p{{static_cast<mDNSu8>(port >> 8), static_cast<mDNSu8>(port)}};
     mdns::engine_receive(&m_, bytes.data(), bytes.size(), addr, p, interface_id, now_);
   }
 
@@ -200,10 +194,7 @@ class EngineTest : public ::testing::Test {
   void run_until(int32_t target) {
     for (int guard = 0; guard < 100000; ++guard) {
       run();
-      int32_t wait = mdns::engine_time_to_next_event(&m_, now_);
-      if (wait <= 0) {
-        wait = 1;
-      }
+      const int32_t wait = std::max(mdns::engine_time_to_next_event(&m_, now_), 1);
       if (now_ + wait - target >= 0) {
         break;
       }
@@ -219,7 +210,7 @@ class EngineTest : public ::testing::Test {
   std::vector<SentQuery> queries_asking(const char* name, uint16_t qtype, int family = 4) const {
     std::vector<SentQuery> out;
     for (const auto& q : sent_) {
-      if (q.family == family && q.asks(name, qtype)) {
+      if (q.family == family && q.asks(name, qtype) > 0) {
         out.push_back(q);
       }
     }
@@ -237,10 +228,9 @@ class EngineTest : public ::testing::Test {
     mdns::MessageHeader h;
     EXPECT_TRUE(parser.read_header(h));
     q.flags = h.flags;
-    for (uint32_t i = 0; i < h.qdcount; ++i) {
-      mdns::ParsedQuestion pq;
+    q.questions.resize(h.qdcount);
+    for (auto& pq : q.questions) {
       EXPECT_EQ(parser.next_question(pq), mdns::MessageParser::Result::kOk);
-      q.questions.push_back(pq);
     }
     mdns::ParsedRecord rec;
     while (parser.next_record(rec) == mdns::MessageParser::Result::kOk) {
@@ -251,23 +241,18 @@ class EngineTest : public ::testing::Test {
     self->sent_.push_back(q);
   }
 
-  // Question callback recording every event into the test's list.
-  static void record_event(mDNS* const m, DNSQuestion* question, const ResourceRecord* const answer,
+  static void record_event(mDNS* const, DNSQuestion* question, const ResourceRecord* const answer,
                            QC_result kind) {
-    (void)m;
     auto* self = static_cast<EngineTest*>(question->QuestionContext);
-    Event e{self->now_, text_of(*answer->name), answer->rrtype, "", kind};
-    if (answer->rrtype == kDNSType_PTR) {
-      e.data = text_of(answer->rdata->u.name);
-    }
-    self->events_.push_back(e);
+    const bool ptr = answer->rrtype == kDNSType_PTR;
+    self->events_.push_back({self->now_, ptr ? text_of(answer->rdata->u.name) : "", kind});
   }
 
-  void start_browse(DNSQuestion* q, const char* type = "_http._tcp", mDNSInterfaceID id = mDNSInterface_Any) {
+  void start_browse(DNSQuestion* q, const char* type = "_http._tcp", mDNSInterfaceID id = mDNSInterface_Any,
+                    mDNSQuestionCallback* callback = &EngineTest::record_event) {
     const domainname t = dn(type);
     const domainname d = dn("local.");
-    ASSERT_EQ(mDNS_StartBrowse(&m_, q, &t, &d, id, mDNSfalse, &EngineTest::record_event, this),
-              mStatus_NoError);
+    ASSERT_EQ(mDNS_StartBrowse(&m_, q, &t, &d, id, mDNSfalse, callback, this), mStatus_NoError);
   }
 
   void start_query(DNSQuestion* q, const char* name, uint16_t qtype) {
@@ -283,9 +268,7 @@ class EngineTest : public ::testing::Test {
   size_t count_events(QC_result kind, const char* data = nullptr) const {
     size_t n = 0;
     for (const auto& e : events_) {
-      if (e.kind == kind && (data == nullptr || e.data == data)) {
-        ++n;
-      }
+      n += e.kind == kind && (data == nullptr || e.data == data) ? 1 : 0;
     }
     return n;
   }

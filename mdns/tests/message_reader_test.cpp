@@ -50,17 +50,13 @@ struct Bytes {
   Bytes& header(unsigned qd, unsigned an, unsigned ns = 0, unsigned ar = 0, unsigned flags = 0x8400) {
     return u16(0).u16(flags).u16(qd).u16(an).u16(ns).u16(ar);
   }
-  // Record fixed part; returns the offset of RDLENGTH for patch_rdlength().
-  size_t record_head(unsigned type, unsigned cls, uint32_t ttl) {
-    u16(type).u16(cls).u32(ttl);
-    const size_t at = size();
-    u16(0);
-    return at;
+  // A record's type, class, TTL, RDLENGTH and data (owner name written before).
+  Bytes& rr(unsigned type, uint32_t ttl, const Bytes& data, unsigned cls = kDNSClass_IN) {
+    return u16(type).u16(cls).u32(ttl).u16(static_cast<unsigned>(data.size())).raw(data.b);
   }
-  void patch_rdlength(size_t at) {
-    const size_t len = size() - at - 2;
-    b[at] = static_cast<uint8_t>(len >> 8);
-    b[at + 1] = static_cast<uint8_t>(len);
+  Bytes& raw(const std::vector<uint8_t>& v) {
+    b.insert(b.end(), v.begin(), v.end());
+    return *this;
   }
 };
 
@@ -74,8 +70,9 @@ bool read_name_at(const Bytes& m, size_t pos, domainname& out, size_t* after = n
   Reader r(m.b.data(), m.size());
   EXPECT_TRUE(r.seek(pos));
   const bool ok = r.read_name(out);
-  if (after != nullptr)
+  if (after != nullptr) {
     *after = r.position();
+  }
   if (!ok) {
     EXPECT_EQ(r.position(), pos) << "a failed read must not move the cursor";
   }
@@ -86,53 +83,27 @@ bool read_name_at(const Bytes& m, size_t pos, domainname& out, size_t* after = n
 // in the additional section, names compressed everywhere mDNS allows.
 struct SampleResponse {
   Bytes m;
-  size_t record_starts[6] = {};
+  std::vector<size_t> record_starts;
   SampleResponse() {
-    m.header(1, 1, 0, 5);
-    const size_t type_at = m.size();
-    m.name("_ipp._tcp.local").u16(kDNSType_PTR).u16(kDNSClass_IN | 0x8000);
+    constexpr unsigned kFlushIn = kDNSClass_IN | 0x8000;
+    const size_t type_at = m.header(1, 1, 0, 5).size();
+    m.name("_ipp._tcp.local").u16(kDNSType_PTR).u16(kFlushIn);
     const size_t local_at = type_at + 10;
-
-    record_starts[0] = m.size();
-    m.ptr(type_at);
-    size_t rd = m.record_head(kDNSType_PTR, kDNSClass_IN, 4500);
-    const size_t instance_at = m.size();
-    m.label("Office Printer").ptr(type_at);
-    m.patch_rdlength(rd);
-
-    record_starts[1] = m.size();
-    m.ptr(instance_at);
-    rd = m.record_head(kDNSType_SRV, kDNSClass_IN | 0x8000, 120);
-    const size_t host_at = m.size() + 6;
-    m.u16(0).u16(5).u16(631).label("printer-3").ptr(local_at);
-    m.patch_rdlength(rd);
-
-    record_starts[2] = m.size();
-    m.ptr(instance_at);
-    rd = m.record_head(kDNSType_TXT, kDNSClass_IN | 0x8000, 4500);
-    m.label("txtvers=1").label("rp=ipp/print");
-    m.patch_rdlength(rd);
-
-    record_starts[3] = m.size();
-    m.ptr(host_at);
-    rd = m.record_head(kDNSType_A, kDNSClass_IN | 0x8000, 120);
-    m.u8(192).u8(168).u8(7).u8(20);
-    m.patch_rdlength(rd);
-
-    record_starts[4] = m.size();
-    m.ptr(host_at);
-    rd = m.record_head(kDNSType_AAAA, kDNSClass_IN | 0x8000, 120);
-    m.u8(0xfe).u8(0x80);
-    for (int i = 0; i < 13; ++i)
-      m.u8(0);
-    m.u8(0x14);
-    m.patch_rdlength(rd);
-
-    record_starts[5] = m.size();
-    m.ptr(host_at);
-    rd = m.record_head(kDNSType_NSEC, kDNSClass_IN | 0x8000, 120);
-    m.ptr(host_at).u8(0).u8(4).u8(0x40).u8(0).u8(0).u8(0x08);
-    m.patch_rdlength(rd);
+    const size_t instance_at = start().ptr(type_at).size() + 10;
+    m.rr(kDNSType_PTR, 4500, Bytes().label("Office Printer").ptr(type_at));
+    const size_t host_at = start().ptr(instance_at).size() + 10 + 6;
+    m.rr(kDNSType_SRV, 120, Bytes().u16(0).u16(5).u16(631).label("printer-3").ptr(local_at), kFlushIn);
+    start()
+        .ptr(instance_at)
+        .rr(kDNSType_TXT, 4500, Bytes().label("txtvers=1").label("rp=ipp/print"), kFlushIn);
+    start().ptr(host_at).rr(kDNSType_A, 120, Bytes().u32(0xC0A80714), kFlushIn);
+    const std::string v6 = std::string("\xfe\x80", 2) + std::string(13, '\0') + "\x14";
+    start().ptr(host_at).rr(kDNSType_AAAA, 120, Bytes().raw(v6), kFlushIn);
+    start().ptr(host_at).rr(kDNSType_NSEC, 120, Bytes().ptr(host_at).u8(0).u8(4).u32(0x40000008), kFlushIn);
+  }
+  Bytes& start() {
+    record_starts.push_back(m.size());
+    return m;
   }
 };
 
@@ -162,41 +133,14 @@ std::vector<Result> parse_all(const uint8_t* data, size_t len, std::vector<Parse
   return results;
 }
 
-TEST(ReaderPrimitives, BoundedReadsLeaveCursorOnFailure) {
-  const uint8_t data[] = {0x12, 0x34, 0x56, 0x78, 0x9a};
-  Reader r(data, sizeof data);
-  uint32_t v32 = 0;
-  uint16_t v16 = 0;
-  uint8_t v8 = 0;
-  ASSERT_TRUE(r.read_u32(v32));
-  EXPECT_EQ(v32, 0x12345678u);
-  EXPECT_FALSE(r.read_u16(v16));
-  EXPECT_FALSE(r.read_u32(v32));
-  EXPECT_FALSE(r.skip(2));
-  uint8_t buf[2];
-  EXPECT_FALSE(r.read_bytes(buf, 2));
-  EXPECT_EQ(r.position(), 4u);
-  ASSERT_TRUE(r.read_u8(v8));
-  EXPECT_EQ(v8, 0x9a);
-  EXPECT_FALSE(r.read_u8(v8));
-  EXPECT_FALSE(r.seek(6));
-  Reader limited = Reader(data, sizeof data).limited_to(2);
-  EXPECT_EQ(limited.remaining(), 2u);
-  EXPECT_FALSE(limited.read_u32(v32));
-}
-
 TEST(ParseResponse, SampleResponseInFull) {
   SampleResponse s;
   MessageParser p(s.m.b.data(), s.m.size());
   MessageHeader h;
   ASSERT_TRUE(p.read_header(h));
-  EXPECT_EQ(h.flags, 0x8400);
-  EXPECT_EQ(h.arcount, 5);
-
   ParsedQuestion q;
   ASSERT_EQ(p.next_question(q), Result::kOk);
   EXPECT_TRUE(mdns::names_equal(q.name, name_of("_ipp._tcp.local")));
-  EXPECT_EQ(q.qtype, kDNSType_PTR);
   EXPECT_EQ(q.qclass, kDNSClass_IN);
   EXPECT_TRUE(q.unicast_response);
   EXPECT_EQ(p.next_question(q), Result::kEnd);
@@ -209,15 +153,12 @@ TEST(ParseResponse, SampleResponseInFull) {
   EXPECT_TRUE(mdns::names_equal(r.rdata.u.name, name_of("Office Printer._ipp._tcp.local")));
   EXPECT_EQ(r.rdata.length, mdns::name_length(r.rdata.u.name));
   EXPECT_EQ(r.received_rdlength, 17);
-  EXPECT_EQ(r.rdata.MaxRDLength, sizeof(RDataBody));
 
   ASSERT_EQ(p.next_record(r), Result::kOk);
   EXPECT_EQ(r.section, mdns::Section::kAdditional);
-  EXPECT_EQ(r.rrtype, kDNSType_SRV);
   EXPECT_EQ(r.rrclass, kDNSClass_IN);
   EXPECT_TRUE(r.cache_flush);
   EXPECT_TRUE(mdns::names_equal(r.name, name_of("Office Printer._ipp._tcp.local")));
-  EXPECT_EQ(r.rdata.u.srv.priority, 0);
   EXPECT_EQ(r.rdata.u.srv.weight, 5);
   EXPECT_EQ(r.rdata.u.srv.port.b[0], 631 >> 8);
   EXPECT_EQ(r.rdata.u.srv.port.b[1], 631 & 0xFF);
@@ -232,16 +173,13 @@ TEST(ParseResponse, SampleResponseInFull) {
   ASSERT_EQ(p.next_record(r), Result::kOk);
   EXPECT_TRUE(mdns::names_equal(r.name, name_of("printer-3.local")));
   EXPECT_EQ(r.rdata.length, 4);
-  EXPECT_EQ(r.rdata.u.ipv4.b[0], 192);
   EXPECT_EQ(r.rdata.u.ipv4.b[3], 20);
 
   ASSERT_EQ(p.next_record(r), Result::kOk);
   EXPECT_EQ(r.rdata.length, 16);
-  EXPECT_EQ(r.rdata.u.ipv6.b[0], 0xfe);
   EXPECT_EQ(r.rdata.u.ipv6.b[15], 0x14);
 
-  ASSERT_EQ(p.next_record(r), Result::kOk);
-  EXPECT_EQ(r.rrtype, kDNSType_NSEC);
+  ASSERT_EQ(p.next_record(r), Result::kOk);  // NSEC: the next name decompressed
   const std::string next("\x09printer-3\x05local\x00", 17);
   ASSERT_EQ(r.rdata.length, next.size() + 6);
   EXPECT_EQ(std::string(reinterpret_cast<char*>(r.rdata.u.data), next.size()), next);
@@ -249,15 +187,10 @@ TEST(ParseResponse, SampleResponseInFull) {
 
   EXPECT_EQ(p.next_record(r), Result::kEnd);
   EXPECT_EQ(p.next_record(r), Result::kEnd);
-}
 
-TEST(ParseResponse, RecordsWithoutReadingQuestions) {
-  SampleResponse s;
-  MessageParser p(s.m.b.data(), s.m.size());
-  MessageHeader h;
-  ASSERT_TRUE(p.read_header(h));
-  ParsedRecord r;
-  ASSERT_EQ(p.next_record(r), Result::kOk);
+  MessageParser skipping(s.m.b.data(), s.m.size());
+  ASSERT_TRUE(skipping.read_header(h));
+  ASSERT_EQ(skipping.next_record(r), Result::kOk) << "questions not read are skipped";
   EXPECT_EQ(r.rrtype, kDNSType_PTR);
 }
 
@@ -279,8 +212,9 @@ TEST(ParseResponse, EveryTruncationEndsSafely) {
     }
     ASSERT_FALSE(got.empty()) << len;
     bool at_record_boundary = len == 12;  // where the question starts
-    for (size_t start : s.record_starts)
+    for (size_t start : s.record_starts) {
       at_record_boundary |= (start == len);
+    }
     EXPECT_EQ(got.back(), at_record_boundary ? Result::kEnd : Result::kMalformed) << len;
     // Whatever was accepted before the cut is what the full parse accepted.
     ASSERT_LE(records.size(), full_records.size()) << len;
@@ -291,66 +225,27 @@ TEST(ParseResponse, EveryTruncationEndsSafely) {
   }
 }
 
-TEST(Compression, HostilePointersRejected) {
+TEST(Compression, HostileNamesRejected) {
   struct Case {
     const char* what;
     Bytes m;
-    size_t at;
   };
-  std::vector<Case> cases;
-  {
-    Bytes m;
-    m.header(0, 0).ptr(12);
-    cases.push_back({"self pointer", m, 12});
-  }
-  {
-    Bytes m;
-    m.header(0, 0).ptr(14).ptr(12);
-    cases.push_back({"forward pointer (pair pointing at each other)", m, 12});
-  }
-  {
-    Bytes m;
-    m.header(0, 0).label("a").ptr(12);
-    cases.push_back({"loop through the name's own label", m, 12});
-  }
-  {
-    Bytes m;
-    m.header(0, 0).label("x").label("a").ptr(14);
-    cases.push_back({"loop through a later label", m, 12});
-  }
-  {
-    Bytes m;
-    m.header(0, 0).ptr(0x3FFF);
-    cases.push_back({"pointer past the end", m, 12});
-  }
-  {
-    Bytes m;
-    m.header(0, 0).u8(0xC0);
-    cases.push_back({"pointer cut in half", m, 12});
-  }
-  {
-    Bytes m;
-    m.header(0, 0).u8(0x40).u8(0);
-    cases.push_back({"reserved label type 0x40", m, 12});
-  }
-  {
-    Bytes m;
-    m.header(0, 0).u8(0x80).u8(0);
-    cases.push_back({"reserved label type 0x80", m, 12});
-  }
-  {
-    Bytes m;
-    m.header(0, 0).label("abc");
-    cases.push_back({"no root label", m, 12});
-  }
-  {
-    Bytes m;
-    m.header(0, 0).u8(10).raw("abc");
-    cases.push_back({"label past the end", m, 12});
-  }
+  const Case cases[] = {
+      {"self pointer", Bytes().header(0, 0).ptr(12)},
+      {"forward pointer (pair pointing at each other)", Bytes().header(0, 0).ptr(14).ptr(12)},
+      {"loop through the name's own label", Bytes().header(0, 0).label("a").ptr(12)},
+      {"loop through a later label", Bytes().header(0, 0).label("x").label("a").ptr(14)},
+      {"pointer past the end", Bytes().header(0, 0).ptr(0x3FFF)},
+      {"pointer cut in half", Bytes().header(0, 0).u8(0xC0)},
+      {"reserved label type 0x40", Bytes().header(0, 0).u8(0x40).u8(0)},
+      {"reserved label type 0x80", Bytes().header(0, 0).u8(0x80).u8(0)},
+      {"label of 64", Bytes().header(0, 0).u8(64).raw(std::string(64, 'x')).u8(0)},
+      {"no root label", Bytes().header(0, 0).label("abc")},
+      {"label past the end", Bytes().header(0, 0).u8(10).raw("abc")},
+  };
   for (const Case& c : cases) {
     domainname out;
-    EXPECT_FALSE(read_name_at(c.m, c.at, out)) << c.what;
+    EXPECT_FALSE(read_name_at(c.m, 12, out)) << c.what;
   }
 }
 
@@ -397,51 +292,28 @@ TEST(Compression, NameLengthLimitAcrossPointers) {
       EXPECT_EQ(mdns::name_length(out), 255u);
     }
   }
-  Bytes m;
-  m.header(0, 0).u8(64).raw(std::string(64, 'x')).u8(0);
-  domainname out;
-  EXPECT_FALSE(read_name_at(m, 12, out)) << "label of 64";
-}
-
-TEST(Compression, MixedLabelsAndPointersRead) {
-  Bytes m;
-  m.header(0, 0).name("local");
-  const size_t b = m.size();
-  m.label("b").ptr(12);
-  const size_t a = m.size();
-  m.label("A").ptr(b);
-  domainname out;
-  size_t after = 0;
-  ASSERT_TRUE(read_name_at(m, a, out, &after));
-  EXPECT_TRUE(mdns::names_equal(out, name_of("a.b.local")));
-  EXPECT_EQ(after, m.size());
 }
 
 TEST(HostileCounts, CountsBeyondTheData) {
-  {
-    Bytes m;  // 65535 questions promised, one present: the message simply ends.
-    m.header(0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF).name("a.local").u16(1).u16(1);
-    const std::vector<Result> got = parse_all(m.b.data(), m.size());
-    EXPECT_EQ(got, (std::vector<Result>{Result::kOk, Result::kEnd}));
-  }
-  {
-    Bytes m;  // many answers promised, one present and then a stray byte.
-    m.header(0, 0xFFFF).name("a.local");
-    const size_t rd = m.record_head(kDNSType_A, kDNSClass_IN, 10);
-    m.u32(0x0a000001);
-    m.patch_rdlength(rd);
-    m.u8(7);
-    const std::vector<Result> got = parse_all(m.b.data(), m.size());
-    EXPECT_EQ(got, (std::vector<Result>{Result::kOk, Result::kMalformed}));
-  }
-  {
-    Bytes m;  // RDLENGTH beyond the message.
-    m.header(0, 2).name("a.local");
-    m.record_head(kDNSType_TXT, kDNSClass_IN, 10);
-    m.b[m.size() - 1] = 200;
-    m.raw("abc");
-    const std::vector<Result> got = parse_all(m.b.data(), m.size());
-    EXPECT_EQ(got, (std::vector<Result>{Result::kMalformed}));
+  const Bytes a = Bytes().u32(0x0a000001);
+  struct Case {
+    const char* what;
+    Bytes m;
+    std::vector<Result> results;
+  };
+  const Case cases[] = {
+      {"65535 of each promised, one question present: the message simply ends",
+       Bytes().header(0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF).name("a.local").u16(1).u16(1),
+       {Result::kOk, Result::kEnd}},
+      {"many answers promised, one present and then a stray byte",
+       Bytes().header(0, 0xFFFF).name("a.local").rr(kDNSType_A, 10, a).u8(7),
+       {Result::kOk, Result::kMalformed}},
+      {"RDLENGTH beyond the message",
+       Bytes().header(0, 2).name("a.local").u16(kDNSType_TXT).u16(1).u32(10).u16(200).raw("abc"),
+       {Result::kMalformed}},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(parse_all(c.m.b.data(), c.m.size()), c.results) << c.what;
   }
 }
 
@@ -449,32 +321,26 @@ TEST(RecordData, MalformedDataSkippedAndParsingGoesOn) {
   struct Case {
     const char* what;
     unsigned type;
-    std::vector<uint8_t> rdata;
+    Bytes rdata;
   };
-  // `12` is the message offset of the owner name "a.local": pointers to it are valid.
-  const std::vector<Case> cases = {
-      {"A of 5 bytes", kDNSType_A, {1, 2, 3, 4, 5}},
-      {"A of 3 bytes", kDNSType_A, {1, 2, 3}},
-      {"AAAA of 4 bytes", kDNSType_AAAA, {1, 2, 3, 4}},
-      {"SRV of 6 bytes", kDNSType_SRV, {0, 0, 0, 0, 0, 80}},
-      {"SRV target without root", kDNSType_SRV, {0, 0, 0, 0, 0, 80, 1, 'x'}},
-      {"PTR name running past RDLENGTH", kDNSType_PTR, {1, 'x'}},
-      {"PTR with bytes after the name", kDNSType_PTR, {0xC0, 12, 0}},
-      {"PTR with a forward pointer", kDNSType_PTR, {0xC0, 0x3F}},
-      {"PTR empty", kDNSType_PTR, {}},
-      {"NSEC without a name", kDNSType_NSEC, {}},
+  // 12 is the message offset of the owner name "a.local": pointers to it are valid.
+  const Case cases[] = {
+      {"A of 5 bytes", kDNSType_A, Bytes().u32(0x01020304).u8(5)},
+      {"A of 3 bytes", kDNSType_A, Bytes().u16(0x0102).u8(3)},
+      {"AAAA of 4 bytes", kDNSType_AAAA, Bytes().u32(0x01020304)},
+      {"SRV of 6 bytes", kDNSType_SRV, Bytes().u32(0).u16(80)},
+      {"SRV target without root", kDNSType_SRV, Bytes().u32(0).u16(80).label("x")},
+      {"PTR name running past RDLENGTH", kDNSType_PTR, Bytes().label("x")},
+      {"PTR with bytes after the name", kDNSType_PTR, Bytes().ptr(12).u8(0)},
+      {"PTR with a forward pointer", kDNSType_PTR, Bytes().ptr(0x3F)},
+      {"PTR empty", kDNSType_PTR, Bytes()},
+      {"NSEC without a name", kDNSType_NSEC, Bytes()},
   };
   for (const Case& c : cases) {
     Bytes m;
-    m.header(0, 2).name("a.local");
-    size_t rd = m.record_head(c.type, kDNSClass_IN, 10);
-    m.b.insert(m.b.end(), c.rdata.begin(), c.rdata.end());
-    m.patch_rdlength(rd);
+    m.header(0, 2).name("a.local").rr(c.type, 10, c.rdata);
     // The bytes after RDLENGTH would complete the name: they must not be read as rdata.
-    m.ptr(12);
-    rd = m.record_head(kDNSType_A, kDNSClass_IN, 10);
-    m.u32(0x0a000002);
-    m.patch_rdlength(rd);
+    m.ptr(12).rr(kDNSType_A, 10, Bytes().u32(0x0a000002));
     std::vector<ParsedRecord> records;
     const std::vector<Result> got = parse_all(m.b.data(), m.size(), &records);
     EXPECT_EQ(got, (std::vector<Result>{Result::kSkipped, Result::kOk, Result::kEnd})) << c.what;
@@ -484,13 +350,13 @@ TEST(RecordData, MalformedDataSkippedAndParsingGoesOn) {
 }
 
 TEST(RecordData, LongDataCutAtTheStoredSize) {
+  Bytes data;
+  for (int i = 0; i < 700; ++i) {
+    data.u8(static_cast<unsigned>(i));
+  }
   for (unsigned type : {unsigned{kDNSType_TXT}, 99u}) {
     Bytes m;
-    m.header(0, 1).name("a.local");
-    const size_t rd = m.record_head(type, kDNSClass_IN, 10);
-    for (int i = 0; i < 700; ++i)
-      m.u8(static_cast<unsigned>(i));
-    m.patch_rdlength(rd);
+    m.header(0, 1).name("a.local").rr(type, 10, data);
     std::vector<ParsedRecord> records;
     EXPECT_EQ(parse_all(m.b.data(), m.size(), &records), (std::vector<Result>{Result::kOk, Result::kEnd}));
     ASSERT_EQ(records.size(), 1u);
@@ -504,22 +370,10 @@ TEST(RecordData, LongDataCutAtTheStoredSize) {
 TEST(RecordData, EqualityIsCanonical) {
   // The same SRV and PTR, once compressed and once not, with different case.
   Bytes m;
-  m.header(0, 4).name("Host.Local");
-  size_t rd = m.record_head(kDNSType_SRV, kDNSClass_IN, 10);
-  m.u16(1).u16(2).u16(80).ptr(12);
-  m.patch_rdlength(rd);
-  m.ptr(12);
-  rd = m.record_head(kDNSType_SRV, kDNSClass_IN, 10);
-  m.u16(1).u16(2).u16(80).name("host.local");
-  m.patch_rdlength(rd);
-  m.ptr(12);
-  rd = m.record_head(kDNSType_PTR, kDNSClass_IN, 10);
-  m.label("x").ptr(12);
-  m.patch_rdlength(rd);
-  m.ptr(12);
-  rd = m.record_head(kDNSType_PTR, kDNSClass_IN, 10);
-  m.name("X.HOST.local");
-  m.patch_rdlength(rd);
+  m.header(0, 4).name("Host.Local").rr(kDNSType_SRV, 10, Bytes().u16(1).u16(2).u16(80).ptr(12));
+  m.ptr(12).rr(kDNSType_SRV, 10, Bytes().u16(1).u16(2).u16(80).name("host.local"));
+  m.ptr(12).rr(kDNSType_PTR, 10, Bytes().label("x").ptr(12));
+  m.ptr(12).rr(kDNSType_PTR, 10, Bytes().name("X.HOST.local"));
   std::vector<ParsedRecord> r;
   parse_all(m.b.data(), m.size(), &r);
   ASSERT_EQ(r.size(), 4u);

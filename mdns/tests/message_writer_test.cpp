@@ -143,24 +143,16 @@ TEST(QueryWriterCompression, RepeatedNamesAndSuffixesBecomePointers) {
                                  ptr_data("x._ipp._tcp.local")));
   // Owner a pointer; data "x" and a pointer.
   EXPECT_EQ(w.size(), 45u + 2 + 10 + (2 + 2));
-  EXPECT_FALSE(w.add_question(name_of("x._ipp._tcp.local"), kDNSType_SRV, kDNSClass_IN))
-      << "questions go first";
   ASSERT_TRUE(w.add_known_answer(name_of("x._ipp._tcp.local"), kDNSType_TXT, kDNSClass_IN, 10,
                                  raw_data(std::string(1, '\0'))));
   EXPECT_EQ(w.size(), 61u + 2 + 10 + 1);  // the PTR data's name is reused
+  ASSERT_TRUE(w.add_known_answer(name_of("X._IPP._tcp.local"), kDNSType_TXT, kDNSClass_IN, 10,
+                                 raw_data(std::string(1, '\0'))));
+  EXPECT_EQ(w.size(), 74u + (2 + 5 + 2) + 10 + 1) << "only byte-identical names compress";
   const Parsed p = parse(buf, w.finish());
   ASSERT_TRUE(p.clean);
   EXPECT_TRUE(mdns::names_equal(p.answers[1].name, name_of("x._ipp._tcp.local")));
-}
-
-TEST(QueryWriterCompression, CaseIsKept) {
-  uint8_t buf[512];
-  QueryWriter w(buf, sizeof buf);
-  ASSERT_TRUE(w.add_question(name_of("host.local"), kDNSType_A, kDNSClass_IN));
-  ASSERT_TRUE(w.add_question(name_of("HOST.local"), kDNSType_AAAA, kDNSClass_IN));
-  const Parsed p = parse(buf, w.finish());
-  ASSERT_EQ(p.questions.size(), 2u);
-  EXPECT_EQ(p.questions[1].name.c[1], 'H');
+  EXPECT_EQ(p.answers[2].name.c[1], 'X') << "case kept";
 }
 
 TEST(QueryWriterCompression, ManyNamesBeyondTheTargetTable) {
@@ -211,55 +203,27 @@ TEST(QueryWriterLimits, FullPacketTakesWholeItemsOnly) {
   }
 }
 
-TEST(QueryWriterLimits, RefusedItemLeavesNoCompressionTarget) {
-  uint8_t buf[64];
-  QueryWriter w(buf, sizeof buf);
-  ASSERT_TRUE(w.add_question(name_of("a.local"), kDNSType_A, kDNSClass_IN));
-  // Owner name fits, data does not: the owner must be forgotten with it.
-  ASSERT_FALSE(
-      w.add_known_answer(name_of("bb.local"), kDNSType_TXT, kDNSClass_IN, 1, raw_data(std::string(60, 'x'))));
-  RData a = raw_data("\x0a\x00\x00\x01");
-  ASSERT_TRUE(w.add_known_answer(name_of("bb.local"), kDNSType_A, kDNSClass_IN, 1, a));
-  const Parsed p = parse(buf, w.finish());
-  ASSERT_TRUE(p.clean);
-  EXPECT_TRUE(mdns::names_equal(p.answers[0].name, name_of("bb.local")));
-}
-
-TEST(QueryWriterLimits, RefusedItemsDoNotUseUpCompression) {
+TEST(QueryWriterLimits, RefusedItemsLeaveNoCompressionTargets) {
   uint8_t buf[200];
   QueryWriter w(buf, sizeof buf);
   ASSERT_TRUE(w.add_question(name_of("a.local"), kDNSType_A, kDNSClass_IN));
+  // Owner names fit, data does not: the owners must be forgotten with them, or
+  // the table fills up and a later name points at bytes that were never kept.
   for (int i = 0; i < 2 * QueryWriter::kMaxCompressionTargets; ++i) {
-    ASSERT_FALSE(w.add_known_answer(name_of("b" + std::to_string(i) + ".local"), kDNSType_TXT, kDNSClass_IN,
+    ASSERT_FALSE(w.add_known_answer(name_of("b" + std::to_string(i) + ".y.local"), kDNSType_TXT, kDNSClass_IN,
                                     1, raw_data(std::string(300, 'x'))));
   }
   const RData a = raw_data("\x0a\x00\x00\x01");
-  ASSERT_TRUE(w.add_known_answer(name_of("x.y.local"), kDNSType_A, kDNSClass_IN, 1, a));
+  ASSERT_TRUE(w.add_known_answer(name_of("b0.y.local"), kDNSType_A, kDNSClass_IN, 1, a));
   const size_t before = w.size();
   ASSERT_TRUE(w.add_known_answer(name_of("z.y.local"), kDNSType_A, kDNSClass_IN, 1, a));
-  EXPECT_EQ(w.size() - before, (2u + 2) + 10 + 4) << "y.local not compressed";
-}
-
-TEST(QueryWriterLimits, HeaderFlagsAndTinyBuffers) {
-  uint8_t buf[64];
-  QueryWriter w(buf, sizeof buf);
-  ASSERT_TRUE(w.add_question(name_of("a.local"), kDNSType_PTR, kDNSClass_IN));
-  w.set_truncated();
+  EXPECT_EQ(w.size() - before, (2u + 2) + 10 + 4) << "y.local compressed";
   const Parsed p = parse(buf, w.finish());
-  EXPECT_EQ(p.header.id, 0);
-  EXPECT_EQ(p.header.flags, 0x0200);
-
-  uint8_t tiny[11];
-  QueryWriter t(tiny, sizeof tiny);
-  EXPECT_FALSE(t.add_question(name_of("a"), kDNSType_A, kDNSClass_IN));
-  EXPECT_EQ(t.finish(), 0u);
-
-  QueryWriter bare(buf, 12);
-  EXPECT_EQ(bare.finish(), 12u);
-  EXPECT_FALSE(bare.add_question(name_of(""), kDNSType_A, kDNSClass_IN));
+  ASSERT_TRUE(p.clean);
+  EXPECT_TRUE(mdns::names_equal(p.answers[0].name, name_of("b0.y.local")));
 }
 
-TEST(QueryWriterLimits, RefusesMalformedInput) {
+TEST(QueryWriterLimits, HeaderFlagsTinyBuffersAndMalformedInput) {
   uint8_t buf[600];
   QueryWriter w(buf, sizeof buf);
   domainname bad;
@@ -274,6 +238,19 @@ TEST(QueryWriterLimits, RefusesMalformedInput) {
   EXPECT_EQ(w.size(), 12u);
   ASSERT_TRUE(w.add_known_answer(name_of("a"), kDNSType_A, kDNSClass_IN, 1, raw_data("\1\2\3\4")));
   EXPECT_FALSE(w.add_question(name_of("a"), kDNSType_A, kDNSClass_IN)) << "questions go first";
+  w.set_truncated();
+  const Parsed p = parse(buf, w.finish());
+  EXPECT_EQ(p.header.id, 0);
+  EXPECT_EQ(p.header.flags, 0x0200);
+  EXPECT_TRUE(p.clean);
+
+  uint8_t tiny[11];
+  QueryWriter t(tiny, sizeof tiny);
+  EXPECT_FALSE(t.add_question(name_of("a"), kDNSType_A, kDNSClass_IN));
+  EXPECT_EQ(t.finish(), 0u);
+  QueryWriter bare(buf, 12);
+  EXPECT_EQ(bare.finish(), 12u);
+  EXPECT_FALSE(bare.add_question(name_of(""), kDNSType_A, kDNSClass_IN));
 }
 
 }  // namespace

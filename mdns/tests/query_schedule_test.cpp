@@ -1,5 +1,5 @@
 // When queries go out, what they carry, and how they are grouped.
-#include "query_schedule.h"
+#include <set>
 
 #include "engine_fixture.h"
 
@@ -22,15 +22,6 @@ class QueryScheduleTest : public EngineTest {
   }
 };
 
-bool asks_unicast(const SentQuery& query, const char* name, uint16_t qtype) {
-  for (const auto& q : query.questions) {
-    if (q.qtype == qtype && mdns::names_equal(q.name, dn(name))) {
-      return q.unicast_response;
-    }
-  }
-  return false;
-}
-
 TEST_F(QueryScheduleTest, FirstQueryAfterShortDelayThenIntervalsDoubleUpToAnHour) {
   DNSQuestion& browse = question();
   start_browse(&browse);
@@ -42,9 +33,9 @@ TEST_F(QueryScheduleTest, FirstQueryAfterShortDelayThenIntervalsDoubleUpToAnHour
   EXPECT_GE(qs[0].time - kStartTime, 20);
   EXPECT_LE(qs[0].time - kStartTime, 120);
   EXPECT_GE(qs[1].time - qs[0].time, 1000);
-  EXPECT_TRUE(asks_unicast(qs[0], "_http._tcp.local.", kDNSType_PTR)) << "the first query asks QU";
-  for (size_t i = 1; i < qs.size(); ++i) {
-    EXPECT_FALSE(asks_unicast(qs[i], "_http._tcp.local.", kDNSType_PTR)) << i;
+  for (size_t i = 0; i < qs.size(); ++i) {
+    ASSERT_EQ(qs[i].questions.size(), 1u);
+    EXPECT_EQ(qs[i].questions[0].unicast_response, i == 0) << "only the first query asks QU: " << i;
   }
   for (size_t i = 2; i < qs.size(); ++i) {
     const int32_t previous = qs[i - 1].time - qs[i - 2].time;
@@ -78,9 +69,8 @@ TEST_F(QueryScheduleTest, FirstQueryDelayIsSpreadOverItsRange) {
   EXPECT_GT(high - low, 30) << "delays should not all be the same";
 }
 
-TEST_F(QueryScheduleTest, QueriesGoOutOnEveryUsableInterfaceAndFamily) {
-  ASSERT_TRUE(mdns::platform_test_add_interface(&p_, "eth1", 3, "10.0.0.1", "255.0.0.0"));
-  ASSERT_EQ(mDNSPlatformPosixRefreshInterfaceList(&m_), mStatus_NoError);
+TEST_F(QueryScheduleTest, QueriesGoOutOnEveryUsableInterfaceAndFamilyOrOnlyTheQuestionsOne) {
+  add_eth1();
   DNSQuestion& any = question();
   start_browse(&any);
   run_for(150);
@@ -89,20 +79,17 @@ TEST_F(QueryScheduleTest, QueriesGoOutOnEveryUsableInterfaceAndFamily) {
 
   sent_.clear();
   DNSQuestion& only_eth1 = question();
-  start_browse(&only_eth1, "_ipp._tcp", mdns::platform_interface_id(3));
+  start_browse(&only_eth1, "_ipp._tcp", eth1());
   run_for(150);
   ASSERT_EQ(sent_.size(), 1u);
-  EXPECT_EQ(sent_[0].interface_id, mdns::platform_interface_id(3));
+  EXPECT_EQ(sent_[0].interface_id, eth1());
   EXPECT_EQ(sent_[0].family, 4);
 }
 
 TEST_F(QueryScheduleTest, QuestionsDueTogetherShareOnePacket) {
-  DNSQuestion& a = question();
-  DNSQuestion& b = question();
-  DNSQuestion& c = question();
-  start_browse(&a, "_http._tcp");
-  start_browse(&b, "_ipp._tcp");
-  start_browse(&c, "_ssh._tcp");
+  for (const char* type : {"_http._tcp", "_ipp._tcp", "_ssh._tcp"}) {
+    start_browse(&question(), type);
+  }
   run_for(1500);
   const auto v4 = queries_asking("_http._tcp.local.", kDNSType_PTR);
   ASSERT_EQ(v4.size(), 2u);
@@ -113,13 +100,13 @@ TEST_F(QueryScheduleTest, QuestionsDueTogetherShareOnePacket) {
   EXPECT_EQ(m_.counters.queries_sent, 12u);  // 3 questions x 2 packets x 2 families
 }
 
-TEST_F(QueryScheduleTest, RefreshQueriesAtEightyToNinetyFivePercentOfTtl) {
+TEST_F(QueryScheduleTest, RefreshQueriesAtEightyToNinetyFivePercentOfTtlOnlyForAskedRecords) {
   DNSQuestion& q = question();
   start_query(&q, "host.local.", kDNSType_A);
-  Message msg;
-  msg.answer("host.local.", kDNSType_A, 100, a_data("192.168.1.30"), true);
-  receive(msg);  // before the first query: cached, so no periodic query needed
-  const int32_t received = now_;
+  receive(Message()
+              .answer("host.local.", kDNSType_A, 100, a_data("192.168.1.30"), true)
+              .answer("idle.local.", kDNSType_A, 100, a_data("192.168.1.31")));
+  const int32_t received = now_;  // before the first query: cached, so no periodic query needed
   run_until(received + 99000);
   const auto qs = queries_asking("host.local.", kDNSType_A);
   ASSERT_EQ(qs.size(), 4u);
@@ -129,58 +116,43 @@ TEST_F(QueryScheduleTest, RefreshQueriesAtEightyToNinetyFivePercentOfTtl) {
     EXPECT_LE(qs[i].time - received, points[i] + 2000) << i;
     EXPECT_TRUE(qs[i].known_answers.empty()) << "less than half its TTL left";
   }
+  EXPECT_TRUE(queries_asking("idle.local.", kDNSType_A).empty()) << "answers no question";
   run_until(received + 100000);
   EXPECT_EQ(count_events(QC_rmv), 1u);
-}
-
-TEST_F(QueryScheduleTest, RecordsAnsweringNoQuestionAreNotRefreshed) {
-  Message msg;
-  msg.answer("host.local.", kDNSType_A, 100, a_data("192.168.1.30"));
-  receive(msg);
-  run_for(101000);
-  EXPECT_TRUE(sent_.empty());
   EXPECT_EQ(m_.CacheUsed, 0u);
 }
 
-TEST_F(QueryScheduleTest, KnownAnswersCarryOnlyRecordsWithMoreThanHalfTheirTtlLeft) {
+TEST_F(QueryScheduleTest, KnownAnswersOnlyAboveHalfTheirTtlAndFromThePacketsInterface) {
+  add_eth1();
   DNSQuestion& browse = question();
   start_browse(&browse);
-  Message msg;
-  msg.answer("_http._tcp.local.", kDNSType_PTR, 20, name_bytes("Short._http._tcp.local."))
-      .answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes("Long._http._tcp.local."));
-  receive(msg);
+  receive(Message()
+              .answer("_http._tcp.local.", kDNSType_PTR, 20, name_bytes("Short._http._tcp.local."))
+              .answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes("Long._http._tcp.local.")));
+  receive(Message().answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes("Far._http._tcp.local.")),
+          "10.0.0.2", 5353, eth1());
   run_for(16000);
   const auto qs = queries_asking("_http._tcp.local.", kDNSType_PTR);
-  ASSERT_EQ(qs.size(), 5u);  // ~0.1 s, 1, 3, 7, 15 s
+  ASSERT_EQ(qs.size(), 10u);  // ~0.1 s, 1, 3, 7, 15 s on each interface
   for (const auto& q : qs) {
     const int32_t age = q.time - kStartTime;
-    bool has_short = false;
-    bool has_long = false;
+    std::set<std::string> targets;
     for (const auto& ka : q.known_answers) {
       const std::string target = text_of(ka.rdata.u.name);
-      has_short |= target == "Short._http._tcp.local.";
-      has_long |= target == "Long._http._tcp.local.";
+      targets.insert(target);
       if (target == "Short._http._tcp.local.") {
         EXPECT_LE(ka.ttl, 20u);
-        EXPECT_GE(ka.ttl, static_cast<uint32_t>(20 - age / 1000 - 1));
+        EXPECT_GE(ka.ttl, static_cast<uint32_t>(20 - age / 1000 - 1)) << "the remaining TTL";
       }
     }
-    EXPECT_TRUE(has_long);
-    EXPECT_EQ(has_short, age < 10000) << age;
-  }
-}
-
-TEST_F(QueryScheduleTest, KnownAnswersOnlyFromTheInterfaceOfThePacket) {
-  ASSERT_TRUE(mdns::platform_test_add_interface(&p_, "eth1", 3, "10.0.0.1", "255.0.0.0"));
-  ASSERT_EQ(mDNSPlatformPosixRefreshInterfaceList(&m_), mStatus_NoError);
-  DNSQuestion& browse = question();
-  start_browse(&browse);
-  Message msg;
-  msg.answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes("A._http._tcp.local."));
-  receive(msg, "10.0.0.2", 5353, mdns::platform_interface_id(3));
-  run_for(150);
-  for (const auto& q : sent_) {
-    EXPECT_EQ(q.known_answers.size(), q.interface_id == mdns::platform_interface_id(3) ? 1u : 0u);
+    using Set = std::set<std::string>;
+    if (q.interface_id == eth1()) {
+      EXPECT_EQ(targets, Set{"Far._http._tcp.local."}) << age;
+    } else if (age < 10000) {
+      EXPECT_EQ(targets, (Set{"Long._http._tcp.local.", "Short._http._tcp.local."})) << age;
+    } else {
+      EXPECT_EQ(targets, Set{"Long._http._tcp.local."}) << age;
+    }
   }
 }
 
@@ -235,11 +207,7 @@ TEST_F(QueryScheduleTest, IdenticalQuestionsGoOutOncePerPacket) {
   ASSERT_GE(qs.size(), 3u);
   EXPECT_LE(qs.size(), 5u) << "one schedule for all of them";
   for (const auto& q : qs) {
-    size_t same = 0;
-    for (const auto& question : q.questions) {
-      same += question.qtype == kDNSType_A && mdns::names_equal(question.name, dn("box.local.")) ? 1 : 0;
-    }
-    EXPECT_EQ(same, 1u);
+    EXPECT_EQ(q.asks("box.local.", kDNSType_A), 1);
   }
   EXPECT_FALSE(queries_asking("other.local.", kDNSType_A).empty());
 }
