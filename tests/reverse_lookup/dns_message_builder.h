@@ -81,8 +81,4 @@ inline Bytes srv_record(const std::string& owner, unsigned port) {
   return record(encoded_name(owner), 33, rdata);
 }
 
-inline Bytes txt_record(const std::string& owner) {
-  return record(encoded_name(owner), 16, Bytes{3, 'a', '=', 'b'});
-}
-
 }  // namespace sorvalen::test

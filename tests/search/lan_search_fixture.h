@@ -27,18 +27,15 @@ struct Snapshot {
   std::vector<IPAddressV4> v4;
   std::vector<IPAddressV6> v6;
 
-  size_t v4_count(const std::string& name) const {
+  template <typename List>
+  static size_t count(const List& list, const std::string& name) {
     size_t n = 0;
-    for (const auto& record : v4)
+    for (const auto& record : list)
       n += record.name == name ? 1 : 0;
     return n;
   }
-  size_t v6_count(const std::string& name) const {
-    size_t n = 0;
-    for (const auto& record : v6)
-      n += record.name == name ? 1 : 0;
-    return n;
-  }
+  size_t v4_count(const std::string& name) const { return count(v4, name); }
+  size_t v6_count(const std::string& name) const { return count(v6, name); }
   bool has(const std::string& name) const { return v4_count(name) + v6_count(name) > 0; }
 };
 
@@ -48,7 +45,7 @@ inline Snapshot take_snapshot() {
 }
 
 // Polls `condition` every 50 ms for up to `seconds`; true once it holds.
-inline bool wait_until(const std::function<bool()>& condition, double seconds) {
+inline bool wait_until(const std::function<bool()>& condition, double seconds = 20) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   while (!condition()) {
     if (std::chrono::steady_clock::now() >= deadline)
@@ -58,30 +55,20 @@ inline bool wait_until(const std::function<bool()>& condition, double seconds) {
   return true;
 }
 
-inline uint32_t ipv4_network_order(const std::string& text) {
-  in_addr address{};
-  EXPECT_EQ(inet_pton(AF_INET, text.c_str(), &address), 1) << text;
-  uint32_t value = 0;
-  std::memcpy(&value, &address, sizeof value);
-  return value;
-}
-
-inline std::vector<uint16_t> ipv6_groups(std::string text) {
-  text = text.substr(0, text.find('%'));
-  unsigned char bytes[16] = {};
-  EXPECT_EQ(inet_pton(AF_INET6, text.c_str(), bytes), 1) << text;
-  std::vector<uint16_t> groups;
-  for (int i = 0; i < 8; ++i)
-    groups.push_back(static_cast<uint16_t>(bytes[2 * i] << 8 | bytes[2 * i + 1]));
-  return groups;
+// True once every name has an IPv4 record.
+inline bool found_v4(const std::vector<std::string>& names) {
+  return wait_until([&] {
+    const Snapshot s = take_snapshot();
+    for (const std::string& name : names) {
+      if (s.v4_count(name) == 0)
+        return false;
+    }
+    return true;
+  });
 }
 
 class LanSearchTest : public ::testing::Test {
  protected:
-  // Generous bounds: the machine is small and shared.
-  static constexpr double kFindSeconds = 20;
-  static constexpr double kSettleSeconds = 3;
-
   void TearDown() override {
     search_.reset();
     scope_.reset();
@@ -104,20 +91,18 @@ class LanSearchTest : public ::testing::Test {
     ASSERT_TRUE(search_->Init());
   }
 
-  // The lists once no record has come for kSettleSeconds (bounded).
-  static Snapshot Settled(double max_seconds = 15) {
+  // The lists once no record has come for 3 s (at most 15 s).
+  static Snapshot Settled() {
     Snapshot last = take_snapshot();
     auto last_change = std::chrono::steady_clock::now();
-    const auto deadline = last_change + std::chrono::duration<double>(max_seconds);
-    while (std::chrono::steady_clock::now() < deadline) {
+    const auto deadline = last_change + std::chrono::seconds(15);
+    while (std::chrono::steady_clock::now() < deadline &&
+           std::chrono::steady_clock::now() - last_change < std::chrono::seconds(3)) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
       Snapshot now = take_snapshot();
       if (now.v4.size() != last.v4.size() || now.v6.size() != last.v6.size()) {
         last = std::move(now);
         last_change = std::chrono::steady_clock::now();
-      } else if (std::chrono::steady_clock::now() - last_change >
-                 std::chrono::duration<double>(kSettleSeconds)) {
-        break;
       }
     }
     return last;

@@ -4,18 +4,19 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "sorvalen/mdns_search.h"
 
 namespace sorvalen_test {
 
-inline sorvalen::IPAddressV4 v4(const std::string& name, uint32_t address = 0, uint16_t port = 0) {
+using sorvalen::MDNSSearch;
+using Names = std::vector<std::string>;
+
+inline sorvalen::IPAddressV4 v4(const std::string& name, uint32_t address = 0) {
   sorvalen::IPAddressV4 record;
   record.address = address;
-  record.port = port;
   record.name = name;
-  record.type = "_http._tcp.";
-  record.domain = "local.";
   return record;
 }
 
@@ -23,10 +24,19 @@ inline sorvalen::IPAddressV6 v6(const std::string& name, uint16_t first_group = 
   sorvalen::IPAddressV6 record;
   record.address[0] = first_group;
   record.name = name;
-  record.type = "_http._tcp.";
-  record.domain = "local.";
   return record;
 }
+
+// A search without an engine that counts the Stop calls that reach it.
+class RecordingSearch : public MDNSSearch {
+ public:
+  void Stop() override {
+    ++stop_calls;
+    MDNSSearch::Stop();
+  }
+  void set_running(bool running) { running_ = running; }
+  int stop_calls = 0;
+};
 
 class RegistryTest : public ::testing::Test {
  protected:
@@ -34,22 +44,16 @@ class RegistryTest : public ::testing::Test {
   void TearDown() override { Reset(); }
 
   static void Reset() {
-    std::lock_guard<std::mutex> lock(sorvalen::MDNSSearch::address_list_mutex_);
-    sorvalen::MDNSSearch::address_list_.clear();
-    sorvalen::MDNSSearch::addressV6_list_.clear();
-    sorvalen::MDNSSearch::names_.clear();
+    std::lock_guard<std::mutex> lock(MDNSSearch::address_list_mutex_);
+    MDNSSearch::address_list_.clear();
+    MDNSSearch::addressV6_list_.clear();
+    MDNSSearch::names_.clear();
   }
 
-  static std::vector<std::string> V4Names() {
-    std::vector<std::string> names;
-    for (const auto& record : sorvalen::MDNSSearch::address_list_)
-      names.push_back(record.name);
-    return names;
-  }
-
-  static std::vector<std::string> V6Names() {
-    std::vector<std::string> names;
-    for (const auto& record : sorvalen::MDNSSearch::addressV6_list_)
+  template <typename List>
+  static Names NamesOf(const List& list) {
+    Names names;
+    for (const auto& record : list)
       names.push_back(record.name);
     return names;
   }

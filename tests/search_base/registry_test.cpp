@@ -1,95 +1,91 @@
-// The process-wide device lists: order, duplicates, first-match removal.
-#include <string>
-#include <vector>
-
-#include "recording_search.h"
+// The process-wide device lists and the engine-independent part of Start/Stop.
 #include "registry_fixture.h"
 
 namespace sorvalen_test {
 namespace {
 
-using sorvalen::MDNSSearch;
-using Names = std::vector<std::string>;
-
-TEST_F(RegistryTest, AppendsInOrderFoundAndKeepsEqualRecordsTwice) {
-  MDNSSearch::AddToAddressList(v4("TV", 0x1401a8c0, 80));
+TEST_F(RegistryTest, AppendsCopiesInOrderFoundAndKeepsEqualRecordsTwice) {
+  sorvalen::IPAddressV4 tv = v4("TV", 0x1401a8c0);
+  MDNSSearch::AddToAddressList(tv);
   MDNSSearch::AddToAddressList(v4("Speaker"));
-  MDNSSearch::AddToAddressList(v4("TV", 0x1401a8c0, 80));
-  EXPECT_EQ(V4Names(), (Names{"TV", "Speaker", "TV"}));
+  MDNSSearch::AddToAddressList(tv);
+  tv.name = "Changed";
+  MDNSSearch::AddToAddressV6List(v6("TV", 0xfe80));
+  EXPECT_EQ(NamesOf(MDNSSearch::address_list_), (Names{"TV", "Speaker", "TV"}));
   EXPECT_EQ(MDNSSearch::address_list_[2].address, 0x1401a8c0u);
-  EXPECT_EQ(MDNSSearch::address_list_[2].port, 80);
-
-  MDNSSearch::AddToAddressV6List(v6("TV", 0xfe80));
-  MDNSSearch::AddToAddressV6List(v6("TV", 0xfe80));
-  EXPECT_EQ(V6Names(), (Names{"TV", "TV"}));
-  EXPECT_EQ(V4Names().size(), 3u) << "the IPv6 list is a separate list";
+  EXPECT_EQ(NamesOf(MDNSSearch::addressV6_list_), (Names{"TV"}));
 }
 
-TEST_F(RegistryTest, AppendedRecordIsACopy) {
-  sorvalen::IPAddressV4 record = v4("Printer");
-  MDNSSearch::AddToAddressList(record);
-  record.name = "Changed";
-  record.port = 9;
-  ASSERT_EQ(MDNSSearch::address_list_.size(), 1u);
-  EXPECT_EQ(MDNSSearch::address_list_[0].name, "Printer");
-  EXPECT_EQ(MDNSSearch::address_list_[0].port, 0);
-}
-
-TEST_F(RegistryTest, RemoveTakesOnlyTheFirstExactMatchAndKeepsTheOrder) {
-  for (const char* name : {"A", "TV", "B", "TV", "C"})
+TEST_F(RegistryTest, RemoveTakesOnlyTheFirstExactMatchOfItsOwnList) {
+  for (const char* name : {"A", "TV", "B", "TV", "tv2", "Living Room TV"})
     MDNSSearch::AddToAddressList(v4(name));
-  char tv[] = "TV";
-  MDNSSearch::RemoveFromAddressList(tv);
-  EXPECT_EQ(V4Names(), (Names{"A", "B", "TV", "C"}));
-  MDNSSearch::RemoveFromAddressList(tv);
-  EXPECT_EQ(V4Names(), (Names{"A", "B", "C"}));
-  MDNSSearch::RemoveFromAddressList(tv);
-  EXPECT_EQ(V4Names(), (Names{"A", "B", "C"}));
-}
-
-TEST_F(RegistryTest, RemoveMatchesWholeNameCaseSensitively) {
-  for (const char* name : {"Living Room TV", "TV", "tv2"})
-    MDNSSearch::AddToAddressList(v4(name));
-  for (const char* probe : {"tv", "Tv", "TV ", "T", "Living Room", "living room tv", ""}) {
-    std::string copy(probe);
-    MDNSSearch::RemoveFromAddressList(copy.data());
-  }
-  EXPECT_EQ(V4Names(), (Names{"Living Room TV", "TV", "tv2"}));
-}
-
-TEST_F(RegistryTest, RemoveStopsAtTheFirstNulOfTheName) {
-  MDNSSearch::AddToAddressList(v4(std::string("TV\0x", 4)));
-  MDNSSearch::AddToAddressList(v4("TV"));
-  char name[] = "TV\0x";
-  MDNSSearch::RemoveFromAddressList(name);
-  ASSERT_EQ(MDNSSearch::address_list_.size(), 1u);
-  EXPECT_EQ(MDNSSearch::address_list_[0].name.size(), 4u);
-}
-
-TEST_F(RegistryTest, RemovesFromEachListSeparately) {
-  MDNSSearch::AddToAddressList(v4("TV"));
-  MDNSSearch::AddToAddressV6List(v6("TV"));
   MDNSSearch::AddToAddressV6List(v6("TV", 1));
+  MDNSSearch::AddToAddressV6List(v6("TV", 2));
+
+  // Names match whole and case-sensitively; a probe ends at its first NUL.
+  for (std::string probe : {"tv", "TV ", "T", "Living Room", ""}) {
+    MDNSSearch::RemoveFromAddressList(&probe[0]);
+  }
+  char tv_with_tail[] = "TV\0x";
+  MDNSSearch::RemoveFromAddressList(tv_with_tail);
+  EXPECT_EQ(NamesOf(MDNSSearch::address_list_), (Names{"A", "B", "TV", "tv2", "Living Room TV"}));
+
   char tv[] = "TV";
+  MDNSSearch::RemoveFromAddressList(tv);
+  MDNSSearch::RemoveFromAddressList(tv);
+  EXPECT_EQ(NamesOf(MDNSSearch::address_list_), (Names{"A", "B", "tv2", "Living Room TV"}));
+  ASSERT_EQ(MDNSSearch::addressV6_list_.size(), 2u) << "each list is removed from on its own";
   MDNSSearch::RemoveFromAddressV6List(tv);
-  EXPECT_EQ(V4Names(), (Names{"TV"}));
   ASSERT_EQ(MDNSSearch::addressV6_list_.size(), 1u);
-  EXPECT_EQ(MDNSSearch::addressV6_list_[0].address[0], 1);
+  EXPECT_EQ(MDNSSearch::addressV6_list_[0].address[0], 2);
 }
 
-TEST_F(RegistryTest, GettersReturnTheLiveListsAndClearsEmptyOneListEach) {
-  PlainSearch search;
-  EXPECT_EQ(&search.GetAddressList(), &MDNSSearch::address_list_);
-  EXPECT_EQ(&search.GetAddressV6List(), &MDNSSearch::addressV6_list_);
+TEST_F(RegistryTest, StartReplacesTheFilterStopsTheEarlierSearchAndEmptiesBothLists) {
+  MDNSSearch::names_ = {"left", "over"};
+  RecordingSearch search;
+  EXPECT_TRUE(search.Start("tv,,Living Room ,", "_http._tcp", "local.", 5, ""));
+  EXPECT_EQ(MDNSSearch::names_, (Names{"tv", "", "Living Room "}));
+  EXPECT_EQ(search.stop_calls, 0) << "nothing ran before";
   MDNSSearch::AddToAddressList(v4("TV"));
   MDNSSearch::AddToAddressV6List(v6("TV"));
-  search.ClearAddressList();
-  EXPECT_TRUE(search.GetAddressList().empty());
-  EXPECT_EQ(search.GetAddressV6List().size(), 1u);
-  search.ClearAddressV6List();
-  EXPECT_TRUE(search.GetAddressV6List().empty());
-  search.ClearAddressList();  // clearing an empty list is harmless
-  EXPECT_TRUE(search.GetAddressList().empty());
+
+  // Another object's Start also empties the process-wide lists.
+  RecordingSearch other;
+  other.Start("", "_ipp._tcp", "local.", 5, "");
+  EXPECT_TRUE(MDNSSearch::names_.empty());
+  EXPECT_TRUE(MDNSSearch::address_list_.empty());
+  MDNSSearch::AddToAddressList(v4("TV"));
+  MDNSSearch::AddToAddressV6List(v6("TV"));
+
+  // A search whose loop ended on its time limit is still stopped (joined) first.
+  search.set_running(true);
+  search.set_running(false);
+  search.Start("speaker", "_raop._tcp", "local.", 7, "");
+  EXPECT_EQ(search.stop_calls, 1);
+  EXPECT_EQ(MDNSSearch::names_, (Names{"speaker"}));
+  EXPECT_TRUE(MDNSSearch::address_list_.empty());
+  EXPECT_TRUE(MDNSSearch::addressV6_list_.empty());
+
+  // After an explicit Stop the next Start does not stop again.
+  search.Stop();
+  search.Start("tv", "_http._tcp", "local.", 5, "");
+  EXPECT_EQ(search.stop_calls, 2);
+}
+
+TEST_F(RegistryTest, StopAndDestructionLeaveTheResultsReadable) {
+  auto* search = new RecordingSearch;
+  search->Start("tv", "_http._tcp", "local.", 5, "");
+  MDNSSearch::AddToAddressList(v4("TV"));
+  MDNSSearch::AddToAddressV6List(v6("TV"));
+  search->Stop();
+  EXPECT_EQ(NamesOf(MDNSSearch::address_list_), (Names{"TV"}));
+  EXPECT_EQ(NamesOf(MDNSSearch::addressV6_list_), (Names{"TV"}));
+  EXPECT_EQ(MDNSSearch::names_, (Names{"tv"}));
+
+  search->Start("tv", "_http._tcp", "local.", 5, "");
+  MDNSSearch::AddToAddressList(v4("TV"));
+  delete static_cast<MDNSSearch*>(search);  // through the virtual destructor
+  EXPECT_EQ(NamesOf(MDNSSearch::address_list_), (Names{"TV"}));
 }
 
 }  // namespace
