@@ -41,37 +41,6 @@ class BrowseResolveOnLan : public ::testing::Test {
   std::unique_ptr<VirtualLan> lan_;
 };
 
-TEST_F(BrowseResolveOnLan, FindsAndResolvesOverBothFamilies) {
-  auto core = start_core();
-  ASSERT_TRUE(core->started());
-  EXPECT_EQ(core->interface_names(), std::vector<std::string>{"eth0"});
-
-  Browse browse;
-  ASSERT_EQ(core->browse(browse, "_ipp._tcp"), mStatus_NoError);
-  ASSERT_TRUE(core->run_until(
-      [&] { return browse.adds_of("Office Printer") && browse.adds_of("Office Scanner"); }, kFindMs));
-  EXPECT_EQ(browse.events.front().interface_id, core->interface_id("eth0"));
-
-  Resolve resolve;
-  ASSERT_EQ(core->resolve(resolve, "Office Printer", "_ipp._tcp"), mStatus_NoError);
-  ASSERT_TRUE(core->run_until(
-      [&] { return resolve.has_family(mDNSAddrType_IPv4) && resolve.has_family(mDNSAddrType_IPv6); },
-      kFindMs));
-  for (const ResolveResult& r : resolve.results) {
-    EXPECT_EQ(r.port, 631);
-    const std::string text = address_text(r.ip);
-    if (r.ip.type == mDNSAddrType_IPv4) {
-      EXPECT_EQ(text, lan_->host_ipv4("printer"));
-    } else {
-      EXPECT_EQ(text, lan_->host_ipv6_link_local("printer"));
-    }
-  }
-  const std::string txt(reinterpret_cast<const char*>(resolve.info.TXTinfo), resolve.info.TXTlen);
-  EXPECT_NE(txt.find("rp=ipp/print"), std::string::npos);
-  mDNS_StopResolveService(&core->core(), &resolve.query);
-  mDNS_StopQuery(&core->core(), &browse.question);
-}
-
 TEST_F(BrowseResolveOnLan, ResolveCompletesFromTheRecordsThatCameWithTheBrowse) {
   auto core = start_core();
   ASSERT_TRUE(core->started());
@@ -109,12 +78,13 @@ TEST_F(BrowseResolveOnLan, WithdrawnAndStoppedServicesAreRemoved) {
   mDNS_StopQuery(&core->core(), &browse.question);
 }
 
-// With the other family's socket closed, each family alone finds the device.
+// With the other family's socket closed, each family alone finds and resolves the device.
 class OneFamilyOnLan : public BrowseResolveOnLan, public ::testing::WithParamInterface<int> {};
 
-TEST_P(OneFamilyOnLan, FindsTheDevice) {
+TEST_P(OneFamilyOnLan, FindsAndResolvesTheDevice) {
   auto core = start_core();
   ASSERT_TRUE(core->started());
+  EXPECT_EQ(core->interface_names(), std::vector<std::string>{"eth0"});
   const int family = GetParam();
   int& other = family == mDNSAddrType_IPv4 ? core->platform().sock_v6 : core->platform().sock_v4;
   ASSERT_GE(other, 0);
@@ -123,10 +93,19 @@ TEST_P(OneFamilyOnLan, FindsTheDevice) {
 
   Browse browse;
   ASSERT_EQ(core->browse(browse, "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core->run_until(
+      [&] { return browse.adds_of("Office Printer") && browse.adds_of("Office Scanner"); }, kFindMs));
+  EXPECT_EQ(browse.events.front().interface_id, core->interface_id("eth0"));
   Resolve resolve;
-  ASSERT_TRUE(core->run_until([&] { return browse.adds_of("Office Printer") > 0; }, kFindMs));
   ASSERT_EQ(core->resolve(resolve, "Office Printer", "_ipp._tcp"), mStatus_NoError);
   ASSERT_TRUE(core->run_until([&] { return resolve.has_family(family); }, kFindMs));
+  for (const ResolveResult& r : resolve.results) {
+    EXPECT_EQ(r.port, 631);
+  }
+  EXPECT_EQ(address_text(resolve.first_of(family)->ip),
+            family == mDNSAddrType_IPv4 ? lan_->host_ipv4("printer") : lan_->host_ipv6_link_local("printer"));
+  const std::string txt(reinterpret_cast<const char*>(resolve.info.TXTinfo), resolve.info.TXTlen);
+  EXPECT_NE(txt.find("rp=ipp/print"), std::string::npos);
   mDNS_StopResolveService(&core->core(), &resolve.query);
   mDNS_StopQuery(&core->core(), &browse.question);
 }

@@ -39,28 +39,6 @@ void on_resolve(mDNS* const m, ServiceInfoQuery* query) {
   resolve->results.push_back({info->ip, (info->port.b[0] << 8) | info->port.b[1]});
 }
 
-// "<instance>.<type>.local." in wire form; the instance is one label whatever
-// characters it holds.
-bool service_name(domainname& out, const std::string& instance, const std::string& type) {
-  domainname rest{};
-  if (instance.empty() || instance.size() > MAX_DOMAIN_LABEL ||
-      MakeDomainNameFromDNSNameString(&rest, (type + ".local.").c_str()) == nullptr) {
-    return false;
-  }
-  size_t rest_length = 0;
-  while (rest.c[rest_length] != 0) {
-    rest_length += rest.c[rest_length] + 1u;
-  }
-  ++rest_length;
-  if (1 + instance.size() + rest_length > sizeof out.c) {
-    return false;
-  }
-  out.c[0] = static_cast<mDNSu8>(instance.size());
-  std::memcpy(out.c + 1, instance.data(), instance.size());
-  std::memcpy(out.c + 1 + instance.size(), rest.c, rest_length);
-  return true;
-}
-
 int64_t now_ms() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
              std::chrono::steady_clock::now().time_since_epoch())
@@ -69,18 +47,19 @@ int64_t now_ms() {
 
 }  // namespace
 
-int Browse::adds_of(const std::string& instance) const {
-  int n = 0;
+const BrowseEvent* Browse::first_add(const std::string& instance) const {
   for (const auto& e : events) {
-    n += (e.add && e.instance == instance) ? 1 : 0;
+    if (e.add && e.instance == instance) {
+      return &e;
+    }
   }
-  return n;
+  return nullptr;
 }
 
-int Browse::removes_of(const std::string& instance) const {
+int Browse::count(const std::string& instance, bool add) const {
   int n = 0;
   for (const auto& e : events) {
-    n += (!e.add && e.instance == instance) ? 1 : 0;
+    n += (e.add == add && e.instance == instance) ? 1 : 0;
   }
   return n;
 }
@@ -140,7 +119,8 @@ mStatus CoreOnLan::browse(Browse& browse, const std::string& type, mDNSInterface
 
 mStatus CoreOnLan::resolve(Resolve& resolve, const std::string& instance, const std::string& type,
                            mDNSInterfaceID interface_id) {
-  if (!service_name(resolve.info.name, instance, type)) {
+  const std::string name = instance + "." + type + ".local.";
+  if (MakeDomainNameFromDNSNameString(&resolve.info.name, name.c_str()) == nullptr) {
     return mStatus_BadParamErr;
   }
   resolve.info.InterfaceID = interface_id;
@@ -175,10 +155,6 @@ bool CoreOnLan::run_until(const std::function<bool()>& done, int timeout_ms) {
     mDNSPosixProcessFDSet(m_.get(), &readfds);
   }
   return true;
-}
-
-void CoreOnLan::run_for(int ms) {
-  run_until([] { return false; }, ms);
 }
 
 std::string address_text(const mDNSAddr& address) {

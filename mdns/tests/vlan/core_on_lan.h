@@ -27,8 +27,11 @@ struct Browse {
   DNSQuestion question{};
   std::vector<BrowseEvent> events;
 
-  int adds_of(const std::string& instance) const;
-  int removes_of(const std::string& instance) const;
+  // The first add event of the instance, or null.
+  const BrowseEvent* first_add(const std::string& instance) const;
+  int adds_of(const std::string& instance) const { return count(instance, true); }
+  int removes_of(const std::string& instance) const { return count(instance, false); }
+  int count(const std::string& instance, bool add) const;
 };
 
 // One resolve; each callback's address and port are kept.
@@ -62,14 +65,16 @@ class CoreOnLan {
   std::vector<std::string> interface_names() const;
 
   mStatus browse(Browse& browse, const std::string& type, mDNSInterfaceID interface_id = mDNSInterface_Any);
+  // The instance must be plain text (no dots or backslashes).
   mStatus resolve(Resolve& resolve, const std::string& instance, const std::string& type,
                   mDNSInterfaceID interface_id = mDNSInterface_Any);
   mStatus refresh_interfaces();
 
   // Runs the event loop until `done` holds or `timeout_ms` passes; returns `done()`.
   bool run_until(const std::function<bool()>& done, int timeout_ms);
-  // Runs the event loop for a while.
-  void run_for(int ms);
+  void run_for(int ms) {
+    run_until([] { return false; }, ms);
+  }
 
  private:
   std::string netns_;

@@ -25,15 +25,6 @@ constexpr int kFindMs = 15000;
 // Long enough for several queries of a running browse to go unanswered.
 constexpr int kQuietMs = 4000;
 
-const BrowseEvent* first_add(const Browse& browse, const std::string& instance) {
-  for (const auto& e : browse.events) {
-    if (e.add && e.instance == instance) {
-      return &e;
-    }
-  }
-  return nullptr;
-}
-
 class TwoLans : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -56,18 +47,30 @@ class TwoLans : public ::testing::Test {
   std::unique_ptr<CoreOnLan> core_;
 };
 
-TEST_F(TwoLans, EachDeviceIsSeenOnItsOwnInterface) {
+TEST_F(TwoLans, EachDeviceIsSeenOnItsOwnInterfaceAndABrowseOnOneSeesOnlyThatLan) {
   EXPECT_EQ(core_->interface_names(), (std::vector<std::string>{"eth0", "eth1"}));
   const mDNSInterfaceID eth0 = core_->interface_id("eth0");
   const mDNSInterfaceID eth1 = core_->interface_id("eth1");
   ASSERT_NE(eth0, eth1);
 
   Browse any;
+  Browse only_eth1;
   ASSERT_EQ(core_->browse(any, "_http._tcp"), mStatus_NoError);
-  ASSERT_TRUE(core_->run_until([&] { return first_add(any, "Hall TV") && first_add(any, "Garden Speaker"); },
-                               kFindMs));
-  EXPECT_EQ(first_add(any, "Hall TV")->interface_id, eth0);
-  EXPECT_EQ(first_add(any, "Garden Speaker")->interface_id, eth1);
+  ASSERT_EQ(core_->browse(only_eth1, "_http._tcp", eth1), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until(
+      [&] {
+        return any.first_add("Hall TV") && any.first_add("Garden Speaker") &&
+               only_eth1.first_add("Garden Speaker");
+      },
+      kFindMs));
+  EXPECT_EQ(any.first_add("Hall TV")->interface_id, eth0);
+  EXPECT_EQ(any.first_add("Garden Speaker")->interface_id, eth1);
+  core_->run_for(kQuietMs);
+  EXPECT_EQ(only_eth1.first_add("Hall TV"), nullptr);
+  for (const auto& e : only_eth1.events) {
+    EXPECT_EQ(e.interface_id, eth1);
+  }
+  mDNS_StopQuery(&core_->core(), &only_eth1.question);
   mDNS_StopQuery(&core_->core(), &any.question);
 
   Resolve tv;
@@ -77,23 +80,11 @@ TEST_F(TwoLans, EachDeviceIsSeenOnItsOwnInterface) {
   mDNS_StopResolveService(&core_->core(), &tv.query);
 }
 
-TEST_F(TwoLans, ABrowseOnOneInterfaceSeesOnlyThatLan) {
-  Browse only_eth1;
-  ASSERT_EQ(core_->browse(only_eth1, "_http._tcp", core_->interface_id("eth1")), mStatus_NoError);
-  ASSERT_TRUE(core_->run_until([&] { return first_add(only_eth1, "Garden Speaker") != nullptr; }, kFindMs));
-  core_->run_for(kQuietMs);
-  EXPECT_EQ(first_add(only_eth1, "Hall TV"), nullptr);
-  for (const auto& e : only_eth1.events) {
-    EXPECT_EQ(e.interface_id, core_->interface_id("eth1"));
-  }
-  mDNS_StopQuery(&core_->core(), &only_eth1.question);
-}
-
 TEST_F(TwoLans, RefreshDropsAVanishedInterfaceAndTakesItBack) {
   Browse any;
   ASSERT_EQ(core_->browse(any, "_http._tcp"), mStatus_NoError);
-  ASSERT_TRUE(core_->run_until([&] { return first_add(any, "Hall TV") && first_add(any, "Garden Speaker"); },
-                               kFindMs));
+  ASSERT_TRUE(
+      core_->run_until([&] { return any.first_add("Hall TV") && any.first_add("Garden Speaker"); }, kFindMs));
   const mDNSInterfaceID eth1 = core_->interface_id("eth1");
 
   ASSERT_TRUE(lan_->exec("querier", {"ip", "link", "set", "eth1", "down"}).ok());
@@ -131,7 +122,7 @@ TEST(SharedPort, CoexistsWithAvahiOnTheSameHost) {
   ASSERT_TRUE(core.started()) << "mDNS_Init beside avahi-daemon: " << core.status();
   Browse browse;
   ASSERT_EQ(core.browse(browse, "_http._tcp"), mStatus_NoError);
-  ASSERT_TRUE(core.run_until([&] { return first_add(browse, "Hall TV") != nullptr; }, kFindMs));
+  ASSERT_TRUE(core.run_until([&] { return browse.first_add("Hall TV") != nullptr; }, kFindMs));
   // And the daemon beside us still gets its answers.
   const std::string seen_by_daemon = lan.browse("querier", "_http._tcp");
   bool daemon_resolved_tv = false;
