@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <exception>
 #include <stdexcept>
@@ -119,9 +118,10 @@ std::string VirtualLan::host_ipv6_link_local(const std::string& host, const std:
   return script({"ipv6ll", host, iface});
 }
 
-namespace {
-
-std::vector<std::string> start_arguments(const std::string& host, const AvahiOptions& options) {
+void VirtualLan::start_avahi(const std::string& host, const std::vector<ServiceSpec>& services,
+                             const AvahiOptions& options) {
+  for (const ServiceSpec& service : services)
+    add_service(host, service);
   std::vector<std::string> args = {"start-avahi", host};
   if (options.dbus)
     args.push_back("--dbus");
@@ -129,28 +129,7 @@ std::vector<std::string> start_arguments(const std::string& host, const AvahiOpt
     args.insert(args.end(), {"--name", options.host_name});
   if (!options.interfaces.empty())
     args.insert(args.end(), {"--interfaces", options.interfaces});
-  return args;
-}
-
-}  // namespace
-
-void VirtualLan::start_avahi(const std::string& host, const std::vector<ServiceSpec>& services,
-                             const AvahiOptions& options) {
-  for (const ServiceSpec& service : services)
-    add_service(host, service);
-  script(start_arguments(host, options));
-}
-
-void VirtualLan::start_avahi_all(const std::vector<AvahiHost>& daemons) {
-  for (const AvahiHost& d : daemons) {
-    for (const ServiceSpec& service : d.services)
-      add_service(d.host, service);
-    std::vector<std::string> args = start_arguments(d.host, d.options);
-    args.push_back("--no-wait");
-    script(args);
-  }
-  for (const AvahiHost& d : daemons)
-    script({"wait-avahi", d.host});
+  script(args);
 }
 
 void VirtualLan::add_service(const std::string& host, const ServiceSpec& service) {
@@ -170,38 +149,6 @@ void VirtualLan::stop_avahi(const std::string& host) {
 
 std::string VirtualLan::browse(const std::string& host, const std::string& type) const {
   return script({"browse", host, type});
-}
-
-std::vector<ResolvedService> VirtualLan::browse_until(
-    const std::string& host, const std::string& type,
-    const std::function<bool(const std::vector<ResolvedService>&)>& done, int timeout_seconds) const {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds);
-  std::vector<ResolvedService> found = parse_resolved_services(browse(host, type));
-  while (!done(found) && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    found = parse_resolved_services(browse(host, type));
-  }
-  return found;
-}
-
-void VirtualLan::start_capture(const std::string& host, const std::string& iface) {
-  script({"capture-start", host, iface});
-}
-
-void VirtualLan::stop_capture(const std::string& host, const std::string& iface) {
-  script({"capture-stop", host, iface});
-}
-
-CaptureCount VirtualLan::capture_count(const std::string& host, const std::string& source_address,
-                                       const std::string& iface) const {
-  const std::string text = script({"capture-count", host, iface, source_address});
-  CaptureCount count;
-  const size_t space = text.find(' ');
-  if (space == std::string::npos)
-    throw std::runtime_error("vlan.sh capture-count printed '" + text + "'");
-  count.packets = std::stoull(text.substr(0, space));
-  count.bytes = std::stoull(text.substr(space + 1));
-  return count;
 }
 
 CommandResult VirtualLan::exec(const std::string& host, const std::vector<std::string>& argv,

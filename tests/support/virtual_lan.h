@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,18 +21,6 @@ struct AvahiOptions {
   bool dbus = false;       // a private system bus, so that browse() works on this host
   std::string host_name;   // the announced host name; the host's name when empty
   std::string interfaces;  // comma-separated; every interface of the host when empty
-};
-
-// One daemon for VirtualLan::start_avahi_all.
-struct AvahiHost {
-  std::string host;
-  std::vector<ServiceSpec> services;
-  AvahiOptions options;
-};
-
-struct CaptureCount {
-  std::uint64_t packets = 0;
-  std::uint64_t bytes = 0;  // UDP payload bytes
 };
 
 // A set of virtual LANs on this machine for one test: each LAN is a bridge in
@@ -68,9 +55,6 @@ class VirtualLan {
   // before) and returns once they are all announced.
   void start_avahi(const std::string& host, const std::vector<ServiceSpec>& services = {},
                    const AvahiOptions& options = {});
-  // Starts the daemons side by side (faster than one after the other) and
-  // returns once all are up.
-  void start_avahi_all(const std::vector<AvahiHost>& daemons);
   // Publishes one more service; with the daemon running, returns once it is announced.
   void add_service(const std::string& host, const ServiceSpec& service);
   // Withdraws a service; the daemon sends goodbye packets for it.
@@ -79,20 +63,6 @@ class VirtualLan {
 
   // `avahi-browse -rpt TYPE` on a host whose daemon was started with dbus.
   std::string browse(const std::string& host, const std::string& type) const;
-  // Browses again and again until `done` accepts what was resolved or the
-  // time is up; returns the last result.  A daemon that has just started, or a
-  // record that has just changed, needs a moment to show.
-  std::vector<ResolvedService> browse_until(
-      const std::string& host, const std::string& type,
-      const std::function<bool(const std::vector<ResolvedService>&)>& done, int timeout_seconds = 10) const;
-
-  // Captures udp port 5353 traffic seen by the host's interface.
-  void start_capture(const std::string& host, const std::string& iface = "eth0");
-  void stop_capture(const std::string& host, const std::string& iface = "eth0");
-  // Packets (and their UDP payload bytes) sent to port 5353 by source_address
-  // so far; the capture may still run.
-  CaptureCount capture_count(const std::string& host, const std::string& source_address,
-                             const std::string& iface = "eth0") const;
 
   // Runs a program inside the host's namespace.
   CommandResult exec(const std::string& host, const std::vector<std::string>& argv,

@@ -27,44 +27,35 @@ std::vector<std::string> lines_of(const std::string& text) {
 
 class ToolSearchTest : public ::testing::Test {
  protected:
-  void BuildLan(const std::vector<ServiceSpec>& services) {
-    lan_.emplace();
-    lan_->add_lan();
-    lan_->add_host("querier", {1});
-    if (services.empty())
-      return;
-    lan_->add_host("dev", {1});
-    lan_->start_avahi("dev", services);
-  }
-
   // The tool, always inside the querier's namespace.
-  CommandResult Search(std::vector<std::string> args, int timeout_seconds = 60) {
+  CommandResult Search(std::vector<std::string> args) {
     args.insert(args.begin(), {SORVALEN_TOOL, "search"});
-    return lan_->exec("querier", args, timeout_seconds);
+    return lan_->exec("querier", args, 60);
   }
 
   std::optional<VirtualLan> lan_;
 };
 
-TEST_F(ToolSearchTest, PrintsEachEndpointOnceAndExitsZero) {
+TEST_F(ToolSearchTest, PrintsEachEndpointOnceAsTextOrJsonAndExitsOneWhenNothingIsFound) {
   SV_REQUIRE_VIRTUAL_LAN();
-  BuildLan({{"Living Room TV", "_http._tcp", 8080, {}}, {"Kitchen Speaker", "_http._tcp", 80, {}}});
-  const CommandResult r = Search({"_http._tcp", "--timeout", "4"});
-  ASSERT_EQ(r.exit_status, 0) << r.err;
+  lan_.emplace();
+  lan_->add_lan();
+  lan_->add_host("querier", {1});
+  lan_->add_host("dev", {1});
+  lan_->start_avahi(
+      "dev", {{"Say \"Hi\" \\ there", "_http._tcp", 8080, {}}, {"Kitchen Speaker", "_http._tcp", 80, {}}});
   const std::string dev = lan_->host_ipv4("dev");
-  EXPECT_THAT(r.out, HasSubstr("Living Room TV  _http._tcp.local.  " + dev + ":8080\n"));
+
+  CommandResult r = Search({"_http._tcp", "--timeout", "4"});
+  ASSERT_EQ(r.exit_status, 0) << r.err;
+  EXPECT_THAT(r.out, HasSubstr("Say \"Hi\" \\ there  _http._tcp.local.  " + dev + ":8080\n"));
   EXPECT_THAT(r.out, HasSubstr("Kitchen Speaker  _http._tcp.local.  " + dev + ":80\n"));
-  const std::vector<std::string> lines = lines_of(r.out);
+  std::vector<std::string> lines = lines_of(r.out);
   EXPECT_EQ(std::set<std::string>(lines.begin(), lines.end()).size(), lines.size()) << r.out;
   EXPECT_EQ(r.err, "") << "no status line when stderr is no terminal";
-}
 
-TEST_F(ToolSearchTest, JsonLinesEscapeNamesAndHonourTheFilter) {
-  SV_REQUIRE_VIRTUAL_LAN();
-  BuildLan({{"Say \"Hi\" \\ there", "_http._tcp", 8080, {}}, {"Kitchen Speaker", "_http._tcp", 80, {}}});
-  const CommandResult r = Search({"_http._tcp", "--json", "--names", "zzz,HI", "--timeout", "4"});
+  r = Search({"_http._tcp", "--json", "--names", "zzz,HI", "--timeout", "4"});
   ASSERT_EQ(r.exit_status, 0) << r.err;
-  const std::string dev = lan_->host_ipv4("dev");
   EXPECT_THAT(r.out, HasSubstr("{\"name\":\"Say \\\"Hi\\\" \\\\ there\",\"type\":\"_http._tcp.\",\"domain\":"
                                "\"local.\",\"family\":\"ipv4\",\"address\":\"" +
                                dev + "\",\"port\":8080}\n"));
@@ -74,30 +65,25 @@ TEST_F(ToolSearchTest, JsonLinesEscapeNamesAndHonourTheFilter) {
     EXPECT_EQ(line.front(), '{') << line;
     EXPECT_EQ(line.back(), '}') << line;
   }
-}
 
-TEST_F(ToolSearchTest, NothingFoundExitsOne) {
-  SV_REQUIRE_VIRTUAL_LAN();
-  BuildLan({{"Living Room TV", "_http._tcp", 8080, {}}});
-  const CommandResult r = Search({"_http._tcp", "--names", "zzz", "--timeout", "2"});
+  r = Search({"_http._tcp", "--names", "zzz", "--timeout", "2"});
   EXPECT_EQ(r.exit_status, 1) << r.err;
   EXPECT_EQ(r.out, "");
-}
 
-TEST_F(ToolSearchTest, TerminationStopsTheSearchCleanly) {
-  SV_REQUIRE_VIRTUAL_LAN();
-  BuildLan({{"Living Room TV", "_http._tcp", 8080, {}}});
+  // Without a time limit, termination stops the search cleanly.
   const std::string script =
       std::string(SORVALEN_TOOL) +
       " search _http._tcp --timeout 0 & tool=$!; sleep 4; kill -TERM $tool; wait $tool";
-  const CommandResult r = lan_->exec("querier", {"sh", "-c", script}, 30);
+  r = lan_->exec("querier", {"sh", "-c", script}, 30);
   EXPECT_EQ(r.exit_status, 0) << r.err;
-  EXPECT_THAT(r.out, HasSubstr("Living Room TV"));
+  EXPECT_THAT(r.out, HasSubstr("Kitchen Speaker"));
 }
 
-TEST_F(ToolSearchTest, BadInputExitsTwoWithOneLineSayingWhatToDo) {
+TEST_F(ToolSearchTest, BadInputAndABlockedPortExitTwoWithOneLineSayingWhy) {
   SV_REQUIRE_VIRTUAL_LAN();
-  BuildLan({});
+  lan_.emplace();
+  lan_->add_lan();
+  lan_->add_host("querier", {1});
   const std::vector<std::vector<std::string>> cases = {
       {},
       {""},
@@ -110,10 +96,7 @@ TEST_F(ToolSearchTest, BadInputExitsTwoWithOneLineSayingWhatToDo) {
       {"_http._tcp", "--interface", "nope0"},
   };
   for (const auto& args : cases) {
-    std::string shown;
-    for (const auto& arg : args)
-      shown += "'" + arg + "' ";
-    SCOPED_TRACE(shown);
+    SCOPED_TRACE(::testing::PrintToString(args));
     const CommandResult r = Search(args);
     EXPECT_EQ(r.exit_status, 2);
     EXPECT_EQ(r.out, "");
@@ -121,11 +104,7 @@ TEST_F(ToolSearchTest, BadInputExitsTwoWithOneLineSayingWhatToDo) {
     EXPECT_THAT(r.err, HasSubstr("sorvalen-mdns search: "));
   }
   EXPECT_THAT(Search({"_http._tcp", "--interface", "nope0"}).err, HasSubstr("nope0"));
-}
 
-TEST_F(ToolSearchTest, PortHeldExclusivelyExitsTwo) {
-  SV_REQUIRE_VIRTUAL_LAN();
-  BuildLan({});
   // Sockets bound to 5353 without address reuse keep the querier from sharing the port.
   const std::string holder =
       "import socket, subprocess, sys\n"
@@ -135,20 +114,15 @@ TEST_F(ToolSearchTest, PortHeldExclusivelyExitsTwo) {
       "v6.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)\n"
       "v6.bind(('::', 5353))\n"
       "sys.exit(subprocess.run(sys.argv[1:]).returncode)\n";
-  const CommandResult r = lan_->exec(
+  const CommandResult blocked = lan_->exec(
       "querier", {"python3", "-c", holder, SORVALEN_TOOL, "search", "_http._tcp", "--timeout", "2"}, 30);
-  EXPECT_EQ(r.exit_status, 2) << r.out;
-  EXPECT_THAT(r.err, HasSubstr("5353"));
-}
+  EXPECT_EQ(blocked.exit_status, 2) << blocked.out;
+  EXPECT_THAT(blocked.err, HasSubstr("5353"));
 
-TEST_F(ToolSearchTest, HelpDocumentsEveryOption) {
-  SV_REQUIRE_VIRTUAL_LAN();
-  BuildLan({});
-  const CommandResult r = Search({"--help"});
-  EXPECT_EQ(r.exit_status, 0);
-  for (const char* option : {"--domain", "--names", "--timeout", "--interface", "--json", "exit status"}) {
-    EXPECT_THAT(r.out, HasSubstr(option));
-  }
+  const CommandResult help = Search({"--help"});
+  EXPECT_EQ(help.exit_status, 0);
+  for (const char* option : {"--domain", "--names", "--timeout", "--interface", "--json", "exit status"})
+    EXPECT_THAT(help.out, HasSubstr(option));
 }
 
 }  // namespace
