@@ -30,8 +30,7 @@ TEST_F(CacheTest, OneEntryPerRecordInterfaceAndDataWhateverTheCase) {
 }
 
 TEST_F(CacheTest, AnswerExpiresAtItsTtlWithARemoveEventUnlessReceivedAgain) {
-  DNSQuestion& browse = question();
-  start_browse(&browse);
+  start_browse(&question());
   run();
   receive(ptr("A", 100));
   receive(ptr("B", 100));
@@ -52,8 +51,7 @@ TEST_F(CacheTest, AnswerExpiresAtItsTtlWithARemoveEventUnlessReceivedAgain) {
 }
 
 TEST_F(CacheTest, GoodbyeRemovesTheRecordOneSecondLater) {
-  DNSQuestion& browse = question();
-  start_browse(&browse);
+  start_browse(&question());
   receive(ptr("A", 4500));
   now_ += 5000;
   receive(ptr("A", 0));
@@ -80,8 +78,7 @@ TEST_F(CacheTest, TtlIsCappedAtAWeek) {
 }
 
 TEST_F(CacheTest, CacheFlushExpiresRecordsOfTheSetOlderThanOneSecond) {
-  DNSQuestion& q = question();
-  start_query(&q, "host.local.", kDNSType_A);
+  start_query(&question(), "host.local.", kDNSType_A);
   receive(Message()
               .answer("host.local.", kDNSType_A, 120, a_data("192.168.1.30"), true)
               .answer("host.local.", kDNSType_A, 120, a_data("192.168.1.31"), true));
@@ -107,8 +104,7 @@ TEST_F(CacheTest, CacheFlushExpiresRecordsOfTheSetOlderThanOneSecond) {
 
 TEST_F(CacheTest, VanishedInterfaceTakesItsRecordsWithRemoveEvents) {
   add_eth1();
-  DNSQuestion& browse = question();
-  start_browse(&browse);
+  start_browse(&question());
   receive(announcement("A", "a.local."));
   receive(announcement("B", "b.local."), "10.0.0.2", 5353, eth1());
   run();
@@ -127,8 +123,7 @@ class SmallCacheTest : public EngineTest {
 };
 
 TEST_F(SmallCacheTest, FullCacheEvictsTheIdleRecordNearestExpiryFirst) {
-  DNSQuestion& browse = question();
-  start_browse(&browse);
+  start_browse(&question());
   receive(Message()
               .answer("_http._tcp.local.", kDNSType_PTR, 10, name_bytes("Short._http._tcp.local."))
               .answer("idle1.local.", kDNSType_A, 300, a_data("192.168.1.1"))
@@ -138,16 +133,14 @@ TEST_F(SmallCacheTest, FullCacheEvictsTheIdleRecordNearestExpiryFirst) {
   EXPECT_EQ(m_.CacheUsed, 4u);
   EXPECT_EQ(m_.counters.records_evicted, 1u);
   // idle2 (200 s) went; the browse answer (10 s) answers a question and stays.
-  DNSQuestion& q = question();
-  start_query(&q, "idle2.local.", kDNSType_A);
+  start_query(&question(), "idle2.local.", kDNSType_A);
   run();
   EXPECT_EQ(count_events(QC_rmv), 0u);
   EXPECT_EQ(count_events(QC_add), 1u) << "only the browse answer";
 }
 
 TEST_F(SmallCacheTest, WhenEverythingAnswersAQuestionNearestExpiryLeavesWithRemoveEvent) {
-  DNSQuestion& browse = question();
-  start_browse(&browse);
+  start_browse(&question());
   run();
   const std::pair<const char*, uint32_t> answers[] = {{"A", 300}, {"B", 100}, {"C", 200}, {"D", 400}};
   for (const auto& [name, ttl] : answers) {
@@ -197,8 +190,7 @@ class ChurningCacheTest : public EngineTest {
 };
 
 TEST_F(ChurningCacheTest, EveryEvictionTakesTheRightEntryUnderChurn) {
-  DNSQuestion& browse = question();
-  start_browse(&browse);
+  start_browse(&question());
   run();
   uint32_t seed = 12345;
   auto next = [&seed] {

@@ -4,14 +4,11 @@
 namespace mdns_test {
 namespace {
 
-class AcceptanceTest : public EngineTest {
- protected:
-  Message one_record(uint16_t flags = 0x8400) {
-    Message msg(flags);
-    msg.answer("host.local.", kDNSType_A, 120, a_data("192.168.1.30"));
-    return msg;
-  }
-};
+using AcceptanceTest = EngineTest;
+
+Message one_record(uint16_t flags = 0x8400) {
+  return Message(flags).answer("host.local.", kDNSType_A, 120, a_data("192.168.1.30"));
+}
 
 TEST_F(AcceptanceTest, OnlyOnLinkResponsesFromPort5353AreCached) {
   receive(one_record(), "192.168.1.20", 5354);
@@ -30,6 +27,11 @@ TEST_F(AcceptanceTest, OnlyOnLinkResponsesFromPort5353AreCached) {
   receive(one_record(), "fe80::99");  // link-local IPv6
   EXPECT_EQ(m_.counters.packets_accepted, 2u);
   EXPECT_EQ(m_.CacheUsed, 1u);
+  // A subnet the arrival interface gains is on-link after the next interface read.
+  ASSERT_TRUE(mdns::platform_test_add_address(&p_, kEth0, "192.168.2.10", 24));
+  ASSERT_EQ(mDNSPlatformPosixRefreshInterfaceList(&m_), mStatus_NoError);
+  receive(one_record(), "192.168.2.20");
+  EXPECT_EQ(m_.counters.packets_accepted, 3u);
 }
 
 TEST_F(AcceptanceTest, MalformedInputIsDroppedSafely) {
@@ -133,9 +135,7 @@ TEST_F(StopTest, StoppingTheNextQuestionInsideACallbackIsSafe) {
   start_query(&second, "host.local.", kDNSType_A);
   victim_ = &second;
   run();
-  Message msg;
-  msg.answer("host.local.", kDNSType_A, 120, a_data("192.168.1.30"));
-  receive(msg);
+  receive(Message().answer("host.local.", kDNSType_A, 120, a_data("192.168.1.30")));
   ASSERT_EQ(events_.size(), 1u) << "the stopped question hears nothing";
   run();
   EXPECT_EQ(events_.size(), 2u) << "the restarted question gets the cached answer once, next pass";

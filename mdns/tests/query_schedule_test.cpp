@@ -23,8 +23,7 @@ class QueryScheduleTest : public EngineTest {
 };
 
 TEST_F(QueryScheduleTest, FirstQueryAfterShortDelayThenIntervalsDoubleUpToAnHour) {
-  DNSQuestion& browse = question();
-  start_browse(&browse);
+  start_browse(&question());
   run_until(kStartTime + 19);
   EXPECT_TRUE(sent_.empty()) << "never before 20 ms";
   run_until(kStartTime + 6 * 3600 * 1000);
@@ -71,15 +70,13 @@ TEST_F(QueryScheduleTest, FirstQueryDelayIsSpreadOverItsRange) {
 
 TEST_F(QueryScheduleTest, QueriesGoOutOnEveryUsableInterfaceAndFamilyOrOnlyTheQuestionsOne) {
   add_eth1();
-  DNSQuestion& any = question();
-  start_browse(&any);
+  start_browse(&question());
   run_for(150);
   ASSERT_EQ(sent_.size(), 3u);  // eth0 v4 + v6, eth1 v4 only
   EXPECT_EQ(queries_asking("_http._tcp.local.", kDNSType_PTR, 6).size(), 1u);
 
   sent_.clear();
-  DNSQuestion& only_eth1 = question();
-  start_browse(&only_eth1, "_ipp._tcp", eth1());
+  start_browse(&question(), "_ipp._tcp", eth1());
   run_for(150);
   ASSERT_EQ(sent_.size(), 1u);
   EXPECT_EQ(sent_[0].interface_id, eth1());
@@ -101,8 +98,7 @@ TEST_F(QueryScheduleTest, QuestionsDueTogetherShareOnePacket) {
 }
 
 TEST_F(QueryScheduleTest, RefreshQueriesAtEightyToNinetyFivePercentOfTtlOnlyForAskedRecords) {
-  DNSQuestion& q = question();
-  start_query(&q, "host.local.", kDNSType_A);
+  start_query(&question(), "host.local.", kDNSType_A);
   receive(Message()
               .answer("host.local.", kDNSType_A, 100, a_data("192.168.1.30"), true)
               .answer("idle.local.", kDNSType_A, 100, a_data("192.168.1.31")));
@@ -124,8 +120,7 @@ TEST_F(QueryScheduleTest, RefreshQueriesAtEightyToNinetyFivePercentOfTtlOnlyForA
 
 TEST_F(QueryScheduleTest, KnownAnswersOnlyAboveHalfTheirTtlAndFromThePacketsInterface) {
   add_eth1();
-  DNSQuestion& browse = question();
-  start_browse(&browse);
+  start_browse(&question());
   receive(Message()
               .answer("_http._tcp.local.", kDNSType_PTR, 20, name_bytes("Short._http._tcp.local."))
               .answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes("Long._http._tcp.local.")));
@@ -157,8 +152,7 @@ TEST_F(QueryScheduleTest, KnownAnswersOnlyAboveHalfTheirTtlAndFromThePacketsInte
 }
 
 TEST_F(QueryScheduleTest, ManyKnownAnswersSpillIntoTruncatedContinuationPackets) {
-  DNSQuestion& browse = question();
-  start_browse(&browse);
+  start_browse(&question());
   constexpr int kInstances = 80;
   receive_many_instances(kInstances);
   run_for(150);
@@ -180,8 +174,7 @@ TEST_F(QueryScheduleTest, ManyKnownAnswersSpillIntoTruncatedContinuationPackets)
 }
 
 TEST_F(QueryScheduleTest, QueriesWhoseKnownAnswersSpillBackOffFourfold) {
-  DNSQuestion& browse = question();
-  start_browse(&browse);
+  start_browse(&question());
   run_for(150);  // the first query, with nothing known yet
   receive_many_instances(80);
   run_for(200000);
@@ -200,8 +193,7 @@ TEST_F(QueryScheduleTest, IdenticalQuestionsGoOutOncePerPacket) {
     start_query(&question(), "box.local.", kDNSType_A);
     run_for(3);  // started over time, as resolves are
   }
-  DNSQuestion& other = question();
-  start_query(&other, "other.local.", kDNSType_A);
+  start_query(&question(), "other.local.", kDNSType_A);
   run_for(8000);
   const auto qs = queries_asking("box.local.", kDNSType_A);
   ASSERT_GE(qs.size(), 3u);
@@ -218,15 +210,13 @@ class TinyCacheQueryTest : public EngineTest {
 };
 
 TEST_F(TinyCacheQueryTest, QuestionWhoseCachedAnswerLeftBeforeDeliveryAsksAfterAll) {
-  DNSQuestion& browse = question();
-  start_browse(&browse);
+  start_browse(&question());
   receive(Message()
               .answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes("A._http._tcp.local."))
               .answer("box.local.", kDNSType_A, 10, a_data("192.168.1.20")));
   run();
   sent_.clear();
-  DNSQuestion& address = question();
-  start_query(&address, "box.local.", kDNSType_A);  // cached: rests
+  start_query(&question(), "box.local.", kDNSType_A);  // cached: rests
   receive(Message().answer("_http._tcp.local.", kDNSType_PTR, 4500, name_bytes("B._http._tcp.local.")));
   ASSERT_EQ(m_.counters.records_evicted, 1u);
   run_for(200);

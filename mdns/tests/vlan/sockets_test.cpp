@@ -1,5 +1,5 @@
-// The sockets the core opens, checked from the kernel's side, and the
-// loopback-only case, in namespaces that the tests create.
+// The sockets the core opens, checked from the kernel's side, in fresh
+// namespaces with nothing but loopback.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -16,63 +16,18 @@
 #include <thread>
 #include <vector>
 
-#include "core_on_lan.h"
+#include "mdns/mdns.h"
 #include "platform.h"
-#include "virtual_lan.h"
 #include "virtual_lan_requirement.h"
 
 namespace mdns::vlan_test {
 namespace {
-
-using sorvalen::test::VirtualLan;
 
 int int_option(int fd, int level, int name) {
   int value = -1;
   socklen_t length = sizeof value;
   EXPECT_EQ(getsockopt(fd, level, name, &value, &length), 0) << std::strerror(errno);
   return value;
-}
-
-int bound_port(int fd) {
-  sockaddr_storage local{};
-  socklen_t length = sizeof local;
-  EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length), 0);
-  const uint16_t port = local.ss_family == AF_INET ? reinterpret_cast<sockaddr_in*>(&local)->sin_port
-                                                   : reinterpret_cast<sockaddr_in6*>(&local)->sin6_port;
-  return ntohs(port);
-}
-
-TEST(CoreSockets, AreSharedNonBlockingAndSendWithTtl255) {
-  SV_REQUIRE_VIRTUAL_LAN();
-  VirtualLan lan;
-  lan.add_lan();
-  lan.add_host("querier", {1});
-  CoreOnLan core(lan.netns("querier"));
-  ASSERT_TRUE(core.started());
-  const int v4 = core.platform().sock_v4;
-  const int v6 = core.platform().sock_v6;
-  ASSERT_GE(v4, 0);
-  ASSERT_GE(v6, 0);
-  for (int fd : {v4, v6}) {
-    EXPECT_EQ(bound_port(fd), 5353);
-    EXPECT_EQ(int_option(fd, SOL_SOCKET, SO_REUSEADDR), 1);
-    EXPECT_EQ(int_option(fd, SOL_SOCKET, SO_REUSEPORT), 1);
-    EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
-  }
-  EXPECT_EQ(int_option(v4, IPPROTO_IP, IP_MULTICAST_TTL), 255);
-  EXPECT_EQ(int_option(v4, IPPROTO_IP, IP_TTL), 255);
-  EXPECT_EQ(int_option(v6, IPPROTO_IPV6, IPV6_MULTICAST_HOPS), 255);
-  EXPECT_EQ(int_option(v6, IPPROTO_IPV6, IPV6_UNICAST_HOPS), 255);
-  EXPECT_EQ(int_option(v6, IPPROTO_IPV6, IPV6_V6ONLY), 1);
-
-  fd_set readfds;
-  FD_ZERO(&readfds);
-  int nfds = 0;
-  timeval timeout{10, 0};
-  mDNSPosixGetFDSet(&core.core(), &nfds, &readfds, &timeout);
-  EXPECT_TRUE(FD_ISSET(v4, &readfds));
-  EXPECT_TRUE(FD_ISSET(v6, &readfds));
-  EXPECT_EQ(nfds, std::max(v4, v6) + 1);
 }
 
 bool bring_loopback_up() {
@@ -128,6 +83,23 @@ void one_pass(mDNS& m, int wait_ms) {
     FD_ZERO(&readfds);
   }
   mDNSPosixProcessFDSet(&m, &readfds);
+}
+
+TEST(CoreSockets, AreNonBlockingAndSendWithTtl255) {
+  SV_REQUIRE_VIRTUAL_LAN();
+  on_loopback_only([](mDNS& m) {
+    const int v4 = m.p->sock_v4;
+    const int v6 = m.p->sock_v6;
+    ASSERT_GE(v4, 0);
+    ASSERT_GE(v6, 0);
+    EXPECT_NE(fcntl(v4, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_NE(fcntl(v6, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(int_option(v4, IPPROTO_IP, IP_MULTICAST_TTL), 255);
+    EXPECT_EQ(int_option(v4, IPPROTO_IP, IP_TTL), 255);
+    EXPECT_EQ(int_option(v6, IPPROTO_IPV6, IPV6_MULTICAST_HOPS), 255);
+    EXPECT_EQ(int_option(v6, IPPROTO_IPV6, IPV6_UNICAST_HOPS), 255);
+    EXPECT_EQ(int_option(v6, IPPROTO_IPV6, IPV6_V6ONLY), 1);
+  });
 }
 
 // Sends `count` datagrams of `size` bytes to the IPv4 group over loopback.
