@@ -3,8 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <future>
 #include <string>
 
 #include "netns_scope.h"
@@ -16,17 +15,9 @@ namespace sorvalen::test {
 namespace {
 
 struct Outcome {
-  std::mutex mutex;
-  std::condition_variable arrived;
-  int calls = 0;
-  unsigned short id = 0;
-  bool ok = false;
+  unsigned short id;
+  bool ok;
   IPAddressV4 record;
-
-  bool wait(std::chrono::seconds limit) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return arrived.wait_for(lock, limit, [this] { return calls > 0; });
-  }
 };
 
 TEST(ReverseLookupOnLan, AvahiAnswersWithTheServiceOfTheDevice) {
@@ -38,15 +29,11 @@ TEST(ReverseLookupOnLan, AvahiAnswersWithTheServiceOfTheDevice) {
   lan.start_avahi("device", {{"Kitchen Speaker", "_http._tcp", 8080, {"path=/"}}});
   const std::string device_address = lan.host_ipv4("device");
 
-  Outcome outcome;
+  std::promise<Outcome> outcome;
+  std::future<Outcome> arrived = outcome.get_future();
   DNSReverseLookup* lookup = DNSReverseLookup::CreateDNSReverseLookup();
   lookup->connect([&outcome](unsigned short id, bool ok, IPAddressV4 record) {
-    std::lock_guard<std::mutex> lock(outcome.mutex);
-    ++outcome.calls;
-    outcome.id = id;
-    outcome.ok = ok;
-    outcome.record = record;
-    outcome.arrived.notify_all();
+    outcome.set_value({id, ok, record});
   });
   {
     // The socket and the receiving thread must live in the querier's namespace.
@@ -54,18 +41,18 @@ TEST(ReverseLookupOnLan, AvahiAnswersWithTheServiceOfTheDevice) {
     ASSERT_TRUE(lookup->Init());
     ASSERT_TRUE(lookup->Lookup(0x2121, device_address, "_http._tcp.local"));
   }
-  ASSERT_TRUE(outcome.wait(std::chrono::seconds(20)));
-  lookup->Destroy();
+  const bool answered = arrived.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
   lookup->Dispose();
+  ASSERT_TRUE(answered);
 
+  const Outcome result = arrived.get();
   in_addr expected{};
   inet_pton(AF_INET, device_address.c_str(), &expected);
-  EXPECT_EQ(outcome.calls, 1);
-  EXPECT_EQ(outcome.id, 0x2121);
-  EXPECT_TRUE(outcome.ok);
-  EXPECT_EQ(outcome.record.address, expected.s_addr);
-  EXPECT_EQ(outcome.record.port, 8080);
-  EXPECT_EQ(outcome.record.name, "Kitchen Speaker._http._tcp.local");
+  EXPECT_EQ(result.id, 0x2121);
+  EXPECT_TRUE(result.ok);
+  EXPECT_EQ(result.record.address, expected.s_addr);
+  EXPECT_EQ(result.record.port, 8080);
+  EXPECT_EQ(result.record.name, "Kitchen Speaker._http._tcp.local");
 }
 
 }  // namespace

@@ -17,31 +17,22 @@ extern char** environ;
 namespace sorvalen::test {
 namespace {
 
-class Pipe {
- public:
+struct Pipe {
+  int fds[2] = {-1, -1};
   Pipe() {
-    if (pipe2(fds_, O_CLOEXEC) != 0)
+    if (pipe2(fds, O_CLOEXEC) != 0)
       throw std::runtime_error(std::string("pipe2: ") + std::strerror(errno));
   }
   ~Pipe() {
-    close_read();
-    close_write();
+    for (int fd : fds) {
+      if (fd >= 0)
+        ::close(fd);
+    }
   }
-  Pipe(const Pipe&) = delete;
-  Pipe& operator=(const Pipe&) = delete;
-
-  int read_end() const { return fds_[0]; }
-  int write_end() const { return fds_[1]; }
-  void close_read() { close_fd(fds_[0]); }
-  void close_write() { close_fd(fds_[1]); }
-
- private:
-  static void close_fd(int& fd) {
-    if (fd >= 0)
-      ::close(fd);
-    fd = -1;
+  void close_write() {
+    ::close(fds[1]);
+    fds[1] = -1;
   }
-  int fds_[2] = {-1, -1};
 };
 
 pid_t spawn(const std::vector<std::string>& argv, const Pipe& out, const Pipe& err) {
@@ -49,12 +40,11 @@ pid_t spawn(const std::vector<std::string>& argv, const Pipe& out, const Pipe& e
   for (const std::string& a : argv)
     args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
-
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, out.write_end(), 1);
-  posix_spawn_file_actions_adddup2(&actions, err.write_end(), 2);
+  posix_spawn_file_actions_adddup2(&actions, out.fds[1], 1);
+  posix_spawn_file_actions_adddup2(&actions, err.fds[1], 2);
   pid_t pid = -1;
   const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
@@ -63,23 +53,20 @@ pid_t spawn(const std::vector<std::string>& argv, const Pipe& out, const Pipe& e
   return pid;
 }
 
-// Reads both pipes until they close or the deadline passes; returns false on timeout.
-bool drain(Pipe& out, Pipe& err, CommandResult& result, std::chrono::steady_clock::time_point deadline) {
-  pollfd fds[2] = {{out.read_end(), POLLIN, 0}, {err.read_end(), POLLIN, 0}};
+// Reads both pipes until they close or the deadline passes; false on timeout.
+bool drain(const Pipe& out, const Pipe& err, CommandResult& result,
+           std::chrono::steady_clock::time_point deadline) {
+  pollfd fds[2] = {{out.fds[0], POLLIN, 0}, {err.fds[0], POLLIN, 0}};
   std::string* sinks[2] = {&result.out, &result.err};
-  int open_count = 2;
-  while (open_count > 0) {
+  for (int open_count = 2; open_count > 0;) {
     const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())
-            .count();
-    if (left <= 0)
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0)
       return false;
-    const int ready = poll(fds, 2, static_cast<int>(left));
-    if (ready < 0 && errno == EINTR)
-      continue;
-    if (ready < 0)
+    const int ready = poll(fds, 2, static_cast<int>(left.count()));
+    if (ready < 0 && errno != EINTR)
       return false;
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < 2 && ready > 0; ++i) {
       if (fds[i].fd < 0 || fds[i].revents == 0)
         continue;
       char buffer[4096];
@@ -95,15 +82,6 @@ bool drain(Pipe& out, Pipe& err, CommandResult& result, std::chrono::steady_cloc
   return true;
 }
 
-int wait_exit_status(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR)
-      return -1;
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 }  // namespace
 
 CommandResult run_command(const std::vector<std::string>& argv, int timeout_seconds) {
@@ -116,12 +94,16 @@ CommandResult run_command(const std::vector<std::string>& argv, int timeout_seco
   err.close_write();
 
   CommandResult result;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds);
-  if (!drain(out, err, result, deadline)) {
+  if (!drain(out, err, result, std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds))) {
     kill(pid, SIGKILL);
     result.err += "\n(killed after " + std::to_string(timeout_seconds) + " s)";
   }
-  result.exit_status = wait_exit_status(pid);
+  int status = 0;
+  pid_t waited = -1;
+  do {
+    waited = waitpid(pid, &status, 0);
+  } while (waited < 0 && errno == EINTR);
+  result.exit_status = waited == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return result;
 }
 
