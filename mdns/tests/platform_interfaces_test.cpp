@@ -78,19 +78,8 @@ struct HostInterface {
   std::vector<std::pair<const char*, int>> addresses;
 };
 
-InterfaceFlags up_multicast() {
-  InterfaceFlags f;
-  f.up = true;
-  f.multicast = true;
-  return f;
-}
-
-InterfaceFlags loopback() {
-  InterfaceFlags f;
-  f.up = true;
-  f.loopback = true;
-  return f;
-}
+const InterfaceFlags kUpMulticast{true, true, false};
+const InterfaceFlags kLoopback{true, false, true};
 
 InterfaceSnapshot read_of(const std::vector<HostInterface>& host) {
   InterfaceSnapshot snapshot;
@@ -128,9 +117,9 @@ class InterfaceTable : public ::testing::Test {
   RemovedInterfaces removed;
 };
 
-const HostInterface kLo{"lo", 1, loopback(), {{"127.0.0.1", 8}, {"::1", 128}}};
-const HostInterface kEth0{"eth0", 2, up_multicast(), {{"192.0.2.10", 24}, {"fe80::2", 64}}};
-const HostInterface kEth1{"eth1", 3, up_multicast(), {{"198.51.100.10", 24}}};
+const HostInterface kLo{"lo", 1, kLoopback, {{"127.0.0.1", 8}, {"::1", 128}}};
+const HostInterface kEth0{"eth0", 2, kUpMulticast, {{"192.0.2.10", 24}, {"fe80::2", 64}}};
+const HostInterface kEth1{"eth1", 3, kUpMulticast, {{"198.51.100.10", 24}}};
 
 TEST_F(InterfaceTable, UsesUpMulticastInterfacesAndLoopbackOnlyWhenNothingElse) {
   read({kLo});
@@ -139,8 +128,7 @@ TEST_F(InterfaceTable, UsesUpMulticastInterfacesAndLoopbackOnlyWhenNothingElse) 
   EXPECT_FALSE(head->v6usable);  // no IPv6 multicast route without the multicast flag
   HostInterface down = kEth1;
   down.flags.up = false;
-  HostInterface no_multicast{"tun0", 9, InterfaceFlags{}, {{"10.8.0.1", 24}}};
-  no_multicast.flags.up = true;
+  const HostInterface no_multicast{"tun0", 9, {true, false, false}, {{"10.8.0.1", 24}}};
   read({kLo, kEth0, down, no_multicast});
   EXPECT_EQ(listed_names(head), Names{"eth0"});
   ASSERT_EQ(removed.count, 1u);
@@ -201,21 +189,21 @@ TEST_F(InterfaceTable, AFailedJoinMakesTheFamilyUnusable) {
   EXPECT_TRUE(eth0->v6usable);
 
   membership.failing_family = mDNSAddrType_IPv6;
-  read({kEth1, HostInterface{"eth9", 2, up_multicast(), {{"fe80::9", 64}}}});
+  read({kEth1, HostInterface{"eth9", 2, kUpMulticast, {{"fe80::9", 64}}}});
   // eth0 went, and "eth9" on index 2 could join nothing: neither is listed.
   EXPECT_EQ(listed_names(head), Names{"eth1"});
 }
 
 TEST(InterfaceSnapshotTest, AddressesOfOneNameShareAnEntryAndTheTableIsBounded) {
   InterfaceSnapshot snapshot;
-  NetworkInterfaceInfo* a = snapshot_entry(snapshot, "eth0", 2, up_multicast());
-  NetworkInterfaceInfo* b = snapshot_entry(snapshot, "eth0", 2, up_multicast());
+  NetworkInterfaceInfo* a = snapshot_entry(snapshot, "eth0", 2, kUpMulticast);
+  NetworkInterfaceInfo* b = snapshot_entry(snapshot, "eth0", 2, kUpMulticast);
   EXPECT_EQ(a, b);
   for (uint32_t i = 1; i < 2 * mDNS_MaxInterfaces; ++i) {
-    snapshot_entry(snapshot, ("if" + std::to_string(i)).c_str(), 100 + i, up_multicast());
+    snapshot_entry(snapshot, ("if" + std::to_string(i)).c_str(), 100 + i, kUpMulticast);
   }
   EXPECT_EQ(snapshot.count, static_cast<size_t>(mDNS_MaxInterfaces));
-  EXPECT_EQ(snapshot_entry(snapshot, "one-more", 999, up_multicast()), nullptr);
+  EXPECT_EQ(snapshot_entry(snapshot, "one-more", 999, kUpMulticast), nullptr);
 }
 
 }  // namespace
