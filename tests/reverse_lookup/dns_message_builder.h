@@ -1,6 +1,7 @@
 // Builds DNS answers byte by byte for the reverse-lookup tests.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -9,61 +10,44 @@ namespace sorvalen::test {
 
 using Bytes = std::vector<uint8_t>;
 
-// Length-prefixed labels of a dotted name, with the closing zero byte.
-inline Bytes encoded_name(const std::string& dotted) {
-  Bytes out;
-  std::string label;
-  auto flush = [&] {
-    out.push_back(static_cast<uint8_t>(label.size()));
-    out.insert(out.end(), label.begin(), label.end());
-    label.clear();
-  };
-  for (char c : dotted) {
-    if (c == '.') {
-      flush();
-    } else {
-      label.push_back(c);
-    }
-  }
-  if (!label.empty())
-    flush();
-  out.push_back(0);
-  return out;
+inline void append(Bytes* out, const Bytes& more) {
+  out->insert(out->end(), more.begin(), more.end());
 }
 
 inline void append_u16(Bytes* out, unsigned value) {
-  out->push_back(static_cast<uint8_t>(value >> 8));
-  out->push_back(static_cast<uint8_t>(value & 0xFF));
+  append(out, {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value & 0xFF)});
 }
 
-inline void append(Bytes* out, const Bytes& more) {
-  out->insert(out->end(), more.begin(), more.end());
+// Length-prefixed labels of a dotted name, with the closing zero byte.
+inline Bytes encoded_name(const std::string& dotted) {
+  Bytes out;
+  std::size_t start = 0;
+  while (start < dotted.size()) {
+    const std::size_t end = std::min(dotted.find('.', start), dotted.size());
+    out.push_back(static_cast<uint8_t>(end - start));
+    out.insert(out.end(), dotted.begin() + static_cast<long>(start), dotted.begin() + static_cast<long>(end));
+    start = end + 1;
+  }
+  out.push_back(0);
+  return out;
 }
 
 // Header with the given ID and ANCOUNT, followed by the question for `name`
 // as a responder repeats it (QTYPE PTR, QCLASS IN).
 inline Bytes answer_header(unsigned id, unsigned answer_count, const std::string& name) {
   Bytes out;
-  append_u16(&out, id);
-  append_u16(&out, 0x8400);  // response, authoritative
-  append_u16(&out, 1);
-  append_u16(&out, answer_count);
-  append_u16(&out, 0);
-  append_u16(&out, 0);
+  for (unsigned field : {id, 0x8400u, 1u, answer_count, 0u, 0u})
+    append_u16(&out, field);
   append(&out, encoded_name(name));
-  append_u16(&out, 12);
-  append_u16(&out, 1);
+  append(&out, {0, 12, 0, 1});
   return out;
 }
 
-// One resource record with raw owner-name and RDATA bytes.
+// One resource record with raw owner-name and RDATA bytes (class IN, TTL 120).
 inline Bytes record(const Bytes& owner, unsigned type, const Bytes& rdata) {
   Bytes out = owner;
-  append_u16(&out, type);
-  append_u16(&out, 1);
-  append_u16(&out, 0);
-  append_u16(&out, 120);  // TTL
-  append_u16(&out, static_cast<unsigned>(rdata.size()));
+  for (unsigned field : {type, 1u, 0u, 120u, static_cast<unsigned>(rdata.size())})
+    append_u16(&out, field);
   append(&out, rdata);
   return out;
 }
@@ -72,10 +56,9 @@ inline Bytes ptr_record(const std::string& owner, const std::string& target) {
   return record(encoded_name(owner), 12, encoded_name(target));
 }
 
+// Priority and weight 0, target host.local.
 inline Bytes srv_record(const std::string& owner, unsigned port) {
-  Bytes rdata;
-  append_u16(&rdata, 0);  // priority
-  append_u16(&rdata, 0);  // weight
+  Bytes rdata{0, 0, 0, 0};
   append_u16(&rdata, port);
   append(&rdata, encoded_name("host.local"));
   return record(encoded_name(owner), 33, rdata);

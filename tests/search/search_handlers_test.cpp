@@ -96,8 +96,6 @@ class SearchHandlersTest : public ::testing::Test {
     RData rdata{};
     rdata.u.name = name;
     ResourceRecord answer{};
-    answer.rrtype = kDNSType_PTR;
-    answer.rrclass = kDNSClass_IN;
     answer.InterfaceID = interface_id;
     answer.rdata = &rdata;
     MDNSSearchPosix::BrowseCallback(&MDNSSearchPosix::mdns_storage_, nullptr, &answer, kind);
@@ -114,12 +112,6 @@ class SearchHandlersTest : public ::testing::Test {
       labels.emplace_back(reinterpret_cast<const char*>(label + 1), label[0]);
     }
     return labels;
-  }
-
-  static IPAddressV4 V4Record(const std::string& name) {
-    IPAddressV4 record;
-    record.name = name;
-    return record;
   }
 
   void Resolved(int family, const char* address, uint16_t port = 80) {
@@ -170,21 +162,22 @@ TEST_F(SearchHandlersTest, EachAnnouncementResolvesTheWholeServiceOnItsInterface
 TEST_F(SearchHandlersTest, RemovalErasesTheFirstExactlyNamedRecordOfEachFamilyOnly) {
   UseFilter(",");
   Announce("Dev");
-  UseFilter("");  // removal applies no filter
   for (const char* name : {"Dev", "dev", "Other", "Dev"})
-    MDNSSearch::AddToAddressList(V4Record(name));
-  IPAddressV6 dev_v6;
-  dev_v6.name = "Dev";
-  MDNSSearch::AddToAddressV6List(dev_v6);
-  MDNSSearch::AddToAddressV6List(dev_v6);
+    MDNSSearch::AddToAddressList(IPAddressV4{0, 0, name, "", ""});
+  MDNSSearch::AddToAddressV6List(IPAddressV6{{}, 0, "Dev", "", ""});
+  MDNSSearch::AddToAddressV6List(IPAddressV6{{}, 0, "Dev", "", ""});
 
   Announce("Dev", QC_rmv);
-
   ASSERT_EQ(MDNSSearch::address_list_.size(), 3u);
   EXPECT_EQ(MDNSSearch::address_list_[0].name, "dev");
   EXPECT_EQ(MDNSSearch::address_list_[2].name, "Dev");
   EXPECT_EQ(MDNSSearch::addressV6_list_.size(), 1u);
-  EXPECT_EQ(Resolving(), (Labels{"Dev"})) << "a running resolve is left alone";
+  EXPECT_EQ(Resolving(), (Labels{"Dev"})) << "a removal starts no resolve and stops none";
+
+  MDNSSearch::names_.clear();  // removal applies no filter
+  Announce("Dev", QC_rmv);
+  EXPECT_EQ(MDNSSearch::address_list_.size(), 2u);
+  EXPECT_TRUE(MDNSSearch::addressV6_list_.empty());
 }
 
 TEST_F(SearchHandlersTest, ResolvedAddressesKeepTheirByteOrdersAndNameTexts) {
@@ -237,7 +230,7 @@ TEST_F(SearchHandlersTest, NameTextsKeepDotsAndBlanksAndFitTheLongestLabels) {
 
 TEST_F(SearchHandlersTest, SkipsNamesTheCoreCannotSplitAndResultsWithoutAddress) {
   UseFilter(",");
-  MDNSSearch::AddToAddressList(V4Record("host"));
+  MDNSSearch::AddToAddressList(IPAddressV4{0, 0, "host", "", ""});
   Announce(wire_name({"host", "local"}));
   Announce(wire_name({"host", "local"}), QC_rmv);
   EXPECT_TRUE(sinfo_list.empty());

@@ -1,8 +1,65 @@
 // The process-wide device lists and the engine-independent part of Start/Stop.
-#include "registry_fixture.h"
+// The concurrency test runs under ThreadSanitizer in scripts/test.sh.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sorvalen/mdns_search.h"
 
 namespace sorvalen_test {
 namespace {
+
+using sorvalen::MDNSSearch;
+using Names = std::vector<std::string>;
+
+sorvalen::IPAddressV4 v4(const std::string& name, uint32_t address = 0) {
+  sorvalen::IPAddressV4 record;
+  record.address = address;
+  record.name = name;
+  return record;
+}
+
+sorvalen::IPAddressV6 v6(const std::string& name, uint16_t first_group = 0) {
+  sorvalen::IPAddressV6 record;
+  record.address[0] = first_group;
+  record.name = name;
+  return record;
+}
+
+// A search without an engine that counts the Stop calls that reach it.
+class RecordingSearch : public MDNSSearch {
+ public:
+  void Stop() override {
+    ++stop_calls;
+    MDNSSearch::Stop();
+  }
+  void set_running(bool running) { running_ = running; }
+  int stop_calls = 0;
+};
+
+class RegistryTest : public ::testing::Test {
+ protected:
+  void SetUp() override { Reset(); }
+  void TearDown() override { Reset(); }
+
+  static void Reset() {
+    std::lock_guard<std::mutex> lock(MDNSSearch::address_list_mutex_);
+    MDNSSearch::address_list_.clear();
+    MDNSSearch::addressV6_list_.clear();
+    MDNSSearch::names_.clear();
+  }
+
+  template <typename List>
+  static Names NamesOf(const List& list) {
+    Names names;
+    for (const auto& record : list)
+      names.push_back(record.name);
+    return names;
+  }
+};
 
 TEST_F(RegistryTest, AppendsCopiesInOrderFoundAndKeepsEqualRecordsTwice) {
   sorvalen::IPAddressV4 tv = v4("TV", 0x1401a8c0);
@@ -86,6 +143,69 @@ TEST_F(RegistryTest, StopAndDestructionLeaveTheResultsReadable) {
   MDNSSearch::AddToAddressList(v4("TV"));
   delete static_cast<MDNSSearch*>(search);  // through the virtual destructor
   EXPECT_EQ(NamesOf(MDNSSearch::address_list_), (Names{"TV"}));
+}
+
+// Several writers append, remove and clear while a reader walks the lists
+// under the mutex, as the application does during a search; no record is lost.
+constexpr int kWriters = 4;
+constexpr int kRecordsPerWriter = 400;
+
+TEST_F(RegistryTest, ConcurrentAppendsRemovalsAndClearsWithAReaderUnderTheMutex) {
+  std::atomic<int> writers_done{0};
+  std::atomic<std::size_t> bytes_read{0};
+  std::thread reader([&] {
+    // Bounded: stops when every writer is done, or after a fixed number of passes.
+    std::size_t length = 0;
+    for (int pass = 0; pass < 1000000 && writers_done.load() < kWriters; ++pass) {
+      std::lock_guard<std::mutex> lock(MDNSSearch::address_list_mutex_);
+      for (const auto& record : MDNSSearch::address_list_)
+        length += record.name.size();
+      for (const auto& record : MDNSSearch::addressV6_list_)
+        length += record.name.size();
+    }
+    bytes_read = length;
+  });
+
+  std::vector<std::thread> writers;
+  for (int w = 0; w < kWriters; ++w) {
+    writers.emplace_back([w, &writers_done] {
+      const std::string keep = "keep-" + std::to_string(w);
+      std::string drop = "drop-" + std::to_string(w);
+      for (int i = 0; i < kRecordsPerWriter; ++i) {
+        MDNSSearch::AddToAddressList(v4(keep, static_cast<uint32_t>(i)));
+        MDNSSearch::AddToAddressV6List(v6(keep, static_cast<uint16_t>(i)));
+        MDNSSearch::AddToAddressList(v4(drop));
+        MDNSSearch::RemoveFromAddressList(&drop[0]);
+      }
+      ++writers_done;
+    });
+  }
+  for (auto& writer : writers)
+    writer.join();
+  reader.join();
+
+  ASSERT_EQ(MDNSSearch::address_list_.size(), static_cast<std::size_t>(kWriters * kRecordsPerWriter));
+  ASSERT_EQ(MDNSSearch::addressV6_list_.size(), static_cast<std::size_t>(kWriters * kRecordsPerWriter));
+  // Each writer's records keep the order in which that writer appended them.
+  std::vector<uint32_t> next(kWriters, 0);
+  for (const auto& record : MDNSSearch::address_list_) {
+    ASSERT_EQ(record.name.compare(0, 5, "keep-"), 0) << record.name;
+    EXPECT_EQ(record.address, next[std::stoi(record.name.substr(5))]++);
+  }
+
+  // Clearing races with appends without tearing the list.
+  MDNSSearch search;
+  std::thread writer([] {
+    for (int i = 0; i < 2000; ++i)
+      MDNSSearch::AddToAddressList(v4("TV"));
+  });
+  for (int i = 0; i < 200; ++i) {
+    search.ClearAddressList();
+    search.ClearAddressV6List();
+  }
+  writer.join();
+  for (const auto& record : MDNSSearch::address_list_)
+    ASSERT_EQ(record.name, "TV");
 }
 
 }  // namespace
