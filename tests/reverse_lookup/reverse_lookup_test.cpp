@@ -154,44 +154,45 @@ TEST_F(ReverseLookupTest, SendsTheExactQueryFromAnEphemeralPort) {
 TEST_F(ReverseLookupTest, ReportsSenderPortAndTargetOfAUsableAnswer) {
   lookup_->connect(plain_callback<1>);
   ASSERT_TRUE(lookup_->Init());
-
-  Bytes srv_first = answer_header(0x0101, 2, kService);
+  Bytes srv_first = answer_header(1, 2, kService);
   append(&srv_first, srv_record("printer._http._tcp.local", 631));
   append(&srv_first, ptr_record(kService, "printer._http._tcp.local"));
-  Call call = exchange(0x0101, srv_first);
-  EXPECT_TRUE(call.ok);
-  EXPECT_EQ(call.id, 0x0101);
-  in_addr device{};
-  inet_pton(AF_INET, kDevice, &device);
-  EXPECT_EQ(call.record.address, device.s_addr);
-  EXPECT_EQ(call.record.port, 631);
-  EXPECT_EQ(call.record.name, "printer._http._tcp.local");
-  EXPECT_EQ(call.record.type, "");
-  EXPECT_EQ(call.record.domain, "");
-
   Bytes twice_each = answer_header(2, 4, kService);
-  append(&twice_each, ptr_record(kService, "one._http._tcp.local"));
-  append(&twice_each, srv_record("one._http._tcp.local", 1000));
-  append(&twice_each, ptr_record(kService, "two._http._tcp.local"));
-  append(&twice_each, srv_record("two._http._tcp.local", 2000));
-  call = exchange(2, twice_each);
-  EXPECT_TRUE(call.ok);
-  EXPECT_EQ(call.record.port, 2000);
-  EXPECT_EQ(call.record.name, "two._http._tcp.local");
-
+  for (const char* instance : {"one", "two"}) {
+    append(&twice_each, ptr_record(kService, instance + std::string("._http._tcp.local")));
+    append(&twice_each,
+           srv_record(instance + std::string("._http._tcp.local"), instance[0] == 'o' ? 1000 : 2000));
+  }
   // Target "tv" followed by a pointer to the question's name at byte 12.
   Bytes compressed = answer_header(3, 2, kService);
   append(&compressed, record({0xC0, 0x0C}, 12, Bytes{2, 't', 'v', 0xC0, 0x0C}));
   append(&compressed, record({0xC0, 0x0C}, 33, Bytes{0, 0, 0, 0, 0x1F, 0x49, 0xC0, 0x0C}));
-  call = exchange(3, compressed);
-  EXPECT_TRUE(call.ok);
-  EXPECT_EQ(call.record.name, "tv._http._tcp.local");
-  EXPECT_EQ(call.record.port, 8009);
-
-  // Another ID is no reason to reject: the callbacks get the answer's.
-  call = exchange(4, good_answer(0x7777));
-  EXPECT_TRUE(call.ok);
-  EXPECT_EQ(call.id, 0x7777);
+  const struct {
+    const char* what;
+    Bytes answer;
+    unsigned short id;  // the answer's: another ID is no reason to reject
+    uint16_t port;
+    const char* name;
+  } cases[] = {
+      {"SRV before PTR", srv_first, 1, 631, "printer._http._tcp.local"},
+      {"the later PTR and SRV win", twice_each, 2, 2000, "two._http._tcp.local"},
+      {"compressed target", compressed, 3, 8009, "tv._http._tcp.local"},
+      {"another ID", good_answer(0x7777), 0x7777, 8080, "printer._http._tcp.local"},
+  };
+  in_addr device{};
+  inet_pton(AF_INET, kDevice, &device);
+  unsigned short query_id = 0x0100;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const Call call = exchange(++query_id, c.answer);
+    EXPECT_TRUE(call.ok);
+    EXPECT_EQ(call.id, c.id);
+    EXPECT_EQ(call.record.address, device.s_addr);
+    EXPECT_EQ(call.record.port, c.port);
+    EXPECT_EQ(call.record.name, c.name);
+    EXPECT_EQ(call.record.type, "");
+    EXPECT_EQ(call.record.domain, "");
+  }
 }
 
 TEST_F(ReverseLookupTest, ReportsAnUnusableAnswerWithItsIdAndAnEmptyRecord) {
