@@ -19,15 +19,21 @@ void report(mDNS* m, ServiceInfoQuery* query) {
   }
 }
 
-void start_address_question(mDNS* m, ServiceInfoQuery* query, DNSQuestion* q, uint16_t qtype,
-                            mDNSQuestionCallback* callback) {
-  q->qname = query->target;
+// Every question of a resolve asks on the resolve's interface and reports to it.
+void prepare_question(DNSQuestion* q, ServiceInfoQuery* query, const domainname& name, uint16_t qtype,
+                      mDNSQuestionCallback* callback) {
+  q->qname = name;
   q->qtype = qtype;
   q->qclass = kDNSClass_IN;
   q->InterfaceID = query->info->InterfaceID;
   q->ForceMCast = 0;
   q->QuestionCallback = callback;
   q->QuestionContext = query;
+}
+
+void start_address_question(mDNS* m, ServiceInfoQuery* query, DNSQuestion* q, uint16_t qtype,
+                            mDNSQuestionCallback* callback) {
+  prepare_question(q, query, query->target, qtype, callback);
   (void)question_start(m, q, engine_now(m));
 }
 
@@ -94,17 +100,6 @@ void on_txt(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_resu
   query->GotTXT = 1;
 }
 
-void prepare_instance_question(DNSQuestion* q, ServiceInfoQuery* query, uint16_t qtype,
-                               mDNSQuestionCallback* callback) {
-  q->qname = query->info->name;
-  q->qtype = qtype;
-  q->qclass = kDNSClass_IN;
-  q->InterfaceID = query->info->InterfaceID;
-  q->ForceMCast = 0;
-  q->QuestionCallback = callback;
-  q->QuestionContext = query;
-}
-
 void stop_resolve(mDNS* m, ServiceInfoQuery* query) {
   question_stop(m, &query->qSRV);
   question_stop(m, &query->qTXT);
@@ -142,8 +137,8 @@ mStatus mDNS_StartResolveService(mDNS* const m, ServiceInfoQuery* query, Service
   info->TXTlen = 0;
 
   const int32_t now = engine_now(m);
-  prepare_instance_question(&query->qSRV, query, kDNSType_SRV, on_srv);
-  prepare_instance_question(&query->qTXT, query, kDNSType_TXT, on_txt);
+  prepare_question(&query->qSRV, query, query->info->name, kDNSType_SRV, on_srv);
+  prepare_question(&query->qTXT, query, query->info->name, kDNSType_TXT, on_txt);
   mStatus status = question_start(m, &query->qSRV, now);
   if (status == mStatus_NoError) {
     status = question_start(m, &query->qTXT, now);
