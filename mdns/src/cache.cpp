@@ -3,298 +3,130 @@
 #include <cstring>
 
 #include "clock.h"
+#include "identity.h"
 #include "message_reader.h"
-#include "names.h"
-#include "questions.h"
 
 namespace mdns {
 namespace {
 
 constexpr int kRefreshSteps = 4;  // queries at 80, 85, 90 and 95 % of the TTL
 
-uint32_t bucket_of(uint32_t namehash) {
-  return namehash % mDNS_CacheBuckets;
+struct TimerAccess {
+  static HeapLinks<CacheRecord>& links(CacheRecord* rr) { return rr->timer; }
+};
+using CacheTimers = PairingHeap<CacheRecord, TimerAccess>;
+
+uint32_t bucket_of(uint32_t name_hash) {
+  return name_hash % kCacheBuckets;
 }
 
-CacheRecord* entry_at(mDNS* m, uint32_t index_plus_one) {
-  return index_plus_one == 0 ? nullptr : &m->rrcache[index_plus_one - 1].r;
+uint32_t identity_bucket_of(uint32_t name_hash, uint32_t data_hash) {
+  return (name_hash ^ (data_hash * 2654435761u)) % kCacheBuckets;
 }
 
-uint32_t index_plus_one_of(const mDNS* m, const CacheRecord* rr) {
-  return static_cast<uint32_t>(reinterpret_cast<const CacheEntity*>(rr) - m->rrcache) + 1;
+CacheRecord* entry_at(CoreState& core, uint32_t index_plus_one) {
+  return index_plus_one == 0 ? nullptr : &record_at(core, index_plus_one);
 }
 
-void schedule_refresh(mDNS* m, CacheRecord* rr) {
-  if (rr->RefreshStep >= kRefreshSteps) {
-    rr->NextRequiredQuery = rr->ExpiryTime;
+// The timer fires at the next refresh point, or at expiry after the last.
+int32_t timer_time(const CacheRecord& rr) {
+  if (!rr.expiring && rr.refresh_step < kRefreshSteps && time_diff(rr.next_refresh, rr.expiry) < 0) {
+    return rr.next_refresh;
+  }
+  return rr.expiry;
+}
+
+void arm_timer(CoreState& core, CacheRecord* rr) {
+  CacheTimers(core.cache_timer_root).insert(rr, timer_time(*rr));
+}
+
+// 80, 85, 90, 95 % of the TTL from the time of receipt, plus up to 2 % at random.
+void plan_refresh(CoreState& core, CacheRecord* rr) {
+  if (rr->refresh_step >= kRefreshSteps) {
+    rr->next_refresh = rr->expiry;
     return;
   }
   const int64_t ttl_ms = static_cast<int64_t>(rr->resrec.rroriginalttl) * 1000;
-  const int64_t base = ttl_ms * (80 + 5 * rr->RefreshStep) / 100;
-  const int64_t jitter = random_between(m, 0, static_cast<uint32_t>(ttl_ms * 2 / 100));
-  rr->NextRequiredQuery = time_add(rr->TimeRcvd, base + jitter);
+  const int64_t base = ttl_ms * (80 + 5 * rr->refresh_step) / 100;
+  const int64_t jitter = random_between(core.random_state, 0, static_cast<uint32_t>(ttl_ms * 2 / 100));
+  rr->next_refresh = time_add(rr->received, base + jitter);
 }
 
-void set_lifetime(mDNS* m, CacheRecord* rr, uint32_t ttl, int32_t now) {
+void set_lifetime(CoreState& core, CacheRecord* rr, uint32_t ttl, int32_t now) {
   if (ttl > kMaxCachedTtlSeconds) {
     ttl = kMaxCachedTtlSeconds;
   }
   rr->resrec.rroriginalttl = ttl;
-  rr->TimeRcvd = now;
-  rr->ExpiryTime = time_add(now, static_cast<int64_t>(ttl) * 1000);
-  rr->ExpiryPending = 0;
-  rr->RefreshStep = 0;
-  rr->UnansweredQueries = 0;
-  schedule_refresh(m, rr);
-}
-
-uint32_t identity_bucket_of(uint32_t namehash, uint32_t datahash) {
-  return (namehash ^ (datahash * 2654435761u)) % mDNS_CacheBuckets;
+  rr->received = now;
+  rr->expiry = time_add(now, static_cast<int64_t>(ttl) * 1000);
+  rr->expiring = 0;
+  rr->refresh_step = 0;
+  plan_refresh(core, rr);
+  arm_timer(core, rr);
 }
 
 // Two doubly linked chains per entry: by owner name (what questions look up)
 // and by name and data (what re-receipts look up); both unlink in constant time.
-void link_entry(mDNS* m, CacheRecord* rr) {
-  const uint32_t self = index_plus_one_of(m, rr);
-  uint32_t& head = m->CacheBuckets[bucket_of(rr->resrec.namehash)];
-  rr->PrevInBucket = 0;
-  rr->NextInBucket = head;
+void link_entry(CoreState& core, CacheRecord* rr) {
+  const uint32_t self = index_of(core, rr);
+  uint32_t& head = core.cache_buckets[bucket_of(rr->resrec.namehash)];
+  rr->bucket_prev = 0;
+  rr->bucket_next = head;
   if (head != 0) {
-    entry_at(m, head)->PrevInBucket = self;
+    entry_at(core, head)->bucket_prev = self;
   }
   head = self;
-  uint32_t& ihead = m->IdentityBuckets[identity_bucket_of(rr->resrec.namehash, rr->RDataHash)];
-  rr->PrevInIdentity = 0;
-  rr->NextInIdentity = ihead;
+  uint32_t& ihead = core.identity_buckets[identity_bucket_of(rr->resrec.namehash, rr->rdata_hash)];
+  rr->identity_prev = 0;
+  rr->identity_next = ihead;
   if (ihead != 0) {
-    entry_at(m, ihead)->PrevInIdentity = self;
+    entry_at(core, ihead)->identity_prev = self;
   }
   ihead = self;
 }
 
-void unlink_entry(mDNS* m, CacheRecord* rr) {
-  if (rr->PrevInBucket != 0) {
-    entry_at(m, rr->PrevInBucket)->NextInBucket = rr->NextInBucket;
+void unlink_entry(CoreState& core, CacheRecord* rr) {
+  if (rr->bucket_prev != 0) {
+    entry_at(core, rr->bucket_prev)->bucket_next = rr->bucket_next;
   } else {
-    m->CacheBuckets[bucket_of(rr->resrec.namehash)] = rr->NextInBucket;
+    core.cache_buckets[bucket_of(rr->resrec.namehash)] = rr->bucket_next;
   }
-  if (rr->NextInBucket != 0) {
-    entry_at(m, rr->NextInBucket)->PrevInBucket = rr->PrevInBucket;
+  if (rr->bucket_next != 0) {
+    entry_at(core, rr->bucket_next)->bucket_prev = rr->bucket_prev;
   }
-  if (rr->PrevInIdentity != 0) {
-    entry_at(m, rr->PrevInIdentity)->NextInIdentity = rr->NextInIdentity;
+  if (rr->identity_prev != 0) {
+    entry_at(core, rr->identity_prev)->identity_next = rr->identity_next;
   } else {
-    m->IdentityBuckets[identity_bucket_of(rr->resrec.namehash, rr->RDataHash)] = rr->NextInIdentity;
+    core.identity_buckets[identity_bucket_of(rr->resrec.namehash, rr->rdata_hash)] = rr->identity_next;
   }
-  if (rr->NextInIdentity != 0) {
-    entry_at(m, rr->NextInIdentity)->PrevInIdentity = rr->PrevInIdentity;
+  if (rr->identity_next != 0) {
+    entry_at(core, rr->identity_next)->identity_prev = rr->identity_prev;
   }
-}
-
-// Whether a record answers an active question only changes when a question
-// starts or stops, so the answer is kept until then.
-bool answers_active_question(mDNS* m, CacheRecord* rr) {
-  if (rr->AnswerCheckGeneration != m->QuestionGeneration) {
-    rr->AnswersQuestion = record_answers_active_question(m, rr->resrec) ? 1 : 0;
-    rr->AnswerCheckGeneration = m->QuestionGeneration;
-  }
-  return rr->AnswersQuestion != 0;
-}
-
-// Eviction takes the entry nearest its expiry among those answering no active
-// question, else the entry nearest its expiry.  A full scan for every eviction
-// would make a full cache slow to churn, so one scan lists the next few victims
-// of both kinds in expiry order.  A list that is not full holds every entry of
-// its kind; a new entry joins in its place (pushing out the last one if the
-// list is full, after which it no longer holds every entry of its kind).  Any
-// entry whose expiry moves earlier drops both lists, and a question starting or
-// stopping drops the idle list.
-constexpr mDNSu32 kListSize = mDNS_EvictionCandidates;
-
-void drop_consumed(mDNSEvictionList& list) {
-  if (list.next == 0) {
-    return;
-  }
-  const mDNSu32 left = list.count - list.next;
-  for (mDNSu32 i = 0; i < left; ++i) {
-    list.entry[i] = list.entry[list.next + i];
-    list.expiry[i] = list.expiry[list.next + i];
-  }
-  list.count = left;
-  list.next = 0;
-}
-
-// Inserts in expiry order, dropping the last entry of a full list.
-void list_insert(mDNSEvictionList& list, mDNSu32 entry, int32_t expiry) {
-  drop_consumed(list);
-  mDNSu32 pos = list.count;
-  if (pos == kListSize) {
-    list.complete = 0;
-    if (time_diff(expiry, list.expiry[pos - 1]) >= 0) {
-      return;
-    }
-    --pos;
-  } else {
-    list.count++;
-  }
-  while (pos > list.next && time_diff(expiry, list.expiry[pos - 1]) < 0) {
-    list.entry[pos] = list.entry[pos - 1];
-    list.expiry[pos] = list.expiry[pos - 1];
-    --pos;
-  }
-  list.entry[pos] = entry;
-  list.expiry[pos] = expiry;
-}
-
-void list_note_new_entry(mDNSEvictionList& list, mDNSu32 entry, int32_t expiry) {
-  if (list.valid) {
-    list_insert(list, entry, expiry);
-  }
-}
-
-void note_new_entry(mDNS* m, CacheRecord* rr) {
-  const mDNSu32 entry = index_plus_one_of(m, rr);
-  list_note_new_entry(m->EvictAny, entry, rr->ExpiryTime);
-  if (m->EvictIdle.valid && m->EvictGeneration == m->QuestionGeneration && !answers_active_question(m, rr)) {
-    list_note_new_entry(m->EvictIdle, entry, rr->ExpiryTime);
-  }
-}
-
-void invalidate_eviction_lists(mDNS* m) {
-  m->EvictIdle.valid = 0;
-  m->EvictAny.valid = 0;
-}
-
-void build_eviction_lists(mDNS* m) {
-  mDNSEvictionList& idle = m->EvictIdle;
-  mDNSEvictionList& any = m->EvictAny;
-  idle.count = idle.next = 0;
-  any.count = any.next = 0;
-  idle.complete = any.complete = 1;
-  for (mDNSu32 i = 0; i < m->rrcache_size; ++i) {
-    CacheRecord* rr = &m->rrcache[i].r;
-    if (!rr->InUse) {
-      continue;
-    }
-    list_insert(any, i + 1, rr->ExpiryTime);
-    if (!answers_active_question(m, rr)) {
-      list_insert(idle, i + 1, rr->ExpiryTime);
-    }
-  }
-  idle.valid = 1;
-  any.valid = 1;
-  m->EvictGeneration = m->QuestionGeneration;
-}
-
-// Refreshed or replaced entries are no longer where the list put them.
-CacheRecord* list_pop(mDNS* m, mDNSEvictionList& list, bool need_idle) {
-  while (list.next < list.count) {
-    const mDNSu32 at = list.next++;
-    CacheRecord* rr = entry_at(m, list.entry[at]);
-    if (rr->InUse && rr->ExpiryTime == list.expiry[at] && (!need_idle || !answers_active_question(m, rr))) {
-      return rr;
-    }
-  }
-  return nullptr;
-}
-
-bool lists_usable(const mDNS* m) {
-  return m->EvictIdle.valid && m->EvictAny.valid && m->EvictGeneration == m->QuestionGeneration;
-}
-
-CacheRecord* choose_victim(mDNS* m) {
-  if (!lists_usable(m)) {
-    build_eviction_lists(m);
-  }
-  for (int attempt = 0; attempt < 2; ++attempt) {
-    if (CacheRecord* rr = list_pop(m, m->EvictIdle, true)) {
-      return rr;
-    }
-    // An exhausted idle list that held every idle entry: none is left.
-    if (m->EvictIdle.complete) {
-      if (CacheRecord* rr = list_pop(m, m->EvictAny, false)) {
-        return rr;
-      }
-      if (m->EvictAny.complete) {
-        return nullptr;
-      }
-    }
-    build_eviction_lists(m);
-  }
-  return nullptr;
-}
-
-CacheRecord* take_free_entry(mDNS* m, int32_t now) {
-  if (m->CacheFree == 0) {
-    CacheRecord* victim = choose_victim(m);
-    if (victim == nullptr) {
-      return nullptr;
-    }
-    m->counters.records_evicted++;
-    cache_remove(m, victim, now, RemoveCause::kEvicted);
-  }
-  CacheRecord* rr = entry_at(m, m->CacheFree);
-  if (rr != nullptr) {
-    m->CacheFree = rr->NextInBucket;
-  }
-  return rr;
 }
 
 }  // namespace
 
-void cache_reset(mDNS* m) {
-  invalidate_eviction_lists(m);
-  m->CacheFree = 0;
-  m->CacheUsed = 0;
-  for (mDNSu32 b = 0; b < mDNS_CacheBuckets; ++b) {
-    m->CacheBuckets[b] = 0;
-    m->IdentityBuckets[b] = 0;
+void cache_reset(CoreState& core) {
+  core.cache_free = 0;
+  core.cache_used = 0;
+  core.cache_timer_root = nullptr;
+  std::memset(core.cache_buckets, 0, sizeof core.cache_buckets);
+  std::memset(core.identity_buckets, 0, sizeof core.identity_buckets);
+  for (uint32_t i = core.cache_size; i > 0; --i) {
+    CacheRecord* rr = &record_at(core, i);
+    std::memset(rr, 0, sizeof *rr);
+    rr->bucket_next = core.cache_free;
+    core.cache_free = i;
   }
-  for (mDNSu32 i = m->rrcache_size; i > 0; --i) {
-    CacheRecord* rr = &m->rrcache[i - 1].r;
-    rr->InUse = 0;
-    rr->AddPending = 0;
-    rr->NextInBucket = m->CacheFree;
-    m->CacheFree = i;
-  }
+  std::memset(core.senders, 0, sizeof core.senders);
 }
 
-CacheRecord* cache_bucket_first(mDNS* m, uint32_t namehash) {
-  return entry_at(m, m->CacheBuckets[bucket_of(namehash)]);
-}
-
-CacheRecord* cache_bucket_next(mDNS* m, const CacheRecord* rr) {
-  return entry_at(m, rr->NextInBucket);
-}
-
-uint32_t rdata_hash(uint16_t rrtype, const RData& rdata) {
-  switch (rrtype) {
-    case kDNSType_PTR:
-      return name_hash(rdata.u.name);
-    case kDNSType_SRV:
-      return name_hash(rdata.u.srv.target) ^ (static_cast<uint32_t>(rdata.u.srv.port.NotAnInteger) << 16) ^
-             rdata.u.srv.priority ^ (static_cast<uint32_t>(rdata.u.srv.weight) << 8);
-    default:
-      break;
-  }
-  uint32_t h = 2166136261u;  // FNV-1a over ASCII-lowered bytes
-  const size_t n = rdata.length < sizeof(rdata.u.data) ? rdata.length : sizeof(rdata.u.data);
-  for (size_t i = 0; i < n; ++i) {
-    uint8_t c = rdata.u.data[i];
-    if (c >= 'A' && c <= 'Z') {
-      c = static_cast<uint8_t>(c + ('a' - 'A'));
-    }
-    h = (h ^ c) * 16777619u;
-  }
-  return h;
-}
-
-CacheRecord* cache_find(mDNS* m, const ParsedRecord& rec, uint32_t namehash, uint32_t datahash,
+CacheRecord* cache_find(CoreState& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
                         mDNSInterfaceID interface_id) {
-  for (CacheRecord* rr = entry_at(m, m->IdentityBuckets[identity_bucket_of(namehash, datahash)]);
-       rr != nullptr; rr = entry_at(m, rr->NextInIdentity)) {
+  for (CacheRecord* rr = entry_at(core, core.identity_buckets[identity_bucket_of(name_hash, data_hash)]);
+       rr != nullptr; rr = entry_at(core, rr->identity_next)) {
     const ResourceRecord& r = rr->resrec;
-    if (r.namehash == namehash && rr->RDataHash == datahash && r.rrtype == rec.rrtype &&
+    if (r.namehash == name_hash && rr->rdata_hash == data_hash && r.rrtype == rec.rrtype &&
         r.rrclass == rec.rrclass && r.InterfaceID == interface_id && names_equal(*r.name, rec.name) &&
         rdata_equal(r.rrtype, *r.rdata, rec.rdata)) {
       return rr;
@@ -303,13 +135,19 @@ CacheRecord* cache_find(mDNS* m, const ParsedRecord& rec, uint32_t namehash, uin
   return nullptr;
 }
 
-CacheRecord* cache_insert(mDNS* m, const ParsedRecord& rec, uint32_t namehash, uint32_t datahash,
-                          mDNSInterfaceID interface_id, int32_t now) {
-  CacheRecord* rr = take_free_entry(m, now);
+bool cache_full(const CoreState& core) {
+  return core.cache_free == 0;
+}
+
+CacheRecord* cache_insert(CoreState& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
+                          mDNSInterfaceID interface_id, Source source, uint8_t sender, int32_t now) {
+  CacheRecord* rr = entry_at(core, core.cache_free);
   if (rr == nullptr) {
     return nullptr;
   }
-  std::memcpy(rr->namestorage.c, rec.name.c, sizeof(rr->namestorage.c));
+  core.cache_free = rr->bucket_next;
+  std::memset(rr, 0, sizeof *rr);
+  rr->namestorage = rec.name;
   rr->rdatastorage = rec.rdata;
   rr->rdatastorage.MaxRDLength = static_cast<mDNSu16>(sizeof(RDataBody));
   ResourceRecord& r = rr->resrec;
@@ -318,71 +156,120 @@ CacheRecord* cache_insert(mDNS* m, const ParsedRecord& rec, uint32_t namehash, u
   r.rdlength = rec.rdata.length;
   r.InterfaceID = interface_id;
   r.name = &rr->namestorage;
-  r.namehash = namehash;
-  rr->RDataHash = datahash;
-  rr->AnswerCheckGeneration = m->QuestionGeneration - 1;
+  r.namehash = name_hash;
   r.rdata = &rr->rdatastorage;
-  rr->InUse = 1;
-  rr->AddPending = 0;
-  rr->DelayDelivery = 0;
-  rr->KnownAnswerMark = 0;
-  rr->ReceivedPacketSeq = m->PacketSeq;
-  set_lifetime(m, rr, rec.ttl, now);
-
-  link_entry(m, rr);
-  m->CacheUsed++;
-  m->counters.records_cached++;
-  note_new_entry(m, rr);
+  rr->rdata_hash = data_hash;
+  rr->packet_seq = core.packet_seq;
+  rr->importance_generation = core.question_generation - 1;
+  rr->source = source;
+  rr->sender = sender;
+  rr->in_use = 1;
+  set_lifetime(core, rr, rec.ttl, now);
+  link_entry(core, rr);
+  core.cache_used++;
+  core.senders[sender].cached++;
+  core.counters.records_cached++;
   return rr;
 }
 
-void cache_refresh(mDNS* m, CacheRecord* rr, uint32_t ttl, int32_t now) {
-  const int32_t old_expiry = rr->ExpiryTime;
-  rr->ReceivedPacketSeq = m->PacketSeq;
-  set_lifetime(m, rr, ttl, now);
-  if (time_diff(rr->ExpiryTime, old_expiry) < 0) {
-    invalidate_eviction_lists(m);  // a shorter TTL can move it ahead of listed entries
-  }
+void cache_refresh(CoreState& core, CacheRecord* rr, uint32_t ttl, int32_t now) {
+  rr->packet_seq = core.packet_seq;
+  set_lifetime(core, rr, ttl, now);
 }
 
-void cache_expire_soon(mDNS* m, CacheRecord* rr, int32_t now) {
-  invalidate_eviction_lists(m);
-  rr->ExpiryPending = 1;
-  rr->ExpiryTime = time_add(now, kGoodbyeDelayMs);
-  rr->NextRequiredQuery = rr->ExpiryTime;
+void cache_expire_soon(CoreState& core, CacheRecord* rr, int32_t now) {
+  rr->expiring = 1;
+  rr->expiry = time_add(now, kGoodbyeDelayMs);
+  rr->next_refresh = rr->expiry;
+  arm_timer(core, rr);
 }
 
-void cache_remove(mDNS* m, CacheRecord* rr, int32_t now, RemoveCause cause) {
-  if (!rr->InUse) {
+void cache_free(CoreState& core, CacheRecord* rr) {
+  if (!rr->in_use) {
     return;
   }
-  if (!rr->AddPending) {
-    deliver_record_event(m, rr, QC_rmv, now, cause);
-  }
-  rr->AddPending = 0;
-  unlink_entry(m, rr);
-  rr->InUse = 0;
-  rr->NextInBucket = m->CacheFree;
-  m->CacheFree = index_plus_one_of(m, rr);
-  m->CacheUsed--;
+  CacheTimers(core.cache_timer_root).remove(rr);
+  unlink_entry(core, rr);
+  core.senders[rr->sender].cached--;
+  sender_release_if_unused(core, rr->sender);
+  rr->in_use = 0;
+  rr->bucket_next = core.cache_free;
+  core.cache_free = index_of(core, rr);
+  core.cache_used--;
 }
 
-int32_t cache_next_event(const CacheRecord& rr) {
-  if (!rr.ExpiryPending && rr.RefreshStep < kRefreshSteps &&
-      time_diff(rr.NextRequiredQuery, rr.ExpiryTime) < 0) {
-    return rr.NextRequiredQuery;
+CacheRecord* cache_next_due(CoreState& core, int32_t now) {
+  CacheRecord* rr = CacheTimers(core.cache_timer_root).top();
+  return rr != nullptr && time_reached(rr->timer.key, now) ? rr : nullptr;
+}
+
+bool cache_expired(const CacheRecord& rr, int32_t now) {
+  return time_reached(rr.expiry, now);
+}
+
+bool cache_pass_refresh_point(CoreState& core, CacheRecord* rr) {
+  if (rr->expiring || rr->refresh_step >= kRefreshSteps) {
+    arm_timer(core, rr);
+    return false;
   }
-  return rr.ExpiryTime;
+  rr->refresh_step++;
+  plan_refresh(core, rr);
+  arm_timer(core, rr);
+  return true;
+}
+
+bool cache_next_time(const CoreState& core, int32_t& when) {
+  if (core.cache_timer_root == nullptr) {
+    return false;
+  }
+  when = core.cache_timer_root->timer.key;
+  return true;
 }
 
 int64_t cache_remaining_ms(const CacheRecord& rr, int32_t now) {
-  return time_diff(rr.ExpiryTime, now);
+  return time_diff(rr.expiry, now);
 }
 
-void cache_advance_refresh(mDNS* m, CacheRecord* rr) {
-  rr->RefreshStep++;
-  rr->UnansweredQueries++;
-  schedule_refresh(m, rr);
+CacheRecord* cache_first(CoreState& core, uint32_t name_hash) {
+  return entry_at(core, core.cache_buckets[bucket_of(name_hash)]);
+}
+
+CacheRecord* cache_next(CoreState& core, const CacheRecord* rr) {
+  return entry_at(core, rr->bucket_next);
+}
+
+CacheRecord* cache_entry(CoreState& core, uint32_t index) {
+  if (index >= core.cache_size) {
+    return nullptr;
+  }
+  CacheRecord* rr = &record_at(core, index + 1);
+  return rr->in_use ? rr : nullptr;
+}
+
+uint8_t sender_slot(CoreState& core, const mDNSAddr& address) {
+  const size_t size = address.type == mDNSAddrType_IPv4 ? 4 : 16;
+  int free_slot = 0;
+  for (int i = 1; i < kMaxSenders; ++i) {
+    const Sender& s = core.senders[i];
+    if (s.address.type == mDNSAddrType_None) {
+      free_slot = free_slot == 0 ? i : free_slot;
+      continue;
+    }
+    if (s.address.type == address.type && std::memcmp(&s.address.ip, &address.ip, size) == 0) {
+      return static_cast<uint8_t>(i);
+    }
+  }
+  if (free_slot != 0) {
+    core.senders[free_slot].address = address;
+  }
+  return static_cast<uint8_t>(free_slot);
+}
+
+void sender_release_if_unused(CoreState& core, uint8_t slot) {
+  Sender& s = core.senders[slot];
+  if (slot != 0 && s.cached == 0 && s.answers == 0) {
+    s = Sender{};
+  }
 }
 
 }  // namespace mdns

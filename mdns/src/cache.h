@@ -1,52 +1,59 @@
-// The record cache: entries in caller storage, chained into hash buckets by index.
+// The record cache: a passive store of fixed size in the caller's storage.
+// It keeps records, finds them and tells when each is next due (a refresh
+// point or its expiry); it never decides what a record's arrival or departure
+// means, and never calls anybody.  The engine does that.
 #pragma once
 
 #include <cstdint>
 
-#include "mdns/mdns.h"
-#include "questions.h"
+#include "core_state.h"
 
 namespace mdns {
 
 struct ParsedRecord;
 
-// Longest TTL kept, so that expiry times stay within the millisecond clock's range.
-constexpr uint32_t kMaxCachedTtlSeconds = 7 * 24 * 3600;
-constexpr int32_t kGoodbyeDelayMs = 1000;
-
-void cache_reset(mDNS* m);
-
-// Hash of record data, equal whenever rdata_equal() says equal (names inside
-// compare case-insensitively, so the hash ignores ASCII case).
-uint32_t rdata_hash(uint16_t rrtype, const RData& rdata);
+void cache_reset(CoreState& core);
 
 // The entry equal to `rec` (name, type, class, data, interface), or null.
-CacheRecord* cache_find(mDNS* m, const ParsedRecord& rec, uint32_t namehash, uint32_t datahash,
+CacheRecord* cache_find(CoreState& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
                         mDNSInterfaceID interface_id);
 
-// Stores a new record (evicting if the cache is full) and returns its entry.
-CacheRecord* cache_insert(mDNS* m, const ParsedRecord& rec, uint32_t namehash, uint32_t datahash,
-                          mDNSInterfaceID interface_id, int32_t now);
+bool cache_full(const CoreState& core);
 
-// Re-receipt of a cached record: TTL and receive time renewed.
-void cache_refresh(mDNS* m, CacheRecord* rr, uint32_t ttl, int32_t now);
+// Stores a new record in a free entry (null when none is free).
+CacheRecord* cache_insert(CoreState& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
+                          mDNSInterfaceID interface_id, Source source, uint8_t sender, int32_t now);
 
-// The record leaves in one second (goodbye, or flushed by a newer record).
-void cache_expire_soon(mDNS* m, CacheRecord* rr, int32_t now);
+// Received again: TTL and receive time renewed, refresh points start over.
+void cache_refresh(CoreState& core, CacheRecord* rr, uint32_t ttl, int32_t now);
 
-// A refresh point has passed: schedule the next one (the last leads to expiry).
-void cache_advance_refresh(mDNS* m, CacheRecord* rr);
+// Leaves in one second (a goodbye, or flushed by a newer record of its set).
+void cache_expire_soon(CoreState& core, CacheRecord* rr, int32_t now);
 
-// Takes the entry out of the cache, giving remove events to the questions it answered.
-void cache_remove(mDNS* m, CacheRecord* rr, int32_t now, RemoveCause cause = RemoveCause::kGone);
+// Takes the entry out of the store.
+void cache_free(CoreState& core, CacheRecord* rr);
 
-// When the entry next needs attention: its next refresh point, else its expiry.
-int32_t cache_next_event(const CacheRecord& rr);
+// The entry with the earliest timer if that has come by `now`, else null.
+CacheRecord* cache_next_due(CoreState& core, int32_t now);
+// True when the entry's expiry (not just a refresh point) has come.
+bool cache_expired(const CacheRecord& rr, int32_t now);
+// A refresh point has passed: the timer moves to the next (the last leads to
+// expiry).  Returns false when the entry was already past its last one.
+bool cache_pass_refresh_point(CoreState& core, CacheRecord* rr);
+// When the next entry is due; false for an empty cache.
+bool cache_next_time(const CoreState& core, int32_t& when);
 
 int64_t cache_remaining_ms(const CacheRecord& rr, int32_t now);
 
-// Iteration over one hash bucket.
-CacheRecord* cache_bucket_first(mDNS* m, uint32_t namehash);
-CacheRecord* cache_bucket_next(mDNS* m, const CacheRecord* rr);
+// Iteration over the records of one name hash.
+CacheRecord* cache_first(CoreState& core, uint32_t name_hash);
+CacheRecord* cache_next(CoreState& core, const CacheRecord* rr);
+// Iteration over every entry in use.
+CacheRecord* cache_entry(CoreState& core, uint32_t index);  // null when unused
+
+// Sender bookkeeping: the table slot of a source address (slot 0 stands for
+// everybody once the table is full).
+uint8_t sender_slot(CoreState& core, const mDNSAddr& address);
+void sender_release_if_unused(CoreState& core, uint8_t slot);
 
 }  // namespace mdns

@@ -3,8 +3,6 @@
 
 #include <cstdint>
 
-#include "mdns/mdns.h"
-
 namespace mdns {
 
 // Signed distance from `from` to `to`; correct across the clock's wrap.
@@ -26,6 +24,6 @@ inline int32_t time_min(int32_t a, int32_t b) {
 }
 
 // Uniform in [low, high]; the state lives in the core (no hidden globals).
-uint32_t random_between(mDNS* m, uint32_t low, uint32_t high);
+uint32_t random_between(uint32_t& state, uint32_t low, uint32_t high);
 
 }  // namespace mdns

@@ -1,105 +1,185 @@
 // The core's public entry points and its event pass.
 #include <cstring>
 
+#include "browse_answers.h"
 #include "cache.h"
 #include "clock.h"
 #include "engine.h"
+#include "events.h"
 #include "names.h"
+#include "one_shot.h"
 #include "platform.h"
 #include "query_schedule.h"
 #include "questions.h"
+#include "unicast_dns.h"
 
 namespace mdns {
 namespace {
 
-// A cached answer reached a refresh point: its questions go out in this pass.
-void request_refresh(mDNS* m, const CacheRecord& rr) {
-  for (DNSQuestion* q = m->Questions; q != nullptr; q = q->next) {
-    if (!q->DeliverAddsPending && question_answered_by(*q, rr.resrec)) {
-      q->RefreshPending = 1;
+// Rounds of first deliveries per pass: a browse add starts a resolve, whose
+// SRV starts address questions; more than that waits for the next pass.
+constexpr int kDeliveryRounds = 4;
+
+void age_cache(mDNS* m) {
+  CoreState& core = core_of(m);
+  while (CacheRecord* rr = cache_next_due(core, core.now)) {
+    if (cache_expired(*rr, core.now)) {
+      record_departs(m, rr, rr->expiring ? Departure::kGoodbye : Departure::kExpired);
+    } else {
+      // After a long pause several refresh points may have passed: one query covers them.
+      bool refresh = false;
+      while (!cache_expired(*rr, core.now) && time_reached(rr->next_refresh, core.now) &&
+             cache_pass_refresh_point(core, rr)) {
+        refresh = true;
+      }
+      if (refresh) {
+        request_refresh(m, *rr);
+      }
+    }
+    if (!core.initialized) {
+      return;
     }
   }
 }
 
-void age_cache(mDNS* m, int32_t now) {
-  for (mDNSu32 i = 0; i < m->rrcache_size; ++i) {
-    CacheRecord* rr = &m->rrcache[i].r;
-    if (!rr->InUse) {
-      continue;
+void age_browse_answers(mDNS* m) {
+  CoreState& core = core_of(m);
+  browse_answers_due(core, core.now, [m](int index) {
+    if (core_of(m).initialized) {
+      browse_answer_due(m, index);
     }
-    if (time_reached(rr->ExpiryTime, now)) {
-      cache_remove(m, rr, now);
-      continue;
-    }
-    // After a long pause several refresh points may have passed: one query covers them.
-    bool refresh = false;
-    while (!rr->ExpiryPending && rr->RefreshStep < 4 && time_reached(rr->NextRequiredQuery, now)) {
-      cache_advance_refresh(m, rr);
-      refresh = true;
-    }
-    if (refresh) {
-      request_refresh(m, *rr);
-    }
-  }
-}
-
-int32_t compute_next_event(const mDNS* m, int32_t now) {
-  int32_t next = time_add(now, kMaxQueryInterval);
-  for (mDNSu32 i = 0; i < m->rrcache_size; ++i) {
-    const CacheRecord& rr = m->rrcache[i].r;
-    if (rr.InUse) {
-      next = time_min(next, cache_next_event(rr));
-    }
-  }
-  int32_t query_time = 0;
-  if (next_query_time(m, query_time)) {
-    next = time_min(next, query_time);
-  }
-  return next;
+  });
 }
 
 void stop_all_questions(mDNS* m) {
-  while (m->Questions != nullptr) {
-    question_stop(m, m->Questions);
+  CoreState& core = core_of(m);
+  for (DNSQuestion*& head : core.question_buckets) {
+    while (head != nullptr) {
+      question_stop(m, head);
+    }
   }
-  m->CurrentQuestion = nullptr;
+}
+
+bool valid_service_type(const domainname& type) {
+  if (label_count(type) != 2 || type.c[1] != '_' || type.c[0] < 2) {
+    return false;
+  }
+  const uint8_t* proto = skip_labels(type, 1);
+  return label_equals(proto, "_tcp") || label_equals(proto, "_udp");
 }
 
 }  // namespace
 
-void engine_run_scheduled(mDNS* m, int32_t now) {
-  if (!m->Initialized) {
-    return;
+void engine_deliver_waiting(mDNS* m) {
+  for (int round = 0; round < kDeliveryRounds && core_of(m).initialized && any_waiting(m); ++round) {
+    begin_delivery_round(m);
+    while (DNSQuestion* q = next_to_deliver(m)) {
+      deliver_cached_answers(m, q);
+      if (!core_of(m).initialized) {
+        return;
+      }
+    }
   }
-  m->timenow = now;
-  deliver_pending_adds(m, now);
-  age_cache(m, now);
-  send_due_queries(m, now);
-  m->NextScheduledEvent = compute_next_event(m, now);
 }
 
-int32_t engine_time_to_next_event(const mDNS* m, int32_t now) {
-  if (!m->Initialized) {
-    return kMaxQueryInterval;
+void engine_begin_pass(mDNS* m) {
+  core_of(m).now = engine_now(m);
+  core_of(m).in_pass = true;
+}
+
+int32_t engine_clock(mDNS* m) {
+  CoreState& core = core_of(m);
+  if (!core.in_pass) {
+    core.now = engine_now(m);
   }
-  if (any_adds_pending(m)) {
+  return core.now;
+}
+
+void engine_run_scheduled(mDNS* m) {
+  CoreState& core = core_of(m);
+  if (core.initialized) {
+    engine_deliver_waiting(m);
+    age_cache(m);
+    age_browse_answers(m);
+  }
+  if (core.initialized) {
+    unicast_run(m);
+    send_due_queries(m, core.now);
+    send_one_shots(m);
+  }
+  core.in_pass = false;
+}
+
+int32_t engine_time_to_next_event(mDNS* m, int32_t now) {
+  CoreState& core = core_of(m);
+  if (!core.initialized) {
+    return kMaxQueryIntervalMs;
+  }
+  if (any_waiting(m) || core.one_shot_head != nullptr) {
     return 0;
   }
-  const int32_t wait = time_diff(m->NextScheduledEvent, now);
+  int32_t next = time_add(now, kMaxQueryIntervalMs);
+  int32_t when = 0;
+  if (next_query_time(m, when)) {
+    next = time_min(next, when);
+  }
+  if (cache_next_time(core, when)) {
+    next = time_min(next, when);
+  }
+  if (browse_answers_next_time(core, when)) {
+    next = time_min(next, when);
+  }
+  if (unicast_next_time(m, when)) {
+    next = time_min(next, when);
+  }
+  const int32_t wait = time_diff(next, now);
   return wait < 0 ? 0 : wait;
 }
 
-void engine_interface_removed(mDNS* m, mDNSInterfaceID interface_id, int32_t now) {
-  if (!m->Initialized) {
+void engine_interface_removed(mDNS* m, mDNSInterfaceID interface_id) {
+  if (core_of(m).initialized) {
+    interface_gone(m, interface_id);
+  }
+}
+
+void engine_interface_added(mDNS* m, mDNSInterfaceID interface_id) {
+  CoreState& core = core_of(m);
+  if (!core.initialized) {
     return;
   }
-  m->timenow = now;
-  for (mDNSu32 i = 0; i < m->rrcache_size; ++i) {
-    CacheRecord* rr = &m->rrcache[i].r;
-    if (rr->InUse && rr->resrec.InterfaceID == interface_id) {
-      cache_remove(m, rr, now);
+  for (DNSQuestion* head : core.question_buckets) {
+    for (DNSQuestion* q = head; q != nullptr; q = state_of(q).bucket_next) {
+      const QuestionState& s = state_of(q);
+      if (s.leader == nullptr && !s.unicast && (q->InterfaceID == mDNSInterface_Any || q->InterfaceID == interface_id)) {
+        schedule_ask_again(m, q, core.now);
+      }
     }
   }
+}
+
+int32_t engine_now(const mDNS* m) {
+  const CoreState& core = core_of(m);
+  return core.fake_clock_set ? core.fake_clock : platform_now_ms();
+}
+
+void engine_set_fake_clock(mDNS* m, int32_t now) {
+  CoreState& core = core_of(m);
+  core.fake_clock_set = now != 0;
+  core.fake_clock = now;
+  core.now = engine_now(m);
+}
+
+void engine_send_multicast(mDNS* m, Transport transport, mDNSInterfaceID interface_id, int family,
+                           const uint8_t* message, size_t length) {
+  CoreState& core = core_of(m);
+  if (platform_send_multicast(m, transport, interface_id, family, message, length)) {
+    core.counters.packets_sent++;
+    core.counters.bytes_sent += static_cast<uint32_t>(length);
+  }
+}
+
+const Counters& engine_counters(const mDNS* m) {
+  return core_of(m).counters;
 }
 
 }  // namespace mdns
@@ -115,20 +195,31 @@ mStatus mDNS_Init(mDNS* const m, mDNS_PlatformSupport* const p, CacheEntity* rrc
   if (m == nullptr || p == nullptr || (rrcachestorage == nullptr && rrcachesize != 0)) {
     return mStatus_BadParamErr;
   }
+  // A test's fake clock survives a restart on the same storage.
+  const CoreState& before = core_of(m);
+  const bool fake = before.magic == kCoreMagic && before.fake_clock_set;
+  const int32_t fake_clock = before.fake_clock;
   std::memset(m, 0, sizeof(*m));
-  m->p = p;
-  m->rrcache = rrcachestorage;
-  m->rrcache_size = rrcachesize;
-  m->MainCallback = Callback;
-  m->MainContext = Context;
-  cache_reset(m);
+  CoreState& core = core_of(m);
+  core.magic = kCoreMagic;
+  core.platform = p;
+  core.cache = rrcachestorage;
+  core.cache_size = rrcachesize;
+  core.main_callback = Callback;
+  core.main_context = Context;
+  core.fake_clock_set = fake;
+  core.fake_clock = fake_clock;
+  core.now = engine_now(m);
+  cache_reset(core);
+  browse_answers_reset(core);
+  one_shots_reset(core);
   const mStatus status = platform_init(m);
   if (status != mStatus_NoError) {
     return status;
   }
-  m->RandomState = platform_random_seed() | 1u;
-  m->Initialized = 1;
-  m->NextScheduledEvent = engine_now(m);
+  unicast_reset(m);
+  core.random_state = platform_random_seed() | 1u;
+  core.initialized = true;
   if (Callback != nullptr) {
     Callback(m, mStatus_NoError);
   }
@@ -136,30 +227,32 @@ mStatus mDNS_Init(mDNS* const m, mDNS_PlatformSupport* const p, CacheEntity* rrc
 }
 
 void mDNS_StartExit(mDNS* const m) {
-  if (m == nullptr || !m->Initialized) {
+  if (m == nullptr || !core_of(m).initialized) {
     return;
   }
   stop_all_questions(m);
-  m->ShutdownPending = 1;
+  core_of(m).shutting_down = true;
 }
 
 void mDNS_FinalExit(mDNS* const m) {
-  if (m == nullptr || !m->Initialized) {
+  if (m == nullptr || !core_of(m).initialized) {
     return;
   }
+  CoreState& core = core_of(m);
   stop_all_questions(m);
+  unicast_close_all(m);
   platform_close(m);
-  cache_reset(m);
+  cache_reset(core);
   m->HostInterfaces = nullptr;
-  m->Initialized = 0;
-  m->ShutdownPending = 0;
+  core.initialized = false;
+  core.shutting_down = false;
 }
 
 mStatus mDNS_StartQuery(mDNS* const m, DNSQuestion* const question) {
   if (m == nullptr || question == nullptr) {
     return mStatus_BadParamErr;
   }
-  return question_start(m, question, engine_now(m));
+  return question_start(m, question, QuestionKind::kPlain, engine_clock(m));
 }
 
 mStatus mDNS_StartBrowse(mDNS* const m, DNSQuestion* const question, const domainname* const srv,
@@ -168,11 +261,12 @@ mStatus mDNS_StartBrowse(mDNS* const m, DNSQuestion* const question, const domai
   if (m == nullptr || question == nullptr || srv == nullptr || domain == nullptr) {
     return mStatus_BadParamErr;
   }
-  if (question_is_active(m, question)) {
+  if (question_active(m, question)) {
     return mStatus_AlreadyRegistered;
   }
   domainname qname;
-  if (!copy_name(qname, *srv) || name_length(*domain) == 0 || !append_name(qname, *domain)) {
+  if (!valid_service_type(*srv) || label_count(*domain) == 0 || !copy_name(qname, *srv) ||
+      !append_name(qname, *domain)) {
     return mStatus_BadParamErr;
   }
   question->qname = qname;
@@ -182,11 +276,11 @@ mStatus mDNS_StartBrowse(mDNS* const m, DNSQuestion* const question, const domai
   question->ForceMCast = ForceMCast;
   question->QuestionCallback = Callback;
   question->QuestionContext = Context;
-  return mDNS_StartQuery(m, question);
+  return question_start(m, question, QuestionKind::kBrowse, engine_clock(m));
 }
 
 mStatus mDNS_StopQuery(mDNS* const m, DNSQuestion* const question) {
-  if (m == nullptr || question == nullptr || !question_is_active(m, question)) {
+  if (m == nullptr || question == nullptr || !question_active(m, question)) {
     return mStatus_BadParamErr;
   }
   question_stop(m, question);

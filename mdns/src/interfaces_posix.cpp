@@ -28,7 +28,7 @@ bool same_address(const mDNSAddr& a, const mDNSAddr& b) {
   return a.type == b.type && address_in_prefix(a, b, address_bits(a));
 }
 
-void copy_name(char (&dest)[mDNS_IfNameSize], const char* name) {
+void copy_ifname(char (&dest)[mDNS_IfNameSize], const char* name) {
   std::memset(dest, 0, sizeof dest);
   std::strncpy(dest, name, sizeof dest - 1);
 }
@@ -67,27 +67,33 @@ void base_interface_name(const char* label, char (&out)[IF_NAMESIZE + 1]) {
   }
 }
 
-void leave_joined(NetworkInterfaceInfo& slot, Membership& membership) {
+void leave_joined(InterfaceRecord& slot, Membership& membership) {
   if (slot.v4joined) {
     membership.leave(slot.ifindex, kFamilyV4);
   }
   if (slot.v6joined) {
     membership.leave(slot.ifindex, kFamilyV6);
   }
-  slot.v4joined = 0;
-  slot.v6joined = 0;
+  slot.v4joined = false;
+  slot.v6joined = false;
 }
 
-NetworkInterfaceInfo* find_slot_by_name(NetworkInterfaceInfo (&table)[mDNS_MaxInterfaces], const char* name) {
+InterfaceRecord* find_slot_by_name(InterfaceRecord (&table)[mDNS_MaxInterfaces], const char* name) {
   for (auto& slot : table) {
-    if (slot.ifindex != 0 && std::strncmp(slot.ifname, name, mDNS_IfNameSize) == 0) {
+    if (slot.info.ifname[0] != '\0' && std::strncmp(slot.info.ifname, name, mDNS_IfNameSize) == 0) {
       return &slot;
     }
   }
   return nullptr;
 }
 
-NetworkInterfaceInfo* free_slot(NetworkInterfaceInfo (&table)[mDNS_MaxInterfaces]) {
+// A slot never used, else one whose interface is gone (its name is forgotten).
+InterfaceRecord* free_slot(InterfaceRecord (&table)[mDNS_MaxInterfaces]) {
+  for (auto& slot : table) {
+    if (slot.info.ifname[0] == '\0') {
+      return &slot;
+    }
+  }
   for (auto& slot : table) {
     if (slot.ifindex == 0) {
       return &slot;
@@ -96,45 +102,51 @@ NetworkInterfaceInfo* free_slot(NetworkInterfaceInfo (&table)[mDNS_MaxInterfaces
   return nullptr;
 }
 
-void release_slot(NetworkInterfaceInfo& slot, Membership& membership, RemovedInterfaces& removed) {
+// The interface went away: its slot keeps the name (and so the ID) for a
+// later interface of that name.
+void release_slot(InterfaceRecord& slot, Membership& membership, InterfaceChanges& changes) {
   leave_joined(slot, membership);
-  if (removed.count < mDNS_MaxInterfaces) {
-    removed.ids[removed.count++] = slot.InterfaceID;
+  if (changes.removed_count < mDNS_MaxInterfaces) {
+    changes.removed[changes.removed_count++] = slot.info.InterfaceID;
   }
-  slot = NetworkInterfaceInfo{};
+  const NetworkInterfaceInfo info = slot.info;
+  slot = InterfaceRecord{};
+  slot.info.InterfaceID = info.InterfaceID;
+  std::memcpy(slot.info.ifname, info.ifname, sizeof slot.info.ifname);
 }
 
 // Joins or leaves one family so that membership follows `wanted`; returns
 // whether the family ends up usable.
-mDNSu8 follow_membership(uint32_t ifindex, int family, bool wanted, mDNSu8& joined, Membership& membership) {
+bool follow_membership(uint32_t ifindex, int family, bool wanted, bool& joined, Membership& membership) {
   if (wanted && !joined) {
-    joined = membership.join(ifindex, family) ? 1 : 0;
+    joined = membership.join(ifindex, family);
   } else if (!wanted && joined) {
     membership.leave(ifindex, family);
-    joined = 0;
+    joined = false;
   }
   return joined;
 }
 
-void take_entry(NetworkInterfaceInfo& slot, const NetworkInterfaceInfo& entry, Membership& membership) {
-  const mDNSu8 v4joined = slot.v4joined;
-  const mDNSu8 v6joined = slot.v6joined;
-  NetworkInterfaceInfo* const next = slot.next;
+void take_entry(InterfaceRecord& slot, const InterfaceRecord& entry, Membership& membership) {
+  const bool v4joined = slot.v4joined;
+  const bool v6joined = slot.v6joined;
+  const NetworkInterfaceInfo info = slot.info;
   slot = entry;
-  slot.next = next;
+  slot.info.next = info.next;
+  slot.info.InterfaceID = info.InterfaceID;
   slot.v4joined = v4joined;
   slot.v6joined = v6joined;
-  slot.v4usable = follow_membership(slot.ifindex, kFamilyV4, entry.v4usable != 0, slot.v4joined, membership);
-  slot.v6usable = follow_membership(slot.ifindex, kFamilyV6, entry.v6usable != 0, slot.v6joined, membership);
-  slot.present = (slot.v4usable || slot.v6usable) ? 1 : 0;
+  slot.v4usable = follow_membership(slot.ifindex, kFamilyV4, entry.v4usable, slot.v4joined, membership);
+  slot.v6usable = follow_membership(slot.ifindex, kFamilyV6, entry.v6usable, slot.v6joined, membership);
+  slot.present = slot.v4usable || slot.v6usable;
 }
 
-void relink(NetworkInterfaceInfo (&table)[mDNS_MaxInterfaces], NetworkInterfaceInfo** head) {
+void relink(InterfaceRecord (&table)[mDNS_MaxInterfaces], NetworkInterfaceInfo** head) {
   NetworkInterfaceInfo** link = head;
   for (auto& slot : table) {
-    if (slot.ifindex != 0) {
-      *link = &slot;
-      link = &slot.next;
+    if (slot.present) {
+      *link = &slot.info;
+      link = &slot.info.next;
     }
   }
   *link = nullptr;
@@ -165,9 +177,11 @@ bool address_in_prefix(const mDNSAddr& address, const mDNSAddr& network, int pre
   return (a[whole] & mask) == (n[whole] & mask);
 }
 
-bool is_ipv6_link_local(const mDNSAddr& address) {
-  return address.type == mDNSAddrType_IPv6 && address.ip.v6.b[0] == 0xFE &&
-         (address.ip.v6.b[1] & 0xC0) == 0x80;
+bool is_link_local(const mDNSAddr& address) {
+  if (address.type == mDNSAddrType_IPv4) {
+    return address.ip.v4.b[0] == 169 && address.ip.v4.b[1] == 254;
+  }
+  return address.type == mDNSAddrType_IPv6 && address.ip.v6.b[0] == 0xFE && (address.ip.v6.b[1] & 0xC0) == 0x80;
 }
 
 int prefix_length_from_mask(const uint8_t* mask, size_t bytes) {
@@ -213,20 +227,19 @@ mDNSAddr address_from_text(const char* text) {
   return out;
 }
 
-bool interface_reset(NetworkInterfaceInfo& info, const char* name, uint32_t ifindex) {
+bool interface_reset(InterfaceRecord& info, const char* name, uint32_t ifindex) {
   if (name == nullptr || ifindex == 0 || std::strlen(name) >= mDNS_IfNameSize) {
     return false;
   }
-  info = NetworkInterfaceInfo{};
-  copy_name(info.ifname, name);
+  info = InterfaceRecord{};
+  copy_ifname(info.info.ifname, name);
   info.ifindex = ifindex;
-  info.InterfaceID = platform_interface_id(ifindex);
   return true;
 }
 
-void interface_add_address(NetworkInterfaceInfo& info, const mDNSAddr& address, int prefix_length) {
+void interface_add_address(InterfaceRecord& info, const mDNSAddr& address, int prefix_length) {
   if ((address.type != mDNSAddrType_IPv4 && address.type != mDNSAddrType_IPv6) || prefix_length < 0 ||
-      prefix_length > address_bits(address) || info.naddrs >= mDNS_MaxInterfaceAddrs) {
+      prefix_length > address_bits(address) || info.naddrs >= kMaxInterfaceAddresses) {
     return;
   }
   for (size_t i = 0; i < info.naddrs; ++i) {
@@ -235,19 +248,12 @@ void interface_add_address(NetworkInterfaceInfo& info, const mDNSAddr& address, 
     }
   }
   info.addrs[info.naddrs].addr = address;
-  info.addrs[info.naddrs].prefix_length = static_cast<mDNSu8>(prefix_length);
+  info.addrs[info.naddrs].prefix_length = static_cast<uint8_t>(prefix_length);
   ++info.naddrs;
-  if (address.type == mDNSAddrType_IPv4 && info.v4addr.type == mDNSAddrType_None) {
-    info.v4addr = address;
-    info.v4mask = ipv4_mask_from_prefix(prefix_length);
-  }
-  if (is_ipv6_link_local(address) && info.v6addr.type == mDNSAddrType_None) {
-    info.v6addr = address;
-  }
 }
 
-bool interface_has_family(const NetworkInterfaceInfo& info, int family) {
-  for (size_t i = 0; i < info.naddrs && i < mDNS_MaxInterfaceAddrs; ++i) {
+bool interface_has_family(const InterfaceRecord& info, int family) {
+  for (size_t i = 0; i < info.naddrs && i < kMaxInterfaceAddresses; ++i) {
     if (info.addrs[i].addr.type == family) {
       return true;
     }
@@ -255,11 +261,11 @@ bool interface_has_family(const NetworkInterfaceInfo& info, int family) {
   return false;
 }
 
-bool interface_source_on_link(const NetworkInterfaceInfo& info, const mDNSAddr& source) {
-  if (is_ipv6_link_local(source)) {
+bool interface_source_on_link(const InterfaceRecord& info, const mDNSAddr& source) {
+  if (is_link_local(source)) {
     return true;
   }
-  for (size_t i = 0; i < info.naddrs && i < mDNS_MaxInterfaceAddrs; ++i) {
+  for (size_t i = 0; i < info.naddrs && i < kMaxInterfaceAddresses; ++i) {
     if (address_in_prefix(source, info.addrs[i].addr, info.addrs[i].prefix_length)) {
       return true;
     }
@@ -267,21 +273,21 @@ bool interface_source_on_link(const NetworkInterfaceInfo& info, const mDNSAddr& 
   return false;
 }
 
-NetworkInterfaceInfo* snapshot_entry(InterfaceSnapshot& snapshot, const char* name, uint32_t ifindex,
+InterfaceRecord* snapshot_entry(InterfaceSnapshot& snapshot, const char* name, uint32_t ifindex,
                                      const InterfaceFlags& flags) {
   for (size_t i = 0; i < snapshot.count; ++i) {
-    if (std::strncmp(snapshot.entries[i].ifname, name, mDNS_IfNameSize) == 0) {
+    if (std::strncmp(snapshot.entries[i].info.ifname, name, mDNS_IfNameSize) == 0) {
       return &snapshot.entries[i];
     }
   }
   if (snapshot.count >= mDNS_MaxInterfaces) {
     return nullptr;
   }
-  NetworkInterfaceInfo& entry = snapshot.entries[snapshot.count];
+  InterfaceRecord& entry = snapshot.entries[snapshot.count];
   if (!interface_reset(entry, name, ifindex)) {
     return nullptr;
   }
-  entry.loopback = flags.loopback ? 1 : 0;
+  entry.loopback = flags.loopback;
   snapshot.flags[snapshot.count] = flags;
   ++snapshot.count;
   return &entry;
@@ -307,7 +313,7 @@ bool read_host_interfaces(InterfaceSnapshot& snapshot) {
     flags.up = (ifa->ifa_flags & IFF_UP) != 0;
     flags.multicast = (ifa->ifa_flags & IFF_MULTICAST) != 0;
     flags.loopback = (ifa->ifa_flags & IFF_LOOPBACK) != 0;
-    NetworkInterfaceInfo* entry = snapshot_entry(snapshot, name, ifindex, flags);
+    InterfaceRecord* entry = snapshot_entry(snapshot, name, ifindex, flags);
     if (entry == nullptr) {
       continue;
     }
@@ -324,14 +330,14 @@ bool read_host_interfaces(InterfaceSnapshot& snapshot) {
 void mark_usable(InterfaceSnapshot& snapshot) {
   bool other_usable = false;
   for (size_t i = 0; i < snapshot.count; ++i) {
-    NetworkInterfaceInfo& entry = snapshot.entries[i];
+    InterfaceRecord& entry = snapshot.entries[i];
     const InterfaceFlags& flags = snapshot.flags[i];
     // The loopback interface usually lacks the multicast flag, yet carries
     // IPv4 multicast to local listeners; IPv6 has no multicast route there.
     const bool v4_candidate = flags.up && (flags.multicast || flags.loopback);
     const bool v6_candidate = flags.up && flags.multicast;
-    entry.v4usable = v4_candidate && interface_has_family(entry, kFamilyV4) ? 1 : 0;
-    entry.v6usable = v6_candidate && interface_has_family(entry, kFamilyV6) ? 1 : 0;
+    entry.v4usable = v4_candidate && interface_has_family(entry, kFamilyV4);
+    entry.v6usable = v6_candidate && interface_has_family(entry, kFamilyV6);
     if (!flags.loopback && (entry.v4usable || entry.v6usable)) {
       other_usable = true;
     }
@@ -341,67 +347,70 @@ void mark_usable(InterfaceSnapshot& snapshot) {
   }
   for (size_t i = 0; i < snapshot.count; ++i) {
     if (snapshot.flags[i].loopback) {
-      snapshot.entries[i].v4usable = 0;
-      snapshot.entries[i].v6usable = 0;
+      snapshot.entries[i].v4usable = false;
+      snapshot.entries[i].v6usable = false;
     }
   }
 }
 
-void reconcile_interfaces(NetworkInterfaceInfo (&table)[mDNS_MaxInterfaces],
-                          const InterfaceSnapshot& snapshot, Membership& membership,
-                          NetworkInterfaceInfo** head, RemovedInterfaces& removed) {
-  for (auto& slot : table) {
-    slot.present = 0;
-  }
+mDNSInterfaceID interface_id_of_slot(size_t slot) {
+  return reinterpret_cast<mDNSInterfaceID>(static_cast<uintptr_t>(slot + 1));
+}
+
+void reconcile_interfaces(InterfaceRecord (&table)[mDNS_MaxInterfaces], const InterfaceSnapshot& snapshot,
+                          Membership& membership, NetworkInterfaceInfo** head, InterfaceChanges& changes) {
+  bool seen[mDNS_MaxInterfaces] = {};
   for (size_t i = 0; i < snapshot.count; ++i) {
-    const NetworkInterfaceInfo& entry = snapshot.entries[i];
+    const InterfaceRecord& entry = snapshot.entries[i];
     if (!entry.v4usable && !entry.v6usable) {
       continue;
     }
-    NetworkInterfaceInfo* slot = find_slot_by_name(table, entry.ifname);
-    if (slot != nullptr && slot->ifindex != entry.ifindex) {
+    InterfaceRecord* slot = find_slot_by_name(table, entry.info.ifname);
+    if (slot != nullptr && slot->ifindex != 0 && slot->ifindex != entry.ifindex) {
       // Same name, new index: the old interface went away and another came.
-      release_slot(*slot, membership, removed);
-      slot = nullptr;
+      release_slot(*slot, membership, changes);
     }
     if (slot == nullptr) {
       slot = free_slot(table);
+      if (slot != nullptr) {
+        *slot = InterfaceRecord{};
+        slot->info.InterfaceID = interface_id_of_slot(static_cast<size_t>(slot - table));
+      }
     }
     if (slot != nullptr) {
+      const bool was_present = slot->present;
       take_entry(*slot, entry, membership);
+      seen[slot - table] = slot->present;
+      if (slot->present && !was_present && changes.added_count < mDNS_MaxInterfaces) {
+        changes.added[changes.added_count++] = slot->info.InterfaceID;
+      }
     }
   }
-  for (auto& slot : table) {
-    if (slot.ifindex != 0 && !slot.present) {
-      release_slot(slot, membership, removed);
+  for (size_t i = 0; i < mDNS_MaxInterfaces; ++i) {
+    if (table[i].ifindex != 0 && !seen[i]) {
+      release_slot(table[i], membership, changes);
     }
   }
   relink(table, head);
 }
 
-void clear_interfaces(NetworkInterfaceInfo (&table)[mDNS_MaxInterfaces], Membership& membership,
+void clear_interfaces(InterfaceRecord (&table)[mDNS_MaxInterfaces], Membership& membership,
                       NetworkInterfaceInfo** head) {
   for (auto& slot : table) {
     if (slot.ifindex != 0) {
       leave_joined(slot, membership);
     }
-    slot = NetworkInterfaceInfo{};
+    slot = InterfaceRecord{};
   }
   *head = nullptr;
 }
 
-const NetworkInterfaceInfo* find_interface(const NetworkInterfaceInfo* head, mDNSInterfaceID id) {
-  if (id == mDNSInterface_Any) {
+const InterfaceRecord* find_interface(const InterfaceRecord (&table)[mDNS_MaxInterfaces], mDNSInterfaceID id) {
+  const uintptr_t slot = reinterpret_cast<uintptr_t>(id);
+  if (slot == 0 || slot > mDNS_MaxInterfaces || !table[slot - 1].present) {
     return nullptr;
   }
-  size_t steps = 0;
-  for (const NetworkInterfaceInfo* info = head; info != nullptr && steps < mDNS_MaxInterfaces;
-       info = info->next, ++steps) {
-    if (info->InterfaceID == id) {
-      return info;
-    }
-  }
-  return nullptr;
+  return &table[slot - 1];
 }
 
 }  // namespace mdns

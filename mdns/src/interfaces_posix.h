@@ -12,7 +12,7 @@ namespace mdns {
 // ---- Addresses and prefixes ----
 
 bool address_in_prefix(const mDNSAddr& address, const mDNSAddr& network, int prefix_length);
-bool is_ipv6_link_local(const mDNSAddr& address);
+bool is_link_local(const mDNSAddr& address);
 // Number of leading one bits of a netmask; -1 when the ones are not contiguous.
 int prefix_length_from_mask(const uint8_t* mask, size_t bytes);
 mDNSAddr ipv4_mask_from_prefix(int prefix_length);
@@ -21,15 +21,37 @@ mDNSAddr address_from_text(const char* text);
 
 // ---- One interface's record ----
 
+// Addresses kept per interface: the on-link check looks at all of them.
+constexpr int kMaxInterfaceAddresses = 8;
+
+struct InterfaceAddress {
+  mDNSAddr addr;
+  uint8_t prefix_length;  // bits of the network part
+};
+
+// The core's record of one interface; `info` is what callers see of it (the
+// list mDNS.HostInterfaces links these).
+struct InterfaceRecord {
+  NetworkInterfaceInfo info;
+  uint32_t ifindex;  // 0: slot never used
+  bool present;      // usable at the latest read
+  bool loopback;
+  bool v4usable;
+  bool v6usable;
+  bool v4joined;  // group membership held on the IPv4 / IPv6 socket
+  bool v6joined;
+  uint8_t naddrs;
+  InterfaceAddress addrs[kMaxInterfaceAddresses];
+};
+
 // Clears the record and names it.  False when the name does not fit.
-bool interface_reset(NetworkInterfaceInfo& info, const char* name, uint32_t ifindex);
-// Adds an address (ignored past mDNS_MaxInterfaceAddrs or when already there)
-// and keeps v4addr/v4mask (first IPv4) and v6addr (first link-local) in step.
-void interface_add_address(NetworkInterfaceInfo& info, const mDNSAddr& address, int prefix_length);
-bool interface_has_family(const NetworkInterfaceInfo& info, int family);
-// True when `source` is in one of the interface's IPv4 subnets, is IPv6
-// link-local, or is in one of the interface's IPv6 prefixes.
-bool interface_source_on_link(const NetworkInterfaceInfo& info, const mDNSAddr& source);
+bool interface_reset(InterfaceRecord& info, const char* name, uint32_t ifindex);
+// Adds an address (ignored past kMaxInterfaceAddresses or when already there).
+void interface_add_address(InterfaceRecord& info, const mDNSAddr& address, int prefix_length);
+bool interface_has_family(const InterfaceRecord& info, int family);
+// True when `source` is in one of the interface's subnets or link-local
+// (IPv4 169.254/16, IPv6 fe80::/10): link-local senders are on every link.
+bool interface_source_on_link(const InterfaceRecord& info, const mDNSAddr& source);
 
 // ---- A read of the host's interfaces ----
 
@@ -40,13 +62,13 @@ struct InterfaceFlags {
 };
 
 struct InterfaceSnapshot {
-  NetworkInterfaceInfo entries[mDNS_MaxInterfaces];
+  InterfaceRecord entries[mDNS_MaxInterfaces];
   InterfaceFlags flags[mDNS_MaxInterfaces];
   size_t count = 0;
 };
 
 // The entry for an interface name, created when new; null when the table is full.
-NetworkInterfaceInfo* snapshot_entry(InterfaceSnapshot& snapshot, const char* name, uint32_t ifindex,
+InterfaceRecord* snapshot_entry(InterfaceSnapshot& snapshot, const char* name, uint32_t ifindex,
                                      const InterfaceFlags& flags);
 // Reads the host's interfaces with getifaddrs.  False when they cannot be read.
 bool read_host_interfaces(InterfaceSnapshot& snapshot);
@@ -64,24 +86,33 @@ class Membership {
   virtual void leave(uint32_t ifindex, int family) = 0;
 };
 
-struct RemovedInterfaces {
-  mDNSInterfaceID ids[mDNS_MaxInterfaces];
-  size_t count = 0;
+// What a read changed: interfaces that went away (or were re-created: they
+// appear in both lists) and interfaces that came.
+struct InterfaceChanges {
+  mDNSInterfaceID removed[mDNS_MaxInterfaces];
+  size_t removed_count = 0;
+  mDNSInterfaceID added[mDNS_MaxInterfaces];
+  size_t added_count = 0;
 };
 
 // Updates `table` (one slot per interface name) from the usable entries of the
 // snapshot: joins the groups of new interfaces and families, leaves those that
-// are gone, frees the slots of vanished interfaces (listed in `removed`) and
-// relinks `*head` through `next` in table order.  A family whose join fails is
-// not usable.
-void reconcile_interfaces(NetworkInterfaceInfo (&table)[mDNS_MaxInterfaces],
+// are gone, marks vanished (or re-created) interfaces absent, lists what went
+// and came in `changes`, and relinks `*head` through `next` in table order.  A slot keeps
+// its name while absent, so an interface that comes back under the same name
+// keeps its ID; new names take slots never used before, then absent ones.  A
+// family whose join fails is not usable.
+void reconcile_interfaces(InterfaceRecord (&table)[mDNS_MaxInterfaces],
                           const InterfaceSnapshot& snapshot, Membership& membership,
-                          NetworkInterfaceInfo** head, RemovedInterfaces& removed);
+                          NetworkInterfaceInfo** head, InterfaceChanges& changes);
 
 // Leaves every group and empties the table.
-void clear_interfaces(NetworkInterfaceInfo (&table)[mDNS_MaxInterfaces], Membership& membership,
+void clear_interfaces(InterfaceRecord (&table)[mDNS_MaxInterfaces], Membership& membership,
                       NetworkInterfaceInfo** head);
 
-const NetworkInterfaceInfo* find_interface(const NetworkInterfaceInfo* head, mDNSInterfaceID id);
+// The present interface of an ID, or null.
+const InterfaceRecord* find_interface(const InterfaceRecord (&table)[mDNS_MaxInterfaces], mDNSInterfaceID id);
+// The ID of table slot `slot`.
+mDNSInterfaceID interface_id_of_slot(size_t slot);
 
 }  // namespace mdns

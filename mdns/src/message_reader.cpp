@@ -2,14 +2,13 @@
 
 #include <cstring>
 
+#include "constants.h"
 #include "names.h"
 
 namespace mdns {
 
 namespace {
 
-constexpr size_t kMaxNameLength = 255;
-constexpr uint16_t kTopBit = 0x8000;
 constexpr size_t kSrvFixedSize = 6;
 
 }  // namespace
@@ -154,8 +153,8 @@ MessageParser::Result MessageParser::next_question(ParsedQuestion& out) {
     stop();
     return Result::kMalformed;
   }
-  out.qclass = static_cast<uint16_t>(qclass & ~kTopBit);
-  out.unicast_response = (qclass & kTopBit) != 0;
+  out.qclass = static_cast<uint16_t>(qclass & ~kClassTopBit);
+  out.unicast_response = (qclass & kClassTopBit) != 0;
   --questions_left_;
   return Result::kOk;
 }
@@ -198,8 +197,8 @@ MessageParser::Result MessageParser::next_record(ParsedRecord& out) {
     return Result::kMalformed;
   }
   next_section(out.section);
-  out.rrclass = static_cast<uint16_t>(rrclass & ~kTopBit);
-  out.cache_flush = (rrclass & kTopBit) != 0;
+  out.rrclass = static_cast<uint16_t>(rrclass & ~kClassTopBit);
+  out.cache_flush = (rrclass & kClassTopBit) != 0;
   out.received_rdlength = rdlength;
   out.rdata_truncated = false;
   out.rdata.MaxRDLength = sizeof(RDataBody);
@@ -258,6 +257,7 @@ bool MessageParser::read_rdata(Reader& data, ParsedRecord& out) {
       rd.length = 16;
       return data.read_bytes(rd.u.ipv6.b, 16);
     case kDNSType_PTR:
+    case kDNSType_CNAME:
       if (!read_name_exactly(data, rd.u.name))
         return false;
       rd.length = static_cast<uint16_t>(name_length(rd.u.name));
@@ -274,35 +274,6 @@ bool MessageParser::read_rdata(Reader& data, ParsedRecord& out) {
       return read_nsec(data, out);
     default:
       return read_raw(data, out);
-  }
-}
-
-bool rdata_equal(uint16_t rrtype, const RData& a, const RData& b) {
-  if (a.length != b.length)
-    return false;
-  switch (rrtype) {
-    case kDNSType_PTR:
-      return names_equal(a.u.name, b.u.name);
-    case kDNSType_SRV:
-      return a.u.srv.priority == b.u.srv.priority && a.u.srv.weight == b.u.srv.weight &&
-             a.u.srv.port.NotAnInteger == b.u.srv.port.NotAnInteger &&
-             names_equal(a.u.srv.target, b.u.srv.target);
-    case kDNSType_NSEC: {
-      domainname na{};
-      domainname nb{};
-      const size_t len = a.length < sizeof(na.c) ? a.length : sizeof(na.c);
-      std::memcpy(na.c, a.u.data, len);
-      std::memcpy(nb.c, b.u.data, len);
-      const size_t name_len = name_length(na);
-      if (name_len == 0 || name_len > a.length || !names_equal(na, nb)) {
-        return std::memcmp(a.u.data, b.u.data, a.length) == 0;
-      }
-      return std::memcmp(a.u.data + name_len, b.u.data + name_len, a.length - name_len) == 0;
-    }
-    default: {
-      const size_t len = a.length < mDNS_MaxRDataSize ? a.length : mDNS_MaxRDataSize;
-      return std::memcmp(a.u.data, b.u.data, len) == 0;
-    }
   }
 }
 

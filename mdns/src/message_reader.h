@@ -113,7 +113,4 @@ class MessageParser {
   uint32_t additionals_left_ = 0;
 };
 
-// Equality of record data in canonical form, names compared case-insensitively.
-bool rdata_equal(uint16_t rrtype, const RData& a, const RData& b);
-
 }  // namespace mdns

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "constants.h"
 #include "message_reader.h"
 #include "names.h"
 
@@ -11,13 +12,11 @@ namespace {
 
 constexpr size_t kHeaderSize = 12;
 constexpr size_t kMaxPointerOffset = 0x3FFF;
-constexpr uint16_t kFlagTruncated = 0x0200;
-constexpr uint16_t kUnicastResponseBit = 0x8000;
 
 }  // namespace
 
-QueryWriter::QueryWriter(uint8_t* buffer, size_t capacity)
-    : buf_(buffer), cap_(capacity), pos_(capacity < kHeaderSize ? capacity : kHeaderSize) {}
+QueryWriter::QueryWriter(uint8_t* buffer, size_t capacity, uint16_t id, uint16_t flags)
+    : buf_(buffer), cap_(capacity), pos_(capacity < kHeaderSize ? capacity : kHeaderSize), id_(id), flags_(flags) {}
 
 bool QueryWriter::rollback(Mark m) {
   pos_ = m.pos;
@@ -119,7 +118,7 @@ bool QueryWriter::add_question(const domainname& name, uint16_t qtype, uint16_t 
   if (ancount_ > 0 || qdcount_ == UINT16_MAX)
     return false;
   const Mark m = mark();
-  const uint16_t cls = static_cast<uint16_t>(unicast_response ? (qclass | kUnicastResponseBit) : qclass);
+  const uint16_t cls = static_cast<uint16_t>(unicast_response ? (qclass | kClassTopBit) : qclass);
   if (!write_name(name) || !put_u16(qtype) || !put_u16(cls))
     return rollback(m);
   ++qdcount_;
@@ -144,14 +143,13 @@ bool QueryWriter::add_known_answer(const domainname& name, uint16_t rrtype, uint
 }
 
 void QueryWriter::set_truncated() {
-  truncated_ = true;
+  flags_ = static_cast<uint16_t>(flags_ | kFlagTruncated);
 }
 
 size_t QueryWriter::finish() {
   if (cap_ < kHeaderSize)
     return 0;
-  const uint16_t flags = truncated_ ? kFlagTruncated : 0;
-  const uint16_t fields[6] = {0, flags, qdcount_, ancount_, 0, 0};
+  const uint16_t fields[6] = {id_, flags_, qdcount_, ancount_, 0, 0};
   for (int i = 0; i < 6; ++i) {
     buf_[2 * i] = static_cast<uint8_t>(fields[i] >> 8);
     buf_[2 * i + 1] = static_cast<uint8_t>(fields[i]);

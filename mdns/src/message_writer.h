@@ -19,7 +19,7 @@ class QueryWriter {
  public:
   static constexpr int kMaxCompressionTargets = 64;
 
-  QueryWriter(uint8_t* buffer, size_t capacity);
+  QueryWriter(uint8_t* buffer, size_t capacity, uint16_t id = 0, uint16_t flags = 0);
 
   bool add_question(const domainname& name, uint16_t qtype, uint16_t qclass, bool unicast_response = false);
   // A known answer: a cached record with its remaining TTL.
@@ -27,7 +27,7 @@ class QueryWriter {
                         const RData& rdata);
   void set_truncated();  // TC bit: more known answers follow
 
-  // Finishes the header (ID 0, counts) and returns the message length.
+  // Finishes the header (ID, flags, counts) and returns the message length.
   size_t finish();
   uint16_t question_count() const { return qdcount_; }
   uint16_t answer_count() const { return ancount_; }
@@ -54,7 +54,8 @@ class QueryWriter {
   size_t pos_;
   uint16_t qdcount_ = 0;
   uint16_t ancount_ = 0;
-  bool truncated_ = false;
+  uint16_t id_;
+  uint16_t flags_;
   uint16_t targets_[kMaxCompressionTargets];  // offsets of names (and their suffixes) written
   int target_count_ = 0;
 };

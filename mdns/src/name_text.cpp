@@ -1,11 +1,12 @@
 // The public text <-> wire conversions of DNS names.
 #include <cstring>
 
+#include "constants.h"
 #include "names.h"
 
 namespace {
 
-constexpr size_t kMaxNameLength = 255;
+using mdns::kMaxNameLength;
 
 bool is_digit(char c) {
   return c >= '0' && c <= '9';

@@ -1,4 +1,5 @@
-// Wire-form DNS names: lengths, comparison, hashing and text conversions.
+// Wire-form DNS names: lengths, building and taking apart.  (Equality and
+// hashing are in identity.h.)
 #pragma once
 
 #include <cstddef>
@@ -12,20 +13,11 @@ namespace mdns {
 // name is malformed (label over 63, reserved label type, longer than 255).
 size_t name_length(const domainname& name);
 
-// Case-insensitive (ASCII) equality of two wire-form names.
-bool names_equal(const domainname& a, const domainname& b);
-
-// Case-insensitive hash, equal for names that names_equal() says are equal.
-uint32_t name_hash(const domainname& name);
-
 // Appends `tail` to `head` (head's root label replaced); false if too long.
 bool append_name(domainname& head, const domainname& tail);
 
-// Builds <label>.<rest>; false if too long.
+// Builds <label>.<rest>; false if too long or the label is empty.
 bool prepend_label(domainname& out, const domainlabel& label, const domainname& rest);
-
-// Sets `name` to the root name.
-void set_root(domainname& name);
 
 // Number of labels before the root; 0 for the root and for a malformed name.
 size_t label_count(const domainname& name);
@@ -40,5 +32,11 @@ const uint8_t* skip_labels(const domainname& name, size_t count);
 // Case-insensitive (ASCII) comparison of one wire label (length byte first)
 // with a text.
 bool label_equals(const uint8_t* label, const char* text);
+
+// True when `name` is `ancestor` or a name under it.
+bool name_is_under(const domainname& name, const domainname& ancestor);
+
+// Whether `name` is exactly one label (returned in `label`) followed by `parent`.
+bool split_first_label(const domainname& name, const domainname& parent, domainlabel& label);
 
 }  // namespace mdns

@@ -1,13 +1,17 @@
 // The POSIX platform: sockets, interfaces, clock and randomness for the engine.
 #include <sys/random.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 
 #include "engine.h"
 #include "interfaces_posix.h"
 #include "platform.h"
+#include "platform_state.h"
 #include "sockets_posix.h"
 
 namespace mdns {
@@ -16,13 +20,13 @@ namespace {
 
 class SocketMembership : public Membership {
  public:
-  explicit SocketMembership(mDNS_PlatformSupport* p) : p_(p) {}
+  explicit SocketMembership(PlatformState& p) : p_(p) {}
   bool join(uint32_t ifindex, int family) override { return join_group(socket_for(family), family, ifindex); }
   void leave(uint32_t ifindex, int family) override { leave_group(socket_for(family), family, ifindex); }
 
  private:
-  int socket_for(int family) const { return family == mDNSAddrType_IPv4 ? p_->sock_v4 : p_->sock_v6; }
-  mDNS_PlatformSupport* p_;
+  int socket_for(int family) const { return family == mDNSAddrType_IPv4 ? p_.sock_v4 : p_.sock_v6; }
+  PlatformState& p_;
 };
 
 class SyntheticMembership : public Membership {
@@ -31,155 +35,253 @@ class SyntheticMembership : public Membership {
   void leave(uint32_t, int) override {}
 };
 
-void read_synthetic_interfaces(const mDNS_PlatformSupport* p, InterfaceSnapshot& snapshot) {
-  for (const auto& entry : p->test_interfaces) {
-    if (entry.ifindex == 0 || snapshot.count >= mDNS_MaxInterfaces) {
-      continue;
-    }
-    snapshot.entries[snapshot.count] = entry;
-    snapshot.entries[snapshot.count].v4usable = interface_has_family(entry, mDNSAddrType_IPv4) ? 1 : 0;
-    snapshot.entries[snapshot.count].v6usable = interface_has_family(entry, mDNSAddrType_IPv6) ? 1 : 0;
-    ++snapshot.count;
-  }
-}
-
 // Reads the interfaces and brings the live table in line.  The engine hears of
 // each vanished interface after the table no longer lists it.
 mStatus update_interfaces(mDNS* m, bool tell_engine) {
-  mDNS_PlatformSupport* p = m->p;
-  InterfaceSnapshot snapshot;
-  RemovedInterfaces removed;
-  if (p->test_mode) {
-    read_synthetic_interfaces(p, snapshot);
+  PlatformState& p = platform_of(m);
+  InterfaceChanges changes;
+  if (p.test_mode) {
+    InterfaceSnapshot snapshot;
+    if (p.test_interfaces != nullptr) {
+      snapshot = *p.test_interfaces;
+    }
     SyntheticMembership membership;
-    reconcile_interfaces(p->interfaces, snapshot, membership, &m->HostInterfaces, removed);
+    reconcile_interfaces(p.interfaces, snapshot, membership, &m->HostInterfaces, changes);
   } else {
+    InterfaceSnapshot snapshot;
     if (!read_host_interfaces(snapshot)) {
       return mStatus_UnknownErr;
     }
     mark_usable(snapshot);
     SocketMembership membership(p);
-    reconcile_interfaces(p->interfaces, snapshot, membership, &m->HostInterfaces, removed);
+    reconcile_interfaces(p.interfaces, snapshot, membership, &m->HostInterfaces, changes);
   }
   if (tell_engine) {
-    const int32_t now = engine_now(m);
-    for (size_t i = 0; i < removed.count; ++i) {
-      engine_interface_removed(m, removed.ids[i], now);
+    for (size_t i = 0; i < changes.removed_count; ++i) {
+      engine_interface_removed(m, changes.removed[i]);
+    }
+    for (size_t i = 0; i < changes.added_count; ++i) {
+      engine_interface_added(m, changes.added[i]);
     }
   }
   return mStatus_NoError;
 }
 
-NetworkInterfaceInfo* synthetic_interface(mDNS_PlatformSupport* p, uint32_t ifindex) {
-  for (auto& entry : p->test_interfaces) {
-    if (entry.ifindex == ifindex) {
-      return &entry;
-    }
-  }
-  return nullptr;
+void close_all(PlatformState& p) {
+  close_socket(p.sock_v4);
+  close_socket(p.sock_v6);
+  close_socket(p.one_shot_v4);
+  close_socket(p.one_shot_v6);
+  close_socket(p.netlink);
 }
 
-NetworkInterfaceInfo* free_synthetic_interface(mDNS_PlatformSupport* p) {
-  return synthetic_interface(p, 0);
+bool open_sockets(PlatformState& p) {
+  p.sock_v4 = open_mdns_socket(mDNSAddrType_IPv4);
+  p.sock_v6 = open_mdns_socket(mDNSAddrType_IPv6);
+  p.one_shot_v4 = open_one_shot_socket(mDNSAddrType_IPv4);
+  p.one_shot_v6 = open_one_shot_socket(mDNSAddrType_IPv6);
+  // Without netlink the core still works; interface changes then wait for a refresh.
+  p.netlink = open_netlink_socket();
+  // A host without IPv6 (or without IPv4) still works on the other family.
+  return p.sock_v4 >= 0 || p.sock_v6 >= 0;
+}
+
+bool parse_name_server(const char* line, mDNSAddr& out) {
+  char keyword[16];
+  char address[64];
+  if (std::sscanf(line, " %15s %63s", keyword, address) != 2 || std::strcmp(keyword, "nameserver") != 0) {
+    return false;
+  }
+  char* zone = std::strchr(address, '%');  // a scoped IPv6 address: the scope is not kept
+  if (zone != nullptr) {
+    *zone = '\0';
+  }
+  out = address_from_text(address);
+  return out.type != mDNSAddrType_None;
 }
 
 }  // namespace
 
-mDNSInterfaceID platform_interface_id(uint32_t ifindex) {
-  return reinterpret_cast<mDNSInterfaceID>(static_cast<uintptr_t>(ifindex));
+PlatformState& platform_of(mDNS* m) {
+  return *reinterpret_cast<PlatformState*>(core_of(m).platform->Private.storage);
 }
 
 mStatus platform_init(mDNS* m) {
-  if (m == nullptr || m->p == nullptr) {
-    return mStatus_BadParamErr;
-  }
-  mDNS_PlatformSupport* p = m->p;
-  p->sock_v4 = -1;
-  p->sock_v6 = -1;
-  for (auto& slot : p->interfaces) {
-    slot = NetworkInterfaceInfo{};
+  PlatformState& p = platform_of(m);
+  p.sock_v4 = p.sock_v6 = p.one_shot_v4 = p.one_shot_v6 = p.netlink = -1;
+  for (auto& slot : p.interfaces) {
+    slot = InterfaceRecord{};
   }
   m->HostInterfaces = nullptr;
-  if (!p->test_mode) {
-    p->sock_v4 = open_mdns_socket(mDNSAddrType_IPv4);
-    p->sock_v6 = open_mdns_socket(mDNSAddrType_IPv6);
-    // A host without IPv6 (or without IPv4) still works on the other family.
-    if (p->sock_v4 < 0 && p->sock_v6 < 0) {
-      return mStatus_UnknownErr;
-    }
+  if (!p.test_mode && !open_sockets(p)) {
+    close_all(p);
+    return mStatus_UnknownErr;
   }
   const mStatus status = update_interfaces(m, false);
   if (status != mStatus_NoError) {
-    close_socket(p->sock_v4);
-    close_socket(p->sock_v6);
+    close_all(p);
     return status;
   }
-  p->open = 1;
+  p.open = true;
   return mStatus_NoError;
 }
 
 void platform_close(mDNS* m) {
-  if (m == nullptr || m->p == nullptr) {
-    return;
-  }
-  mDNS_PlatformSupport* p = m->p;
-  if (p->test_mode) {
+  PlatformState& p = platform_of(m);
+  if (p.test_mode) {
     SyntheticMembership membership;
-    clear_interfaces(p->interfaces, membership, &m->HostInterfaces);
+    clear_interfaces(p.interfaces, membership, &m->HostInterfaces);
   } else {
     SocketMembership membership(p);
-    clear_interfaces(p->interfaces, membership, &m->HostInterfaces);
-    close_socket(p->sock_v4);
-    close_socket(p->sock_v6);
+    clear_interfaces(p.interfaces, membership, &m->HostInterfaces);
+    close_all(p);
   }
-  p->open = 0;
+  p.open = false;
 }
 
 mStatus platform_refresh_interfaces(mDNS* m) {
-  if (m == nullptr || m->p == nullptr || !m->p->open) {
+  if (!platform_of(m).open) {
     return mStatus_NotInitializedErr;
   }
   return update_interfaces(m, true);
 }
 
-bool platform_send(mDNS* m, mDNSInterfaceID interface_id, int family, const uint8_t* message, size_t length) {
-  if (m == nullptr || m->p == nullptr || message == nullptr) {
-    return false;
-  }
-  const NetworkInterfaceInfo* info = find_interface(m->HostInterfaces, interface_id);
-  if (info == nullptr) {
-    return false;
-  }
-  const bool usable =
-      family == mDNSAddrType_IPv4 ? info->v4usable : family == mDNSAddrType_IPv6 && info->v6usable;
-  if (!usable) {
-    return false;
-  }
-  mDNS_PlatformSupport* p = m->p;
-  bool sent;
-  if (p->test_mode) {
-    if (p->send_hook != nullptr) {
-      p->send_hook(p->send_context, interface_id, family, message, length);
-    }
-    sent = true;
-  } else {
-    const int fd = family == mDNSAddrType_IPv4 ? p->sock_v4 : p->sock_v6;
-    sent = send_to_group(fd, family, info->ifindex, message, length);
-  }
-  if (sent) {
-    ++m->counters.packets_sent;
-    m->counters.bytes_sent += static_cast<mDNSu32>(length);
-  }
-  return sent;
+const NetworkInterfaceInfo* platform_interface(const mDNS* m, mDNSInterfaceID interface_id) {
+  const InterfaceRecord* record = find_interface(platform_of(const_cast<mDNS*>(m)).interfaces, interface_id);
+  return record != nullptr ? &record->info : nullptr;
+}
+
+bool platform_interface_usable(const mDNS* m, mDNSInterfaceID interface_id, int family) {
+  const InterfaceRecord* record = find_interface(platform_of(const_cast<mDNS*>(m)).interfaces, interface_id);
+  return record != nullptr && (family == mDNSAddrType_IPv4 ? record->v4usable : record->v6usable);
 }
 
 bool platform_source_on_link(const mDNS* m, mDNSInterfaceID interface_id, const mDNSAddr& source) {
-  const NetworkInterfaceInfo* info = platform_interface(m, interface_id);
-  return info != nullptr && interface_source_on_link(*info, source);
+  const InterfaceRecord* record = find_interface(platform_of(const_cast<mDNS*>(m)).interfaces, interface_id);
+  return record != nullptr && interface_source_on_link(*record, source);
 }
 
-const NetworkInterfaceInfo* platform_interface(const mDNS* m, mDNSInterfaceID interface_id) {
-  return m == nullptr ? nullptr : find_interface(m->HostInterfaces, interface_id);
+mDNSInterfaceID platform_interface_id_of(const mDNS* m, const char* ifname) {
+  for (const NetworkInterfaceInfo* i = m->HostInterfaces; i != nullptr; i = i->next) {
+    if (std::strncmp(i->ifname, ifname, sizeof i->ifname) == 0) {
+      return i->InterfaceID;
+    }
+  }
+  return mDNSInterface_Any;
+}
+
+mDNSInterfaceID platform_interface_of_index(mDNS* m, uint32_t ifindex) {
+  for (size_t i = 0; i < mDNS_MaxInterfaces; ++i) {
+    const InterfaceRecord& record = platform_of(m).interfaces[i];
+    if (record.present && record.ifindex == ifindex) {
+      return record.info.InterfaceID;
+    }
+  }
+  return mDNSInterface_Any;
+}
+
+bool platform_send_multicast(mDNS* m, Transport transport, mDNSInterfaceID interface_id, int family,
+                             const uint8_t* message, size_t length) {
+  PlatformState& p = platform_of(m);
+  const InterfaceRecord* record = find_interface(p.interfaces, interface_id);
+  if (record == nullptr || !(family == mDNSAddrType_IPv4 ? record->v4usable : record->v6usable)) {
+    return false;
+  }
+  if (p.test_mode) {
+    if (p.send_hook != nullptr) {
+      SentMessage sent{};
+      sent.transport = transport;
+      sent.interface_id = interface_id;
+      sent.family = family;
+      sent.port = kMdnsPort;
+      sent.data = message;
+      sent.length = length;
+      p.send_hook(p.send_context, sent);
+    }
+    return true;
+  }
+  const bool one_shot = transport == Transport::kOneShot;
+  const int fd = family == mDNSAddrType_IPv4 ? (one_shot ? p.one_shot_v4 : p.sock_v4)
+                                              : (one_shot ? p.one_shot_v6 : p.sock_v6);
+  return send_to_group(fd, family, record->ifindex, message, length);
+}
+
+namespace {
+
+int open_test_socket(PlatformState& p, const mDNSAddr& server, uint16_t port, bool tcp) {
+  const uint32_t n = p.next_test_socket++ % kTestSockets;
+  p.test_sockets[n] = TestSocket{server, port, tcp};
+  return kTestSocketBase + static_cast<int>(n);
+}
+
+}  // namespace
+
+int platform_open_dns_udp(mDNS* m, const mDNSAddr& server, uint16_t port) {
+  PlatformState& p = platform_of(m);
+  return p.test_mode ? open_test_socket(p, server, port, false) : open_dns_socket(server, port, false);
+}
+
+int platform_open_dns_tcp(mDNS* m, const mDNSAddr& server, uint16_t port) {
+  PlatformState& p = platform_of(m);
+  return p.test_mode ? open_test_socket(p, server, port, true) : open_dns_socket(server, port, true);
+}
+
+bool platform_test_socket(mDNS* m, int socket, mDNSAddr& server, uint16_t& port, bool& tcp) {
+  PlatformState& p = platform_of(m);
+  if (!p.test_mode || socket < kTestSocketBase || socket >= kTestSocketBase + kTestSockets) {
+    return false;
+  }
+  const TestSocket& s = p.test_sockets[socket - kTestSocketBase];
+  server = s.server;
+  port = s.port;
+  tcp = s.tcp;
+  return true;
+}
+
+void platform_close_dns(mDNS* m, int fd) {
+  if (!platform_of(m).test_mode) {
+    close_socket(fd);
+  }
+}
+
+long platform_dns_send(mDNS* m, int fd, const uint8_t* data, size_t length) {
+  PlatformState& p = platform_of(m);
+  if (p.test_mode) {
+    mDNSAddr server{};
+    uint16_t port = 0;
+    bool tcp = false;
+    if (p.send_hook != nullptr && platform_test_socket(m, fd, server, port, tcp)) {
+      SentMessage sent{};
+      sent.transport = tcp ? Transport::kUnicastTcp : Transport::kUnicastDns;
+      sent.destination = server;
+      sent.port = port;
+      sent.socket = fd;
+      sent.data = data;
+      sent.length = length;
+      p.send_hook(p.send_context, sent);
+    }
+    return static_cast<long>(length);
+  }
+  const ssize_t n = send(fd, data, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+  if (n < 0) {
+    return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
+  }
+  return n;
+}
+
+long platform_dns_receive(mDNS* m, int fd, uint8_t* buffer, size_t capacity) {
+  if (platform_of(m).test_mode) {
+    return 0;
+  }
+  const ssize_t n = recv(fd, buffer, capacity, MSG_DONTWAIT);
+  if (n < 0) {
+    return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? 0 : -1;
+  }
+  return n == 0 && capacity > 0 ? -1 : n;  // 0 from a stream: the server closed it
+}
+
+int platform_dns_connected(mDNS* m, int fd) {
+  return platform_of(m).test_mode ? 1 : connect_result(fd);
 }
 
 int32_t platform_now_ms() {
@@ -201,59 +303,58 @@ uint32_t platform_random_seed() {
          (static_cast<uint32_t>(getpid()) << 16);
 }
 
+uint16_t platform_random_id() {
+  uint16_t id = 0;
+  if (getrandom(&id, sizeof id, GRND_NONBLOCK) == static_cast<ssize_t>(sizeof id)) {
+    return id;
+  }
+  return static_cast<uint16_t>(platform_random_seed());
+}
+
+int platform_read_name_servers(mDNS* m, mDNSAddr* servers, uint16_t* ports, int capacity) {
+  PlatformState& p = platform_of(m);
+  if (p.test_mode) {
+    const int n = p.test_server_count < capacity ? p.test_server_count : capacity;
+    for (int i = 0; i < n; ++i) {
+      servers[i] = p.test_name_servers[i].address;
+      ports[i] = p.test_name_servers[i].port;
+    }
+    return n;
+  }
+  FILE* file = std::fopen("/etc/resolv.conf", "re");
+  if (file == nullptr) {
+    return 0;
+  }
+  int n = 0;
+  char line[512];
+  while (n < capacity && std::fgets(line, sizeof line, file) != nullptr) {
+    if (parse_name_server(line, servers[n])) {
+      ports[n++] = kDnsPort;
+    }
+  }
+  std::fclose(file);
+  return n;
+}
+
+void platform_use_test_mode(mDNS_PlatformSupport* p, const InterfaceSnapshot* interfaces) {
+  PlatformState& state = *reinterpret_cast<PlatformState*>(p->Private.storage);
+  state.test_mode = true;
+  state.test_interfaces = interfaces;
+}
+
 void platform_set_send_hook(mDNS_PlatformSupport* p, SendHook hook, void* context) {
-  if (p == nullptr) {
-    return;
-  }
-  p->send_hook = hook;
-  p->send_context = context;
+  PlatformState& state = *reinterpret_cast<PlatformState*>(p->Private.storage);
+  state.send_hook = hook;
+  state.send_context = context;
 }
 
-bool platform_test_add_interface(mDNS_PlatformSupport* p, const char* name, uint32_t ifindex, const char* v4,
-                                 const char* v4mask) {
-  if (p == nullptr) {
-    return false;
+void platform_test_set_name_servers(mDNS_PlatformSupport* p, const mDNSAddr* servers, const uint16_t* ports,
+                                    int count) {
+  PlatformState& state = *reinterpret_cast<PlatformState*>(p->Private.storage);
+  state.test_server_count = count < kMaxNameServers ? count : kMaxNameServers;
+  for (int i = 0; i < state.test_server_count; ++i) {
+    state.test_name_servers[i] = NameServer{servers[i], ports[i]};
   }
-  NetworkInterfaceInfo* entry = synthetic_interface(p, ifindex);
-  if (entry == nullptr) {
-    entry = free_synthetic_interface(p);
-  }
-  if (entry == nullptr || !interface_reset(*entry, name, ifindex)) {
-    return false;
-  }
-  if (v4 == nullptr) {
-    return true;
-  }
-  const mDNSAddr address = address_from_text(v4);
-  const mDNSAddr mask = address_from_text(v4mask != nullptr ? v4mask : "255.255.255.255");
-  const int prefix = mask.type == mDNSAddrType_IPv4 ? prefix_length_from_mask(mask.ip.v4.b, 4) : -1;
-  if (address.type != mDNSAddrType_IPv4 || prefix < 0) {
-    *entry = NetworkInterfaceInfo{};
-    return false;
-  }
-  interface_add_address(*entry, address, prefix);
-  return true;
-}
-
-bool platform_test_add_address(mDNS_PlatformSupport* p, uint32_t ifindex, const char* address,
-                               int prefix_length) {
-  NetworkInterfaceInfo* entry = p == nullptr || ifindex == 0 ? nullptr : synthetic_interface(p, ifindex);
-  const mDNSAddr parsed = address_from_text(address);
-  if (entry == nullptr || parsed.type == mDNSAddrType_None) {
-    return false;
-  }
-  const mDNSu8 before = entry->naddrs;
-  interface_add_address(*entry, parsed, prefix_length);
-  return entry->naddrs != before;
-}
-
-bool platform_test_remove_interface(mDNS_PlatformSupport* p, uint32_t ifindex) {
-  NetworkInterfaceInfo* entry = p == nullptr || ifindex == 0 ? nullptr : synthetic_interface(p, ifindex);
-  if (entry == nullptr) {
-    return false;
-  }
-  *entry = NetworkInterfaceInfo{};
-  return true;
 }
 
 }  // namespace mdns

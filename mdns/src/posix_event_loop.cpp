@@ -2,11 +2,16 @@
 // sockets and hands the ready set back.
 #include <sys/select.h>
 
+#include <initializer_list>
+
 #include "engine.h"
 #include "interfaces_posix.h"
 #include "platform.h"
+#include "platform_state.h"
 #include "sockets_posix.h"
+#include "unicast_dns.h"
 
+namespace mdns {
 namespace {
 
 // So that a flood on the network cannot keep the loop from its timers.
@@ -27,29 +32,27 @@ bool socket_ready(int fd, const fd_set* readfds) {
 }
 
 void count_platform_drop(mDNS* m) {
-  ++m->counters.packets_received;
-  ++m->counters.packets_dropped;
+  CoreState& core = core_of(m);
+  core.counters.packets_received++;
+  core.counters.packets_dropped++;
 }
 
-void drain_socket(mDNS* m, int fd, int32_t now) {
-  for (int i = 0; i < kMaxDatagramsPerSocket; ++i) {
-    mdns::Datagram datagram;
-    if (mdns::receive_datagram(fd, m->rxbuf, sizeof m->rxbuf, datagram) == mdns::ReadStatus::kEmpty) {
+void drain_socket(mDNS* m, int fd, Transport transport) {
+  CoreState& core = core_of(m);
+  for (int i = 0; i < kMaxDatagramsPerSocket && core.initialized; ++i) {
+    Datagram datagram;
+    if (receive_datagram(fd, core.rxbuf, sizeof core.rxbuf, datagram) == ReadStatus::kEmpty) {
       return;
     }
-    const mDNSInterfaceID interface_id = mdns::platform_interface_id(datagram.ifindex);
     // Only interfaces the core uses: the reuse of the port also brings traffic
     // that arrived elsewhere.
-    if (datagram.truncated || datagram.source.type == mDNSAddrType_None ||
-        mdns::platform_interface(m, interface_id) == nullptr) {
+    const mDNSInterfaceID interface_id = platform_interface_of_index(m, datagram.ifindex);
+    if (datagram.truncated || datagram.source.type == mDNSAddrType_None || interface_id == mDNSInterface_Any) {
       count_platform_drop(m);
       continue;
     }
-    mdns::engine_receive(m, m->rxbuf, datagram.length, datagram.source, datagram.source_port, interface_id,
-                         now);
-    if (m->p == nullptr || !m->p->open) {
-      return;  // a callback shut the core down
-    }
+    const Arrival arrival{datagram.source, datagram.source_port, interface_id, transport};
+    engine_receive(m, core.rxbuf, datagram.length, arrival);
   }
 }
 
@@ -68,42 +71,68 @@ void shorten_timeout(struct timeval* timeout, int32_t wait_ms) {
   }
 }
 
+bool usable(mDNS* m) {
+  return m != nullptr && core_of(m).initialized && platform_of(m).open;
+}
+
 }  // namespace
+}  // namespace mdns
+
+using namespace mdns;
 
 extern "C" {
 
 MDNS_API void mDNSPosixGetFDSet(mDNS* m, int* nfds, fd_set* readfds, struct timeval* timeout) {
-  if (m == nullptr || m->p == nullptr || !m->p->open) {
+  if (!usable(m)) {
     return;
   }
   if (nfds != nullptr && readfds != nullptr) {
-    add_socket(m->p->sock_v4, nfds, readfds);
-    add_socket(m->p->sock_v6, nfds, readfds);
+    const PlatformState& p = platform_of(m);
+    for (int fd : {p.sock_v4, p.sock_v6, p.one_shot_v4, p.one_shot_v6, p.netlink}) {
+      add_socket(fd, nfds, readfds);
+    }
+    unicast_add_sockets(m, nfds, readfds);
   }
-  shorten_timeout(timeout, mdns::engine_time_to_next_event(m, mdns::engine_now(m)));
+  shorten_timeout(timeout, engine_time_to_next_event(m, engine_now(m)));
 }
 
 MDNS_API void mDNSPosixProcessFDSet(mDNS* const m, fd_set* readfds) {
-  if (m == nullptr || m->p == nullptr || !m->p->open) {
+  if (!usable(m)) {
     return;
   }
-  const int32_t now = mdns::engine_now(m);
-  if (socket_ready(m->p->sock_v4, readfds)) {
-    drain_socket(m, m->p->sock_v4, now);
+  engine_begin_pass(m);
+  PlatformState& p = platform_of(m);
+  // Interfaces first, so that what arrives is judged against the links as they are now.
+  if (socket_ready(p.netlink, readfds) && drain_netlink(p.netlink)) {
+    (void)platform_refresh_interfaces(m);
   }
-  if (m->p != nullptr && socket_ready(m->p->sock_v6, readfds)) {
-    drain_socket(m, m->p->sock_v6, now);
+  const struct {
+    int fd;
+    Transport transport;
+  } sockets[] = {{p.sock_v4, Transport::kMulticast},
+                 {p.sock_v6, Transport::kMulticast},
+                 {p.one_shot_v4, Transport::kOneShot},
+                 {p.one_shot_v6, Transport::kOneShot}};
+  for (const auto& s : sockets) {
+    if (usable(m) && socket_ready(s.fd, readfds)) {
+      drain_socket(m, s.fd, s.transport);
+    }
   }
-  if (m->p != nullptr && m->p->open) {
-    mdns::engine_run_scheduled(m, now);
+  if (usable(m)) {
+    unicast_read_sockets(m, readfds);
+  }
+  if (usable(m)) {
+    engine_run_scheduled(m);
   }
 }
 
 MDNS_API mStatus mDNSPlatformPosixRefreshInterfaceList(mDNS* const m) {
-  if (m == nullptr || !m->Initialized) {
+  if (m == nullptr || !core_of(m).initialized) {
     return mStatus_NotInitializedErr;
   }
-  return mdns::platform_refresh_interfaces(m);
+  (void)engine_clock(m);
+  unicast_reset(m);
+  return platform_refresh_interfaces(m);
 }
 
 }  // extern "C"

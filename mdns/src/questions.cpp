@@ -1,98 +1,118 @@
 #include "questions.h"
 
-#include "cache.h"
-#include "clock.h"
+#include <cstring>
+
+#include "browse_answers.h"
+#include "identity.h"
 #include "names.h"
+#include "query_schedule.h"
 
 namespace mdns {
 namespace {
 
-constexpr uint32_t kFirstQueryMinDelayMs = 20;
-constexpr uint32_t kFirstQueryMaxDelayMs = 120;
-constexpr int32_t kSecondQueryInterval = 1000;
-
-bool has_fresh_answer(mDNS* m, const DNSQuestion& q) {
-  for (CacheRecord* rr = cache_bucket_first(m, q.qnamehash); rr != nullptr; rr = cache_bucket_next(m, rr)) {
-    if (rr->InUse && !rr->ExpiryPending && question_answered_by(q, rr->resrec)) {
-      return true;
-    }
-  }
-  return false;
+DNSQuestion*& bucket_head(CoreState& core, uint32_t hash) {
+  return core.question_buckets[hash % kQuestionBuckets];
 }
 
-void schedule_first_query(mDNS* m, DNSQuestion* q, int32_t now) {
-  q->SentOnce = 0;
-  q->StartTime = now;
-  q->ThisQInterval = kSecondQueryInterval;
-  q->NextQTime = time_add(now, random_between(m, kFirstQueryMinDelayMs, kFirstQueryMaxDelayMs));
+// Identical on the wire and in what the core does with the answers.
+bool same_group(const DNSQuestion& a, const DNSQuestion& b) {
+  const QuestionState& sa = state_of(&a);
+  const QuestionState& sb = state_of(&b);
+  return sa.name_hash == sb.name_hash && a.qtype == b.qtype && a.qclass == b.qclass &&
+         a.InterfaceID == b.InterfaceID && (sa.kind == QuestionKind::kBrowse) == (sb.kind == QuestionKind::kBrowse) &&
+         names_equal(a.qname, b.qname);
 }
 
-// A unique record that is cached needs no periodic queries: its refresh points
-// keep it alive.  Querying resumes once the answer goes away.
-void rest_schedule(DNSQuestion* q, int32_t now) {
-  q->SentOnce = 1;
-  q->ThisQInterval = kMaxQueryInterval;
-  q->NextQTime = time_add(now, kMaxQueryInterval);
-}
-
-// An identical question already querying sets the pace: asking again at once
-// would only repeat what is on the wire (or about to be).
-const DNSQuestion* querying_twin(const mDNS* m, const DNSQuestion& q) {
-  for (const DNSQuestion* it = m->Questions; it != nullptr; it = it->next) {
-    if (it != &q && it->InterfaceID == q.InterfaceID && it->ThisQInterval < kMaxQueryInterval &&
-        same_question(*it, q)) {
+DNSQuestion* find_leader(CoreState& core, const DNSQuestion& q) {
+  for (DNSQuestion* it = bucket_head(core, state_of(&q).name_hash); it != nullptr; it = state_of(it).bucket_next) {
+    if (it != &q && state_of(it).leader == nullptr && same_group(*it, q)) {
       return it;
     }
   }
   return nullptr;
 }
 
-void share_schedule(DNSQuestion* q, const DNSQuestion& twin) {
-  q->SentOnce = twin.SentOnce;
-  q->StartTime = twin.StartTime;
-  q->LastQTime = twin.LastQTime;
-  q->ThisQInterval = twin.ThisQInterval;
-  q->NextQTime = twin.NextQTime;
+void link_into_bucket(CoreState& core, DNSQuestion* q) {
+  QuestionState& s = state_of(q);
+  DNSQuestion*& head = bucket_head(core, s.name_hash);
+  s.bucket_prev = nullptr;
+  s.bucket_next = head;
+  if (head != nullptr) {
+    state_of(head).bucket_prev = q;
+  }
+  head = q;
 }
 
-void track_answer(mDNS* m, DNSQuestion* q, QC_result kind, int32_t now, RemoveCause cause) {
-  if (kind == QC_add) {
-    q->CurrentAnswers++;
-    if (is_unique_type(q->qtype)) {
-      rest_schedule(q, now);
+void unlink_from_bucket(CoreState& core, DNSQuestion* q) {
+  QuestionState& s = state_of(q);
+  if (s.bucket_prev != nullptr) {
+    state_of(s.bucket_prev).bucket_next = s.bucket_next;
+  } else {
+    bucket_head(core, s.name_hash) = s.bucket_next;
+  }
+  if (s.bucket_next != nullptr) {
+    state_of(s.bucket_next).bucket_prev = s.bucket_prev;
+  }
+  // Walks that would visit it next step over it.
+  for (int i = 0; i < core.walk_depth; ++i) {
+    if (core.walk_cursors[i] == q) {
+      core.walk_cursors[i] = s.bucket_next;
     }
-    return;
-  }
-  if (q->CurrentAnswers > 0) {
-    q->CurrentAnswers--;
-  }
-  // An evicted answer still exists on the network: asking for it again would
-  // only push another answer out of the full cache, and so on without end.
-  if (q->CurrentAnswers == 0 && is_unique_type(q->qtype) && cause == RemoveCause::kGone) {
-    schedule_first_query(m, q, now);
-    m->NextScheduledEvent = time_min(m->NextScheduledEvent, q->NextQTime);
   }
 }
 
-void call_back(mDNS* m, DNSQuestion* q, const ResourceRecord& rr, QC_result kind) {
-  if (q->QuestionCallback != nullptr) {
-    q->QuestionCallback(m, q, &rr, kind);
+bool unlink_from_list(DNSQuestion*& head, DNSQuestion* q) {
+  for (DNSQuestion** link = &head; *link != nullptr; link = &state_of(*link).next_in_list) {
+    if (*link == q) {
+      *link = state_of(q).next_in_list;
+      return true;
+    }
   }
+  return false;
 }
 
-void deliver_cached_answers(mDNS* m, DNSQuestion* q, int32_t now) {
-  for (CacheRecord* rr = cache_bucket_first(m, q->qnamehash); rr != nullptr; rr = cache_bucket_next(m, rr)) {
-    if (!rr->InUse || rr->AddPending || !question_answered_by(*q, rr->resrec)) {
+void append_waiting(CoreState& core, DNSQuestion* q) {
+  DNSQuestion** link = &core.waiting_head;
+  while (*link != nullptr) {
+    link = &state_of(*link).next_in_list;
+  }
+  *link = q;
+  state_of(q).next_in_list = nullptr;
+  state_of(q).listed = true;
+}
+
+// The leader leaves: the first other member takes over the group's schedule.
+void hand_over_group(mDNS* m, DNSQuestion* leader) {
+  CoreState& core = core_of(m);
+  DNSQuestion* heir = nullptr;
+  for (DNSQuestion* it = bucket_head(core, state_of(leader).name_hash); it != nullptr;
+       it = state_of(it).bucket_next) {
+    if (state_of(it).leader != leader) {
       continue;
     }
-    track_answer(m, q, QC_add, now, RemoveCause::kGone);
-    call_back(m, q, rr->resrec, QC_add);
-    // The callback may have stopped this very question (or stopped and restarted
-    // it, which schedules a delivery of its own).
-    if (!question_is_active(m, q) || q->DeliverAddsPending) {
-      return;
+    if (heir == nullptr) {
+      heir = it;
+      state_of(it).leader = nullptr;
+    } else {
+      state_of(it).leader = heir;
     }
   }
+  if (heir != nullptr) {
+    schedule_hand_over(m, leader, heir);
+  } else {
+    schedule_drop(m, leader);
+  }
+}
+
+void change_asking(mDNS* m, DNSQuestion* q, int delta) {
+  DNSQuestion* leader = leader_of(q);
+  QuestionState& ls = state_of(leader);
+  const bool asked = ls.asking > 0;
+  ls.asking = static_cast<uint16_t>(ls.asking + delta);
+  if (asked != (ls.asking > 0)) {
+    schedule_asking_changed(m, leader);
+  }
+  core_of(m).question_generation++;
 }
 
 }  // namespace
@@ -101,18 +121,37 @@ bool is_unique_type(uint16_t rrtype) {
   return rrtype == kDNSType_SRV || rrtype == kDNSType_TXT || rrtype == kDNSType_A || rrtype == kDNSType_AAAA;
 }
 
-bool question_is_active(const mDNS* m, const DNSQuestion* q) {
-  for (const DNSQuestion* it = m->Questions; it != nullptr; it = it->next) {
-    if (it == q) {
+uint32_t question_key(const domainname& name, uint16_t qtype, uint16_t qclass) {
+  return name_hash(name) ^ (static_cast<uint32_t>(qtype) * 2654435761u) ^ (static_cast<uint32_t>(qclass) << 7);
+}
+
+bool name_is_link_local(const domainname& name) {
+  static const char* const kZones[] = {"local.",          "254.169.in-addr.arpa.", "8.e.f.ip6.arpa.",
+                                       "9.e.f.ip6.arpa.", "a.e.f.ip6.arpa.",       "b.e.f.ip6.arpa."};
+  for (const char* zone : kZones) {
+    domainname z;
+    if (MakeDomainNameFromDNSNameString(&z, zone) != nullptr && name_is_under(name, z)) {
       return true;
     }
   }
   return false;
 }
 
-bool same_question(const DNSQuestion& a, const DNSQuestion& b) {
-  return a.qnamehash == b.qnamehash && a.qtype == b.qtype && a.qclass == b.qclass &&
-         names_equal(a.qname, b.qname);
+bool question_active(const mDNS* m, const DNSQuestion* q) {
+  if (m == nullptr || q == nullptr) {
+    return false;
+  }
+  const QuestionState& s = state_of(q);
+  if (s.magic != kQuestionMagic || s.owner != m) {
+    return false;
+  }
+  // A copy of an active question's bytes has the same links; only the
+  // original is where they point.
+  const CoreState& core = core_of(m);
+  if (s.bucket_prev != nullptr) {
+    return state_of(s.bucket_prev).bucket_next == q;
+  }
+  return core.question_buckets[s.name_hash % kQuestionBuckets] == q;
 }
 
 bool question_answered_by(const DNSQuestion& q, const ResourceRecord& rr) {
@@ -125,134 +164,131 @@ bool question_answered_by(const DNSQuestion& q, const ResourceRecord& rr) {
   if (q.InterfaceID != mDNSInterface_Any && q.InterfaceID != rr.InterfaceID) {
     return false;
   }
-  return q.qnamehash == rr.namehash && names_equal(q.qname, *rr.name);
+  return state_of(&q).name_hash == rr.namehash && names_equal(q.qname, *rr.name);
 }
 
-bool record_answers_active_question(const mDNS* m, const ResourceRecord& rr) {
-  for (const DNSQuestion* q = m->Questions; q != nullptr; q = q->next) {
-    if (q->qnamehash == rr.namehash && question_answered_by(*q, rr)) {
-      return true;
-    }
-  }
-  return false;
+DNSQuestion* leader_of(DNSQuestion* q) {
+  DNSQuestion* leader = state_of(q).leader;
+  return leader != nullptr ? leader : q;
 }
 
-mStatus question_start(mDNS* m, DNSQuestion* q, int32_t now) {
-  if (!m->Initialized || m->ShutdownPending) {
+bool group_asks(const DNSQuestion* leader) {
+  return state_of(leader).asking > 0;
+}
+
+mStatus question_start(mDNS* m, DNSQuestion* q, QuestionKind kind, int32_t now) {
+  CoreState& core = core_of(m);
+  if (!core.initialized || core.shutting_down) {
     return mStatus_NotInitializedErr;
   }
-  if (question_is_active(m, q)) {
+  if (question_active(m, q)) {
     return mStatus_AlreadyRegistered;
   }
   if (name_length(q->qname) == 0) {
     return mStatus_BadParamErr;
   }
-  q->qnamehash = name_hash(q->qname);
-  q->next = nullptr;
-  q->CurrentAnswers = 0;
-  q->LastQTime = now;
-  q->RefreshPending = 0;
-  q->SendNow = 0;
-  q->Active = 1;
-  q->DeliverAddsPending = 1;
-  if (is_unique_type(q->qtype) && has_fresh_answer(m, *q)) {
-    rest_schedule(q, now);
-  } else if (const DNSQuestion* twin = querying_twin(m, *q)) {
-    share_schedule(q, *twin);
-  } else {
-    schedule_first_query(m, q, now);
-  }
-  DNSQuestion** tail = &m->Questions;
-  while (*tail != nullptr) {
-    tail = &(*tail)->next;
-  }
-  *tail = q;
-  m->QuestionGeneration++;
-  m->NextScheduledEvent = now;
+  std::memset(&q->Private, 0, sizeof q->Private);
+  QuestionState& s = state_of(q);
+  s.magic = kQuestionMagic;
+  s.owner = m;
+  s.kind = kind;
+  s.name_hash = name_hash(q->qname);
+  s.start_time = now;
+  s.last_query_time = now;
+  s.unicast = !name_is_link_local(q->qname);
+  s.phase = Phase::kWaitingForCache;
+  s.leader = find_leader(core, *q);
+  link_into_bucket(core, q);
+  append_waiting(core, q);
+  change_asking(m, q, +1);
+  core.active_questions++;
   return mStatus_NoError;
 }
 
 void question_stop(mDNS* m, DNSQuestion* q) {
-  for (DNSQuestion** link = &m->Questions; *link != nullptr; link = &(*link)->next) {
-    if (*link != q) {
-      continue;
-    }
-    if (m->CurrentQuestion == q) {
-      m->CurrentQuestion = q->next;
-    }
-    *link = q->next;
-    m->QuestionGeneration++;
-    q->next = nullptr;
-    q->Active = 0;
-    q->DeliverAddsPending = 0;
+  if (!question_active(m, q)) {
     return;
   }
+  CoreState& core = core_of(m);
+  QuestionState& s = state_of(q);
+  if (s.listed) {
+    (void)(unlink_from_list(core.waiting_head, q) || unlink_from_list(core.delivering_head, q) ||
+           unlink_from_list(core.one_shot_head, q));
+  }
+  if (!s.listening) {
+    change_asking(m, q, -1);
+  }
+  unlink_from_bucket(core, q);
+  if (s.leader == nullptr) {
+    hand_over_group(m, q);
+  }
+  if (s.kind == QuestionKind::kBrowse) {
+    browse_answers_forget_all(core, q);
+  }
+  core.active_questions--;
+  core.question_generation++;
+  std::memset(&q->Private, 0, sizeof q->Private);
 }
 
-void question_ask_again(mDNS* m, DNSQuestion* q, int32_t now) {
-  if (const DNSQuestion* twin = querying_twin(m, *q)) {
-    share_schedule(q, *twin);
-  } else {
-    schedule_first_query(m, q, now);
+void question_set_listening(mDNS* m, DNSQuestion* q, bool listening) {
+  QuestionState& s = state_of(q);
+  if (s.listening == listening || s.unicast) {
+    return;
   }
-  m->NextScheduledEvent = time_min(m->NextScheduledEvent, q->NextQTime);
+  s.listening = listening;
+  change_asking(m, q, listening ? -1 : +1);
 }
 
-void deliver_record_event(mDNS* m, CacheRecord* rr, QC_result kind, int32_t now, RemoveCause cause) {
-  // Callbacks may start and stop questions: the cursor in m->CurrentQuestion is
-  // moved on by question_stop when its question leaves the list.
-  DNSQuestion* const saved = m->CurrentQuestion;
-  const mDNSu8 saved_eviction = m->EvictionInProgress;
-  m->EvictionInProgress = cause == RemoveCause::kEvicted ? 1 : 0;
-  m->CurrentQuestion = m->Questions;
-  while (m->CurrentQuestion != nullptr) {
-    DNSQuestion* q = m->CurrentQuestion;
-    m->CurrentQuestion = q->next;
-    if (q->DeliverAddsPending || !question_answered_by(*q, rr->resrec)) {
-      continue;
-    }
-    track_answer(m, q, kind, now, cause);
-    call_back(m, q, rr->resrec, kind);
+QuestionWalk::QuestionWalk(mDNS* m, uint32_t name_hash) : core_(core_of(m)), depth_(core_.walk_depth) {
+  // Deeper nesting than callbacks can cause: the walk sees nothing rather than
+  // risk a cursor that stops cannot move on.
+  if (depth_ < kMaxWalkDepth) {
+    core_.walk_cursors[depth_] = bucket_head(core_, name_hash);
+    core_.walk_depth++;
   }
-  m->EvictionInProgress = saved_eviction;
-  m->CurrentQuestion = saved;
 }
 
-void deliver_pending_adds(mDNS* m, int32_t now) {
-  // Only questions started before this pass: one restarted by a callback waits
-  // for the next pass, so a callback that keeps restarting cannot hold a pass.
-  constexpr mDNSu8 kDueThisPass = 2;
-  for (DNSQuestion* q = m->Questions; q != nullptr; q = q->next) {
-    if (q->DeliverAddsPending) {
-      q->DeliverAddsPending = kDueThisPass;
-    }
+QuestionWalk::~QuestionWalk() {
+  if (depth_ < kMaxWalkDepth) {
+    core_.walk_depth--;
   }
-  DNSQuestion* const saved = m->CurrentQuestion;
-  m->CurrentQuestion = m->Questions;
-  while (m->CurrentQuestion != nullptr) {
-    DNSQuestion* q = m->CurrentQuestion;
-    m->CurrentQuestion = q->next;
-    if (q->DeliverAddsPending != kDueThisPass) {
-      continue;
-    }
-    q->DeliverAddsPending = 0;
-    deliver_cached_answers(m, q, now);
-    // It rested on a cached answer that has left (evicted) before delivery.
-    if (question_is_active(m, q) && !q->DeliverAddsPending && q->CurrentAnswers == 0 &&
-        q->ThisQInterval == kMaxQueryInterval) {
-      question_ask_again(m, q, now);
-    }
-  }
-  m->CurrentQuestion = saved;
 }
 
-bool any_adds_pending(const mDNS* m) {
-  for (const DNSQuestion* q = m->Questions; q != nullptr; q = q->next) {
-    if (q->DeliverAddsPending) {
-      return true;
-    }
+DNSQuestion* QuestionWalk::next() {
+  if (depth_ >= kMaxWalkDepth) {
+    return nullptr;
   }
-  return false;
+  DNSQuestion* q = core_.walk_cursors[depth_];
+  if (q != nullptr) {
+    core_.walk_cursors[depth_] = state_of(q).bucket_next;
+  }
+  return q;
+}
+
+void begin_delivery_round(mDNS* m) {
+  CoreState& core = core_of(m);
+  // Left over from an earlier round (a callback stopped the pass): they go first.
+  DNSQuestion** tail = &core.delivering_head;
+  while (*tail != nullptr) {
+    tail = &state_of(*tail).next_in_list;
+  }
+  *tail = core.waiting_head;
+  core.waiting_head = nullptr;
+}
+
+DNSQuestion* next_to_deliver(mDNS* m) {
+  CoreState& core = core_of(m);
+  DNSQuestion* q = core.delivering_head;
+  if (q != nullptr) {
+    core.delivering_head = state_of(q).next_in_list;
+    state_of(q).next_in_list = nullptr;
+    state_of(q).listed = false;
+  }
+  return q;
+}
+
+bool any_waiting(const mDNS* m) {
+  return core_of(m).waiting_head != nullptr || core_of(m).delivering_head != nullptr;
 }
 
 }  // namespace mdns

@@ -1,19 +1,16 @@
-// The core's list of active questions and the delivery of answer events to them.
+// The active questions: their index by name hash, their groups of identical
+// questions, their phases, and walks over them that stay safe while callbacks
+// start and stop questions.
 #pragma once
 
 #include <cstdint>
 
-#include "mdns/mdns.h"
+#include "core_state.h"
 
 namespace mdns {
 
-constexpr int32_t kMaxQueryInterval = 60 * 60 * 1000;
-
-// Membership is decided by the core's own list, never by the caller's struct.
-bool question_is_active(const mDNS* m, const DNSQuestion* q);
-
-// Same name, type and class: the questions ask the same thing on the wire.
-bool same_question(const DNSQuestion& a, const DNSQuestion& b);
+// Membership is decided by the core's own links, never by the caller's bytes.
+bool question_active(const mDNS* m, const DNSQuestion* q);
 
 bool question_answered_by(const DNSQuestion& q, const ResourceRecord& rr);
 
@@ -21,30 +18,50 @@ bool question_answered_by(const DNSQuestion& q, const ResourceRecord& rr);
 // query unnecessary until its refresh is due.
 bool is_unique_type(uint16_t rrtype);
 
-bool record_answers_active_question(const mDNS* m, const ResourceRecord& rr);
+// Name, type and class, as a one-shot's answer must repeat them.
+uint32_t question_key(const domainname& name, uint16_t qtype, uint16_t qclass);
 
-// Adds the question to the list; its cached answers are delivered at the next
-// event processing.
-mStatus question_start(mDNS* m, DNSQuestion* q, int32_t now);
+// Whether the name is asked on the link (under local. or a link-local reverse
+// zone) rather than by unicast DNS.
+bool name_is_link_local(const domainname& name);
+
+// Adds the question; its cached answers are delivered at the next pass.
+mStatus question_start(mDNS* m, DNSQuestion* q, QuestionKind kind, int32_t now);
 void question_stop(mDNS* m, DNSQuestion* q);
 
-// The question queries again from the start (an identical question already
-// querying sets the pace), whatever its cache holds.
-void question_ask_again(mDNS* m, DNSQuestion* q, int32_t now);
+// The question that asks on the wire for `q`: itself or its group's leader.
+DNSQuestion* leader_of(DNSQuestion* q);
 
-// Tells every active question the record answers that it was added or removed.
-// Questions still waiting for their first delivery of cached answers are
-// skipped: that delivery will see the cache as it is then.
-// Why a record leaves: it went away on the network (expiry, goodbye, flush,
-// interface gone), or the full cache pushed it out to make room.
-enum class RemoveCause { kGone, kEvicted };
+// A question that stops asking still hears answers; its group goes quiet once
+// nobody in it asks.  (Unicast DNS questions keep polling regardless.)
+void question_set_listening(mDNS* m, DNSQuestion* q, bool listening);
+// Whether any question of the group still asks.
+bool group_asks(const DNSQuestion* leader);
 
-void deliver_record_event(mDNS* m, CacheRecord* rr, QC_result kind, int32_t now,
-                          RemoveCause cause = RemoveCause::kGone);
+// ---- Walks ----
 
-// Delivers the cached answers of newly started questions.
-void deliver_pending_adds(mDNS* m, int32_t now);
+// The questions of one name hash, in index order.  A question stopped during
+// the walk (by a callback) is stepped over; one started during it is not seen.
+class QuestionWalk {
+ public:
+  QuestionWalk(mDNS* m, uint32_t name_hash);
+  ~QuestionWalk();
+  QuestionWalk(const QuestionWalk&) = delete;
+  QuestionWalk& operator=(const QuestionWalk&) = delete;
 
-bool any_adds_pending(const mDNS* m);
+  DNSQuestion* next();
+
+ private:
+  CoreState& core_;
+  int depth_;
+};
+
+// ---- Questions waiting for their cached answers ----
+
+// Takes the questions started so far out of the waiting list, one at a time
+// (null when none is left); questions started meanwhile wait for the next round.
+void begin_delivery_round(mDNS* m);
+DNSQuestion* next_to_deliver(mDNS* m);
+bool any_waiting(const mDNS* m);
 
 }  // namespace mdns

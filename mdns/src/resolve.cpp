@@ -1,7 +1,12 @@
-// Service resolve: SRV and TXT of the instance, then A and AAAA of the SRV target.
+// Service resolve: SRV and TXT of the instance, then A and AAAA of the SRV
+// target.  It follows the SRV as it changes, reports every address once per
+// SRV, and once it has reported stops asking (on the link) and only listens.
 #include <cstring>
+#include <initializer_list>
 
+#include "cache.h"
 #include "engine.h"
+#include "identity.h"
 #include "names.h"
 #include "questions.h"
 
@@ -12,99 +17,183 @@ ServiceInfoQuery* query_of(DNSQuestion* q) {
   return static_cast<ServiceInfoQuery*>(q->QuestionContext);
 }
 
-void report(mDNS* m, ServiceInfoQuery* query) {
-  query->Answers++;
-  if (query->ServiceInfoQueryCallback != nullptr) {
-    query->ServiceInfoQueryCallback(m, query);
-  }
+bool resolve_active(mDNS* m, ServiceInfoQuery* query) {
+  return resolve_of(query).magic == kResolveMagic && question_active(m, &resolve_of(query).srv);
 }
 
 // Every question of a resolve asks on the resolve's interface and reports to it.
 void prepare_question(DNSQuestion* q, ServiceInfoQuery* query, const domainname& name, uint16_t qtype,
                       mDNSQuestionCallback* callback) {
+  std::memset(q, 0, sizeof *q);
   q->qname = name;
   q->qtype = qtype;
   q->qclass = kDNSClass_IN;
   q->InterfaceID = query->info->InterfaceID;
-  q->ForceMCast = 0;
   q->QuestionCallback = callback;
   q->QuestionContext = query;
 }
 
-void start_address_question(mDNS* m, ServiceInfoQuery* query, DNSQuestion* q, uint16_t qtype,
-                            mDNSQuestionCallback* callback) {
-  prepare_question(q, query, query->target, qtype, callback);
-  (void)question_start(m, q, engine_now(m));
+void stop_questions(mDNS* m, ResolveState& rs) {
+  question_stop(m, &rs.srv);
+  question_stop(m, &rs.txt);
+  question_stop(m, &rs.a);
+  question_stop(m, &rs.aaaa);
+}
+
+bool address_of(const ResourceRecord& answer, mDNSAddr& out) {
+  out = mDNSAddr{};
+  if (answer.rrtype == kDNSType_A && answer.rdata->length == 4) {
+    out.type = mDNSAddrType_IPv4;
+    out.ip.v4 = answer.rdata->u.ipv4;
+  } else if (answer.rrtype == kDNSType_AAAA && answer.rdata->length == 16) {
+    out.type = mDNSAddrType_IPv6;
+    out.ip.v6 = answer.rdata->u.ipv6;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool same_address(const mDNSAddr& a, const mDNSAddr& b) {
+  return a.type == b.type && std::memcmp(&a.ip, &b.ip, a.type == mDNSAddrType_IPv4 ? 4 : 16) == 0;
+}
+
+// Once an address is out, nothing needs asking for on the link any more:
+// devices announce what changes.  The questions stay, to hear it.
+void settle(mDNS* m, ResolveState& rs) {
+  for (DNSQuestion* q : {&rs.srv, &rs.txt, &rs.a, &rs.aaaa}) {
+    if (question_active(m, q)) {
+      question_set_listening(m, q, true);
+    }
+  }
+}
+
+// Each address goes to the caller once with the current SRV's port.
+void report_address(mDNS* m, ServiceInfoQuery* query, const ResourceRecord& answer) {
+  ResolveState& rs = resolve_of(query);
+  mDNSAddr address;
+  if (!rs.has_srv || !address_of(answer, address)) {
+    return;
+  }
+  for (int i = 0; i < rs.reported_count; ++i) {
+    if (same_address(rs.reported_addresses[i], address)) {
+      return;
+    }
+  }
+  if (rs.reported_count == kMaxReportedAddresses) {
+    return;  // a device with more addresses than that is not believed
+  }
+  rs.reported_addresses[rs.reported_count++] = address;
+  query->info->ip = address;
+  query->info->port = rs.port;
+  rs.reported = true;
+  settle(m, rs);
+  if (query->ServiceInfoQueryCallback != nullptr) {
+    query->ServiceInfoQueryCallback(m, query);
+  }
 }
 
 void on_address(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_result kind) {
-  ServiceInfoQuery* query = query_of(q);
-  if (kind != QC_add || !query->GotSRV) {
+  if (kind == QC_add) {
+    report_address(m, query_of(q), *answer);
+  }
+}
+
+// The addresses of the target that the cache holds go out again (a new port).
+void report_cached_addresses(mDNS* m, ServiceInfoQuery* query) {
+  CoreState& core = core_of(m);
+  ResolveState& rs = resolve_of(query);
+  for (CacheRecord* rr = cache_first(core, name_hash(rs.target)); rr != nullptr;) {
+    CacheRecord* next = cache_next(core, rr);
+    DNSQuestion* q = rr->resrec.rrtype == kDNSType_A ? &rs.a : &rs.aaaa;
+    if (!rr->expiring && !rr->add_pending && question_active(m, q) && question_answered_by(*q, rr->resrec)) {
+      report_address(m, query, rr->resrec);
+      if (!core.initialized || !resolve_active(m, query)) {
+        return;
+      }
+    }
+    rr = next;
+  }
+}
+
+void start_address_questions(mDNS* m, ServiceInfoQuery* query) {
+  ResolveState& rs = resolve_of(query);
+  question_stop(m, &rs.a);
+  question_stop(m, &rs.aaaa);
+  prepare_question(&rs.a, query, rs.target, kDNSType_A, on_address);
+  prepare_question(&rs.aaaa, query, rs.target, kDNSType_AAAA, on_address);
+  (void)question_start(m, &rs.a, QuestionKind::kResolveAddress, core_of(m).now);
+  (void)question_start(m, &rs.aaaa, QuestionKind::kResolveAddress, core_of(m).now);
+}
+
+// A new SRV (the first, or one whose port or target differs): every address
+// is reported again with its port, and a new target's addresses are asked for.
+void adopt(mDNS* m, ServiceInfoQuery* query, const rdataSRV& srv) {
+  ResolveState& rs = resolve_of(query);
+  const bool new_target = !rs.has_srv || !names_equal(rs.target, srv.target);
+  if (new_target && !copy_name(rs.target, srv.target)) {
     return;
   }
-  ServiceInfo* info = query->info;
-  if (answer->rrtype == kDNSType_A && answer->rdata->length == 4) {
-    info->ip.type = mDNSAddrType_IPv4;
-    info->ip.ip.v4 = answer->rdata->u.ipv4;
-  } else if (answer->rrtype == kDNSType_AAAA && answer->rdata->length == 16) {
-    info->ip.type = mDNSAddrType_IPv6;
-    info->ip.ip.v6 = answer->rdata->u.ipv6;
+  rs.has_srv = true;
+  rs.port = srv.port;
+  rs.reported_count = 0;
+  query->info->port = srv.port;
+  if (new_target) {
+    start_address_questions(m, query);
   } else {
-    return;
+    report_cached_addresses(m, query);
   }
-  query->GotADD = 1;
-  report(m, query);
+}
+
+// Another cached SRV of the instance than `gone`, or null.
+const ResourceRecord* other_cached_srv(mDNS* m, ResolveState& rs, const ResourceRecord* gone) {
+  CoreState& core = core_of(m);
+  for (CacheRecord* rr = cache_first(core, name_hash(rs.srv.qname)); rr != nullptr; rr = cache_next(core, rr)) {
+    if (&rr->resrec != gone && !rr->expiring && !rr->add_pending && question_answered_by(rs.srv, rr->resrec)) {
+      return &rr->resrec;
+    }
+  }
+  return nullptr;
+}
+
+bool is_current(const ResolveState& rs, const rdataSRV& srv) {
+  return rs.has_srv && rs.port.NotAnInteger == srv.port.NotAnInteger && names_equal(rs.target, srv.target);
 }
 
 void on_srv(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_result kind) {
   ServiceInfoQuery* query = query_of(q);
+  ResolveState& rs = resolve_of(query);
   const rdataSRV& srv = answer->rdata->u.srv;
-  if (kind == QC_rmv) {
-    // An SRV pushed out of a full cache has not changed: the resolve keeps its
-    // target and goes on with the addresses.
-    if (query->GotSRV && !m->EvictionInProgress && names_equal(srv.target, query->target)) {
-      query->GotSRV = 0;
-      question_stop(m, &query->qAv4);
-      question_stop(m, &query->qAv6);
+  if (kind == QC_add) {
+    if (!is_current(rs, srv)) {
+      adopt(m, query, srv);
     }
     return;
   }
-  query->info->port = srv.port;
-  if (query->GotSRV && names_equal(srv.target, query->target)) {
+  // An older SRV that a newer one flushed changes nothing.
+  if (!is_current(rs, srv)) {
     return;
   }
-  // A new or changed target: ask for its addresses afresh.
-  question_stop(m, &query->qAv4);
-  question_stop(m, &query->qAv6);
-  if (!copy_name(query->target, srv.target)) {
-    query->GotSRV = 0;
+  if (const ResourceRecord* newer = other_cached_srv(m, rs, answer)) {
+    adopt(m, query, newer->rdata->u.srv);
     return;
   }
-  query->GotSRV = 1;
-  query->GotADD = 0;
-  start_address_question(m, query, &query->qAv4, kDNSType_A, on_address);
-  start_address_question(m, query, &query->qAv6, kDNSType_AAAA, on_address);
+  // No SRV left: the target is no longer known.  A resolve that has reported
+  // keeps listening for the service to come back.
+  rs.has_srv = false;
+  question_stop(m, &rs.a);
+  question_stop(m, &rs.aaaa);
 }
 
 void on_txt(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_result kind) {
   (void)m;
-  ServiceInfoQuery* query = query_of(q);
   if (kind != QC_add) {
     return;
   }
-  ServiceInfo* info = query->info;
-  const size_t n =
-      answer->rdata->length < sizeof(info->TXTinfo) ? answer->rdata->length : sizeof(info->TXTinfo);
+  ServiceInfo* info = query_of(q)->info;
+  const size_t n = answer->rdata->length < sizeof(info->TXTinfo) ? answer->rdata->length : sizeof(info->TXTinfo);
   std::memcpy(info->TXTinfo, answer->rdata->u.data, n);
   info->TXTlen = static_cast<mDNSu16>(n);
-  query->GotTXT = 1;
-}
-
-void stop_resolve(mDNS* m, ServiceInfoQuery* query) {
-  question_stop(m, &query->qSRV);
-  question_stop(m, &query->qTXT);
-  question_stop(m, &query->qAv4);
-  question_stop(m, &query->qAv6);
 }
 
 }  // namespace
@@ -119,41 +208,43 @@ mStatus mDNS_StartResolveService(mDNS* const m, ServiceInfoQuery* query, Service
   if (m == nullptr || query == nullptr || info == nullptr) {
     return mStatus_BadParamErr;
   }
-  if (!m->Initialized || m->ShutdownPending) {
+  if (!core_of(m).initialized || core_of(m).shutting_down) {
     return mStatus_NotInitializedErr;
   }
   if (name_length(info->name) == 0) {
     return mStatus_BadParamErr;
   }
   // Restarting a running resolve on the same storage begins it afresh.
-  stop_resolve(m, query);
-  std::memset(query, 0, sizeof(*query));
+  mDNS_StopResolveService(m, query);
+  std::memset(&query->Private, 0, sizeof query->Private);
+  ResolveState& rs = resolve_of(query);
+  rs.magic = kResolveMagic;
   query->info = info;
   query->ServiceInfoQueryCallback = Callback;
   query->ServiceInfoQueryContext = Context;
-  info->ip.type = mDNSAddrType_None;
-  std::memset(&info->ip.ip, 0, sizeof(info->ip.ip));
+  info->ip = mDNSAddr{};
   info->port.NotAnInteger = 0;
   info->TXTlen = 0;
 
-  const int32_t now = engine_now(m);
-  prepare_question(&query->qSRV, query, query->info->name, kDNSType_SRV, on_srv);
-  prepare_question(&query->qTXT, query, query->info->name, kDNSType_TXT, on_txt);
-  mStatus status = question_start(m, &query->qSRV, now);
+  const int32_t now = engine_clock(m);
+  prepare_question(&rs.srv, query, info->name, kDNSType_SRV, on_srv);
+  prepare_question(&rs.txt, query, info->name, kDNSType_TXT, on_txt);
+  mStatus status = question_start(m, &rs.srv, QuestionKind::kResolveSrv, now);
   if (status == mStatus_NoError) {
-    status = question_start(m, &query->qTXT, now);
+    status = question_start(m, &rs.txt, QuestionKind::kResolveTxt, now);
   }
   if (status != mStatus_NoError) {
-    stop_resolve(m, query);
+    mDNS_StopResolveService(m, query);
   }
   return status;
 }
 
 void mDNS_StopResolveService(mDNS* const m, ServiceInfoQuery* query) {
-  if (m == nullptr || query == nullptr) {
+  if (m == nullptr || query == nullptr || resolve_of(query).magic != kResolveMagic) {
     return;
   }
-  stop_resolve(m, query);
+  stop_questions(m, resolve_of(query));
+  resolve_of(query).magic = 0;
 }
 
 }  // extern "C"

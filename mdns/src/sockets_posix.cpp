@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,11 +11,12 @@
 #include <cerrno>
 #include <cstring>
 
+#include "constants.h"
+
 namespace mdns {
 
 namespace {
 
-constexpr uint16_t kMdnsPort = 5353;
 constexpr int kTtl = 255;
 constexpr const char* kGroupV4 = "224.0.0.251";
 constexpr const char* kGroupV6 = "ff02::fb";
@@ -27,7 +30,7 @@ bool make_non_blocking(int fd) {
   return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
 }
 
-bool configure_v4(int fd) {
+bool configure_v4(int fd, uint16_t port) {
   if (!set_int_option(fd, IPPROTO_IP, IP_PKTINFO, 1) ||
       !set_int_option(fd, IPPROTO_IP, IP_MULTICAST_TTL, kTtl) ||
       !set_int_option(fd, IPPROTO_IP, IP_TTL, kTtl)) {
@@ -40,12 +43,12 @@ bool configure_v4(int fd) {
 #endif
   sockaddr_in local{};
   local.sin_family = AF_INET;
-  local.sin_port = htons(kMdnsPort);
+  local.sin_port = htons(port);
   local.sin_addr.s_addr = htonl(INADDR_ANY);
   return bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
 }
 
-bool configure_v6(int fd) {
+bool configure_v6(int fd, uint16_t port) {
   if (!set_int_option(fd, IPPROTO_IPV6, IPV6_V6ONLY, 1) ||
       !set_int_option(fd, IPPROTO_IPV6, IPV6_RECVPKTINFO, 1) ||
       !set_int_option(fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, kTtl) ||
@@ -58,7 +61,7 @@ bool configure_v6(int fd) {
 #endif
   sockaddr_in6 local{};
   local.sin6_family = AF_INET6;
-  local.sin6_port = htons(kMdnsPort);
+  local.sin6_port = htons(port);
   local.sin6_addr = in6addr_any;
   return bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
 }
@@ -118,12 +121,102 @@ int open_mdns_socket(int family) {
   // Reuse lets the core share the port with a system mDNS daemon.
   const bool ok = set_int_option(fd, SOL_SOCKET, SO_REUSEADDR, 1) &&
                   set_int_option(fd, SOL_SOCKET, SO_REUSEPORT, 1) && make_non_blocking(fd) &&
-                  (family == mDNSAddrType_IPv4 ? configure_v4(fd) : configure_v6(fd));
+                  (family == mDNSAddrType_IPv4 ? configure_v4(fd, kMdnsPort) : configure_v6(fd, kMdnsPort));
   if (!ok) {
     close_socket(fd);
     return -1;
   }
   return fd;
+}
+
+int open_one_shot_socket(int family) {
+  const int domain = family == mDNSAddrType_IPv4 ? AF_INET : AF_INET6;
+  int fd = socket(domain, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_UDP);
+  if (fd < 0) {
+    return -1;
+  }
+  if (!(family == mDNSAddrType_IPv4 ? configure_v4(fd, 0) : configure_v6(fd, 0))) {
+    close_socket(fd);
+    return -1;
+  }
+  return fd;
+}
+
+int open_dns_socket(const mDNSAddr& server, uint16_t port, bool tcp) {
+  sockaddr_storage to{};
+  socklen_t to_length = 0;
+  if (server.type == mDNSAddrType_IPv4) {
+    auto* sin = reinterpret_cast<sockaddr_in*>(&to);
+    sin->sin_family = AF_INET;
+    sin->sin_port = htons(port);
+    std::memcpy(&sin->sin_addr, server.ip.v4.b, 4);
+    to_length = sizeof(sockaddr_in);
+  } else if (server.type == mDNSAddrType_IPv6) {
+    auto* sin6 = reinterpret_cast<sockaddr_in6*>(&to);
+    sin6->sin6_family = AF_INET6;
+    sin6->sin6_port = htons(port);
+    std::memcpy(&sin6->sin6_addr, server.ip.v6.b, 16);
+    to_length = sizeof(sockaddr_in6);
+  } else {
+    return -1;
+  }
+  int fd = socket(to.ss_family, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) {
+    return -1;
+  }
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&to), to_length) != 0 && errno != EINPROGRESS) {
+    close_socket(fd);
+    return -1;
+  }
+  return fd;
+}
+
+int connect_result(int fd) {
+  int error = 0;
+  socklen_t length = sizeof error;
+  if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || (error != 0 && error != EINPROGRESS)) {
+    return -1;
+  }
+  if (error == EINPROGRESS) {
+    return 0;
+  }
+  sockaddr_storage peer{};
+  socklen_t peer_length = sizeof peer;
+  return getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peer_length) == 0 ? 1 : 0;
+}
+
+int open_netlink_socket() {
+  int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+  if (fd < 0) {
+    return -1;
+  }
+  sockaddr_nl local{};
+  local.nl_family = AF_NETLINK;
+  local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
+  if (bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
+    close_socket(fd);
+    return -1;
+  }
+  return fd;
+}
+
+bool drain_netlink(int fd) {
+  // The messages only say that something changed; the interfaces are read anew.
+  uint8_t buffer[4096];
+  bool any = false;
+  for (int i = 0; i < 64; ++i) {
+    const ssize_t n = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+    if (n < 0) {
+      // An overrun lost messages: something changed all the same.
+      any = any || errno == ENOBUFS;
+      if (errno != ENOBUFS) {
+        break;
+      }
+      continue;
+    }
+    any = true;
+  }
+  return any;
 }
 
 void close_socket(int& fd) {

@@ -11,12 +11,27 @@
 namespace mdns {
 
 // Family is mDNSAddrType_IPv4 or mDNSAddrType_IPv6.  Returns -1 on failure.
+// The port 5353 socket, shared with other mDNS software on the host.
 int open_mdns_socket(int family);
+// A socket on an ephemeral port for one-shot queries: sends to the group with
+// hop limit 255 and reads the direct answers with their arrival interface.
+int open_one_shot_socket(int family);
+// A non-blocking socket to a unicast DNS server: UDP from a fresh ephemeral
+// port, connected (the kernel then drops datagrams from anyone else), or TCP
+// with its connect under way.
+int open_dns_socket(const mDNSAddr& server, uint16_t port, bool tcp);
+// 1 when a TCP connect has completed, 0 while it goes on, -1 when it failed.
+int connect_result(int fd);
+// Watches the kernel's interface and address changes; -1 when unavailable.
+int open_netlink_socket();
+// Empties the netlink socket; true when anything arrived.
+bool drain_netlink(int fd);
 void close_socket(int& fd);
 
 bool join_group(int fd, int family, uint32_t ifindex);
 void leave_group(int fd, int family, uint32_t ifindex);
 
+// To the mDNS group and port, out of one interface.
 bool send_to_group(int fd, int family, uint32_t ifindex, const uint8_t* message, size_t length);
 
 struct Datagram {

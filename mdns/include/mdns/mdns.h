@@ -6,9 +6,16 @@
  * of CacheEntity) and the caller's DNSQuestion / ServiceInfoQuery structures.
  * Starting and stopping browses and resolves allocates nothing.
  *
+ * Names under "local." (and the link-local reverse zones) are asked by
+ * multicast DNS on the link; other names by unicast DNS to the name servers of
+ * /etc/resolv.conf.
+ *
  * The core is single-threaded: one thread at a time enters it, and callbacks run
  * inside mDNSPosixProcessFDSet on that thread.  A callback may start or stop
  * questions and resolves.
+ *
+ * The core's own state sits in the `Private` members below: their size is part
+ * of this interface, their contents are not.
  *
  * The application must define `const char ProgramName[]` with C linkage.
  */
@@ -50,8 +57,9 @@ enum {
   mStatus_NoMemoryErr = -65539
 };
 
-/* An interface handle: opaque, stable across interface refreshes.  Null means
- * "all interfaces". */
+/* An interface handle: opaque, stable while the interface's name exists (also
+ * across interface refreshes and when the interface is re-created under the
+ * same name).  Null means "all interfaces". */
 typedef struct mDNSInterfaceID_opaque* mDNSInterfaceID;
 #define mDNSInterface_Any ((mDNSInterfaceID)0)
 
@@ -81,6 +89,15 @@ typedef struct {
   } ip;
 } mDNSAddr;
 
+/* Storage the core keeps to itself: `bytes` of it, aligned for any member. */
+#define MDNS_PRIVATE(bytes)  \
+  union {                    \
+    mDNSu8 storage[bytes];   \
+    void* align_pointer;     \
+    long long align_integer; \
+    double align_double;     \
+  }
+
 /* ---- DNS names --------------------------------------------------------- */
 
 #define MAX_DOMAIN_LABEL 63
@@ -103,6 +120,8 @@ typedef struct {
 
 enum {
   kDNSType_A = 1,
+  kDNSType_CNAME = 5,
+  kDNSType_SOA = 6,
   kDNSType_PTR = 12,
   kDNSType_TXT = 16,
   kDNSType_AAAA = 28,
@@ -142,7 +161,7 @@ typedef struct ResourceRecord_struct {
   mDNSu16 rrclass; /* cache-flush bit removed */
   mDNSu32 rroriginalttl;
   mDNSu16 rdlength;            /* length of rdata as received, decompressed */
-  mDNSInterfaceID InterfaceID; /* interface the record arrived on */
+  mDNSInterfaceID InterfaceID; /* interface the record arrived on; null for unicast DNS */
   const domainname* name;      /* owner name */
   mDNSu32 namehash;
   RData* rdata;
@@ -158,8 +177,10 @@ typedef enum { QC_rmv = 0, QC_add = 1 } QC_result;
 typedef void mDNSQuestionCallback(mDNS* const m, DNSQuestion* question, const ResourceRecord* const answer,
                                   QC_result AddRecord);
 
+#define mDNS_QuestionPrivateSize 160
+
 struct DNSQuestion_struct {
-  /* Set by the caller through the start functions. */
+  /* Set by the caller (or by the start functions). */
   domainname qname;
   mDNSu16 qtype;
   mDNSu16 qclass;
@@ -167,21 +188,8 @@ struct DNSQuestion_struct {
   mDNSBool ForceMCast;
   mDNSQuestionCallback* QuestionCallback;
   void* QuestionContext;
-
-  /* Owned by the core while the question is active. */
-  DNSQuestion* next;
-  mDNSu32 qnamehash;
-  mDNSs32 LastQTime;      /* when the last query for it went out */
-  mDNSs32 ThisQInterval;  /* current interval between queries, ms */
-  mDNSs32 NextQTime;      /* when the next query is due */
-  mDNSu32 CurrentAnswers; /* cache entries currently answering it */
-  mDNSu8 Active;          /* only trusted for questions found on the core's list */
-  mDNSu8 DeliverAddsPending;
-  mDNSu8 SentOnce;            /* the first query has gone out */
-  mDNSu8 RefreshPending;      /* a cached answer needs a refresh query */
-  mDNSu8 SendNow;             /* chosen for the packets of the current pass */
-  mDNSu8 KnownAnswersSpilled; /* this pass's known answers took more than one packet */
-  mDNSs32 StartTime;
+  /* The core's, from start to stop.  Zeroed storage is a question never started. */
+  MDNS_PRIVATE(mDNS_QuestionPrivateSize) Private;
 };
 
 /* ---- Resolves ---------------------------------------------------------- */
@@ -200,16 +208,10 @@ typedef struct {
 typedef struct ServiceInfoQuery_struct ServiceInfoQuery;
 typedef void mDNSServiceInfoQueryCallback(mDNS* const m, ServiceInfoQuery* query);
 
+#define mDNS_ResolvePrivateSize 2688
+
 struct ServiceInfoQuery_struct {
-  DNSQuestion qSRV;
-  DNSQuestion qTXT;
-  DNSQuestion qAv4;
-  DNSQuestion qAv6;
-  mDNSu8 GotSRV;
-  mDNSu8 GotTXT;
-  mDNSu8 GotADD;
-  mDNSu32 Answers;
-  domainname target; /* current SRV target */
+  MDNS_PRIVATE(mDNS_ResolvePrivateSize) Private; /* the resolve's questions and state */
   ServiceInfo* info;
   mDNSServiceInfoQueryCallback* ServiceInfoQueryCallback;
   void* ServiceInfoQueryContext;
@@ -222,145 +224,32 @@ struct ServiceInfoQuery_struct {
 
 typedef struct NetworkInterfaceInfo_struct NetworkInterfaceInfo;
 
-/* Addresses kept per interface: the on-link check looks at all of them. */
-#define mDNS_MaxInterfaceAddrs 8
-
-typedef struct {
-  mDNSAddr addr;
-  mDNSu8 prefix_length; /* bits of the network part */
-} mDNSInterfaceAddr;
-
 struct NetworkInterfaceInfo_struct {
   NetworkInterfaceInfo* next;
-  mDNSInterfaceID InterfaceID; /* (mDNSInterfaceID)(uintptr_t)ifindex */
+  mDNSInterfaceID InterfaceID;
   char ifname[mDNS_IfNameSize];
-  /* Core-owned details below. */
-  mDNSu32 ifindex; /* 0: slot unused */
-  mDNSAddr v4addr; /* first IPv4 address, if any */
-  mDNSAddr v4mask;
-  mDNSAddr v6addr; /* link-local, if any */
-  mDNSu8 v4usable;
-  mDNSu8 v6usable;
-  mDNSu8 present; /* seen at the latest interface read */
-  mDNSu8 loopback;
-  mDNSu8 v4joined; /* group membership held on the IPv4 / IPv6 socket */
-  mDNSu8 v6joined;
-  mDNSu8 naddrs;
-  mDNSInterfaceAddr addrs[mDNS_MaxInterfaceAddrs]; /* every address of the interface */
 };
 
 /* ---- Cache, platform and core state ----------------------------------- */
 
-typedef struct CacheRecord_struct {
-  ResourceRecord resrec;
-  domainname namestorage;
-  RData rdatastorage;
-  mDNSs32 TimeRcvd; /* ms clock */
-  mDNSs32 NextRequiredQuery;
-  mDNSs32 DelayDelivery;
-  mDNSu32 ReceivedPacketSeq;
-  mDNSu8 UnansweredQueries;
-  mDNSu8 RefreshStep; /* 0..4: queries sent at 80/85/90/95 % */
-  mDNSu8 InUse;
-  mDNSu8 ExpiryPending; /* goodbye or cache flush: gone at ExpiryTime, one second later */
-  mDNSu8 AddPending;    /* cached by the packet being processed, add events not yet given */
-  mDNSs32 ExpiryTime;
-  mDNSu32 RDataHash;             /* equal for records whose data compare equal */
-  mDNSu32 AnswerCheckGeneration; /* QuestionGeneration when AnswersQuestion was worked out */
-  mDNSu8 AnswersQuestion;
-  mDNSu32 NextInBucket;   /* index + 1 of the next entry of the hash bucket (or free list), 0 = none */
-  mDNSu32 PrevInBucket;   /* index + 1, 0 = first of its bucket */
-  mDNSu32 NextInIdentity; /* chain of the same name and data hash, for lookups of one record */
-  mDNSu32 PrevInIdentity;
-  mDNSu32 KnownAnswerMark; /* packet serial this record was last listed in as a known answer */
-} CacheRecord;
+#define mDNS_CacheEntitySize 944
+typedef MDNS_PRIVATE(mDNS_CacheEntitySize) CacheEntity;
 
-typedef union {
-  CacheRecord r;
-} CacheEntity;
-
-/* Test mode: a captured send goes to this hook instead of a socket. */
-typedef void mDNSPlatformSendHook(void* context, mDNSInterfaceID InterfaceID, int family,
-                                  const mDNSu8* message, size_t length);
-
+#define mDNS_PlatformPrivateSize 12288
 typedef struct {
-  int unicast_v4_unused; /* reserved */
-  int sock_v4;           /* -1 when closed */
-  int sock_v6;
-  NetworkInterfaceInfo interfaces[mDNS_MaxInterfaces]; /* the live table; HostInterfaces links into it */
-  mDNSu8 test_mode;                                    /* no sockets: messages are injected */
-  mDNSu8 open;                                         /* between platform start and close */
-  /* Test mode only: the synthetic interfaces that an interface read finds. */
-  NetworkInterfaceInfo test_interfaces[mDNS_MaxInterfaces];
-  mDNSPlatformSendHook* send_hook;
-  void* send_context;
+  MDNS_PRIVATE(mDNS_PlatformPrivateSize) Private;
 } mDNS_PlatformSupport;
-
-#define mDNS_EvictionCandidates 32
-
-typedef struct {
-  mDNSu32 entry[mDNS_EvictionCandidates]; /* index + 1 */
-  mDNSs32 expiry[mDNS_EvictionCandidates];
-  mDNSu32 count;
-  mDNSu32 next;
-  mDNSu8 valid;
-  mDNSu8 complete; /* holds every entry of its kind */
-} mDNSEvictionList;
 
 typedef void mDNSCallback(mDNS* const m, mStatus result);
 
-typedef struct {
-  mDNSu32 packets_sent;
-  mDNSu32 bytes_sent;
-  mDNSu32 queries_sent; /* questions written into sent packets */
-  mDNSu32 packets_received;
-  mDNSu32 packets_accepted;
-  mDNSu32 packets_dropped;
-  mDNSu32 records_cached;
-  mDNSu32 records_evicted;
-} mDNSCounters;
-
-#define mDNS_MessageBufferSize 9000
-#define mDNS_CacheBuckets 64
-#define mDNS_MaxNewRecordsPerPacket 128
+/* Service instances the browses remember having reported, whether or not
+ * their records still fit the cache. */
+#define mDNS_MaxBrowseAnswers 3072
+#define mDNS_CorePrivateSize 425984
 
 struct mDNS_struct {
-  mDNS_PlatformSupport* p;
-  mDNSCallback* MainCallback;
-  void* MainContext;
   NetworkInterfaceInfo* HostInterfaces; /* head of the list of usable interfaces */
-
-  CacheEntity* rrcache;
-  mDNSu32 rrcache_size;
-  DNSQuestion* Questions;
-  DNSQuestion* CurrentQuestion; /* guards list changes during delivery */
-
-  mDNSs32 timenow; /* the one clock reading of the current pass */
-  mDNSs32 NextScheduledEvent;
-  mDNSu32 RandomState;
-  mDNSu32 PacketSeq;
-  mDNSu8 Initialized;
-  mDNSu8 ShutdownPending;
-
-  mDNSs32 FakeClock;
-  mDNSu8 FakeClockSet;
-  mDNSu32 CacheBuckets[mDNS_CacheBuckets];    /* index + 1 of each bucket's first entry */
-  mDNSu32 IdentityBuckets[mDNS_CacheBuckets]; /* by owner name and data */
-  mDNSu32 CacheFree;                          /* index + 1 of the first free entry */
-  mDNSu32 CacheUsed;
-  mDNSu32 SendSerial;
-  mDNSu32 QuestionGeneration; /* changes whenever a question starts or stops */
-  mDNSu8 EvictionInProgress;  /* remove events now come from the full cache, not the network */
-  /* The next entries to evict, nearest expiry first (see cache.cpp). */
-  mDNSEvictionList EvictIdle; /* entries answering no active question */
-  mDNSEvictionList EvictAny;
-  mDNSu32 EvictGeneration; /* QuestionGeneration when EvictIdle was built */
-  mDNSu32 NewRecordCount;  /* entries of NewRecords in use */
-  mDNSu32 NewRecords[mDNS_MaxNewRecordsPerPacket];
-
-  mDNSCounters counters;
-  mDNSu8 rxbuf[mDNS_MessageBufferSize];
-  mDNSu8 txbuf[1500];
+  MDNS_PRIVATE(mDNS_CorePrivateSize) Private;
 };
 
 /* ---- Engine ------------------------------------------------------------ */
@@ -371,16 +260,26 @@ MDNS_API mStatus mDNS_Init(mDNS* const m, mDNS_PlatformSupport* const p, CacheEn
 MDNS_API void mDNS_StartExit(mDNS* const m);
 MDNS_API void mDNS_FinalExit(mDNS* const m);
 /* Reads the interfaces again (those of the calling thread's network namespace,
- * as mDNS_Init does): joins new ones, leaves vanished ones, whose records then
- * leave with remove events.  Interface IDs stay stable. */
+ * as mDNS_Init does) and the name servers of /etc/resolv.conf: joins new
+ * interfaces, leaves vanished ones, whose records then leave with remove
+ * events.  The core also notices interface changes by itself. */
 MDNS_API mStatus mDNSPlatformPosixRefreshInterfaceList(mDNS* const m);
 
+/* A browse for instances of `srv` (two labels, "_app._tcp" or "_app._udp") in
+ * `domain` (at least one label).  Other shapes are refused with
+ * mStatus_BadParamErr. */
 MDNS_API mStatus mDNS_StartBrowse(mDNS* const m, DNSQuestion* const question, const domainname* const srv,
                                   const domainname* const domain, const mDNSInterfaceID InterfaceID,
                                   mDNSBool ForceMCast, mDNSQuestionCallback* Callback, void* Context);
 MDNS_API mStatus mDNS_StartQuery(mDNS* const m, DNSQuestion* const question);
 MDNS_API mStatus mDNS_StopQuery(mDNS* const m, DNSQuestion* const question);
 
+/* Asks for the SRV and TXT of info->name, then for the addresses of the SRV
+ * target, and calls back once for every address (with the current port).  It
+ * runs until stopped: it follows changes of the SRV's port and target and
+ * reports new addresses.  Once it has reported an address it stops asking on
+ * the link and only listens to what devices announce (names under "local.");
+ * unicast DNS names are polled at about 80 % of their records' TTLs. */
 MDNS_API mStatus mDNS_StartResolveService(mDNS* const m, ServiceInfoQuery* query, ServiceInfo* info,
                                           mDNSServiceInfoQueryCallback* Callback, void* Context);
 MDNS_API void mDNS_StopResolveService(mDNS* const m, ServiceInfoQuery* query);

@@ -1,0 +1,22 @@
+// What makes two names, and two records, the same: names compare without
+// regard to ASCII case; record data compares in canonical (decompressed) form,
+// with names inside it compared the same way.  Each hash is equal whenever
+// its equality holds.
+#pragma once
+
+#include <cstdint>
+
+#include "mdns/mdns.h"
+
+namespace mdns {
+
+bool names_equal(const domainname& a, const domainname& b);
+uint32_t name_hash(const domainname& name);
+
+bool rdata_equal(uint16_t rrtype, const RData& a, const RData& b);
+uint32_t rdata_hash(uint16_t rrtype, const RData& rdata);
+
+// Same owner, type, class and data: one record.
+bool same_record(const ResourceRecord& a, const ResourceRecord& b);
+
+}  // namespace mdns

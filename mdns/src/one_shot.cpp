@@ -1,0 +1,110 @@
+#include "one_shot.h"
+
+#include <cstring>
+#include <initializer_list>
+
+#include "clock.h"
+#include "engine.h"
+#include "message_reader.h"
+#include "message_writer.h"
+#include "platform.h"
+#include "questions.h"
+
+namespace mdns {
+namespace {
+
+// So that a pass that starts thousands of questions stays bounded.
+constexpr int kMaxPacketsPerInterface = 2;
+
+const OneShot* find(const CoreState& core, uint16_t id, const Arrival& arrival) {
+  for (const OneShot& o : core.one_shots) {
+    if (o.question_count > 0 && o.id == id && o.interface_id == arrival.interface_id &&
+        o.family == arrival.source.type && time_diff(core.now, o.sent) <= kOneShotLifetimeMs) {
+      return &o;
+    }
+  }
+  return nullptr;
+}
+
+bool for_interface(const DNSQuestion& q, mDNSInterfaceID interface_id) {
+  return q.InterfaceID == mDNSInterface_Any || q.InterfaceID == interface_id;
+}
+
+// Packets of the wanted questions for one interface and family.
+void send_on(mDNS* m, DNSQuestion* wanted, mDNSInterfaceID interface_id, int family) {
+  CoreState& core = core_of(m);
+  DNSQuestion* q = wanted;
+  for (int packet = 0; packet < kMaxPacketsPerInterface && q != nullptr; ++packet) {
+    OneShot& record = core.one_shots[core.one_shot_next++ % kMaxOneShots];
+    record = OneShot{};
+    record.id = platform_random_id();
+    QueryWriter writer(core.txbuf, kMaxQueryPayload, record.id);
+    for (; q != nullptr && record.question_count < kOneShotQuestions; q = state_of(q).next_in_list) {
+      if (!for_interface(*q, interface_id)) {
+        continue;
+      }
+      if (!writer.add_question(q->qname, q->qtype, q->qclass)) {
+        break;
+      }
+      record.questions[record.question_count++] = question_key(q->qname, q->qtype, q->qclass);
+    }
+    if (record.question_count == 0) {
+      return;
+    }
+    record.family = static_cast<uint8_t>(family);
+    record.interface_id = interface_id;
+    record.sent = core.now;
+    core.counters.one_shots_sent++;
+    engine_send_multicast(m, Transport::kOneShot, interface_id, family, core.txbuf, writer.finish());
+  }
+}
+
+}  // namespace
+
+void one_shots_reset(CoreState& core) {
+  std::memset(core.one_shots, 0, sizeof core.one_shots);
+  core.one_shot_next = 0;
+  core.one_shot_head = nullptr;
+}
+
+void send_one_shots(mDNS* m) {
+  CoreState& core = core_of(m);
+  DNSQuestion* wanted = core.one_shot_head;
+  if (wanted == nullptr) {
+    return;
+  }
+  for (const NetworkInterfaceInfo* i = m->HostInterfaces; i != nullptr; i = i->next) {
+    for (int family : {mDNSAddrType_IPv4, mDNSAddrType_IPv6}) {
+      if (platform_interface_usable(m, i->InterfaceID, family)) {
+        send_on(m, wanted, i->InterfaceID, family);
+      }
+    }
+  }
+  while (wanted != nullptr) {
+    QuestionState& s = state_of(wanted);
+    wanted = s.next_in_list;
+    s.next_in_list = nullptr;
+    s.listed = false;
+    s.one_shot_wanted = false;
+  }
+  core.one_shot_head = nullptr;
+}
+
+bool one_shot_expected(mDNS* m, const MessageHeader& header, const Arrival& arrival) {
+  return header.qdcount > 0 && find(core_of(m), header.id, arrival) != nullptr;
+}
+
+bool one_shot_asked(mDNS* m, const MessageHeader& header, const Arrival& arrival, uint32_t question_key) {
+  const OneShot* o = find(core_of(m), header.id, arrival);
+  if (o == nullptr) {
+    return false;
+  }
+  for (int i = 0; i < o->question_count; ++i) {
+    if (o->questions[i] == question_key) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace mdns

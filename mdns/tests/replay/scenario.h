@@ -1,0 +1,67 @@
+// A replay scenario: a text file of timed steps that drive the core on its
+// fake clock, and the packets and events expected in time windows.
+//
+//   # comment
+//   interface eth0 192.168.1.10/24 fe80::10/64   (before the steps; default: eth0 192.168.1.10/24)
+//   cache 500                                      (entries; default 128)
+//   nameserver 192.0.2.53 [port 53]
+//   allow extra sends | allow extra events
+//
+//   at T browse ID TYPE [DOMAIN] [iface NAME]      the application starts or stops questions
+//   at T resolve ID NAME [iface NAME]
+//   at T query ID NAME TYPE
+//   at T stop ID
+//   at T recv FROM [port P] [iface NAME] [oneshot] [echo] [id N] [flags HEX] [raw HEX...]
+//     qd NAME TYPE
+//     an|ns|ar NAME TYPE TTL [flush] DATA...       a packet arrives (echo: repeats the last
+//   at T recv-dns [from ADDR] [port P] [echo] ...  one-shot's or unicast query's ID and questions)
+//   at T iface up NAME ADDR/LEN... | down NAME | recreate NAME    the host's interfaces change
+//
+//   expect send T1..T2 [oneshot|dns|tcp] [iface NAME] [v4|v6] [tc] [qu]
+//     q NAME TYPE                                  exactly these questions; and at least
+//     known NAME TYPE [DATA...] | noknown NAME TYPE   / none of these known answers
+//   expect nosend T1..T2 [oneshot|dns|tcp|multicast]
+//   expect event T1..T2 ID add|remove DATA | resolved ADDRESS PORT
+//   expect noevent T1..T2 [ID [add|remove DATA | resolved ADDRESS PORT]]
+//
+// Times are milliseconds from the start; a window may be one time.  Every send
+// and event must be expected, unless the file allows extras.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace replay {
+
+struct Window {
+  int32_t from = 0;
+  int32_t to = 0;
+  bool contains(int32_t t) const { return t >= from && t <= to; }
+};
+
+struct Line {
+  int number = 0;
+  std::vector<std::string> words;
+  std::vector<Line> body;  // the indented lines under it
+  std::string text;
+};
+
+struct Scenario {
+  std::string name;
+  std::vector<std::string> interfaces = {};  // "eth0 192.168.1.10/24 ..."
+  std::vector<std::string> nameservers;      // "ADDR [port P]"
+  uint32_t cache_entries = 128;
+  bool allow_extra_sends = false;
+  bool allow_extra_events = false;
+  std::vector<Line> actions;       // "at T ...", in time order
+  std::vector<Line> expectations;  // "expect ..."
+  int32_t end = 0;                 // the latest time mentioned
+};
+
+// Throws std::runtime_error with the file's name and line on a malformed file.
+Scenario read_scenario(const std::string& path);
+Window parse_window(const std::string& text);
+int32_t parse_time(const std::string& text);
+
+}  // namespace replay
