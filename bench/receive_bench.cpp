@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "engine.h"
+#include "interfaces_posix.h"
 #include "mdns/mdns.h"
 #include "platform.h"
 
@@ -119,20 +120,37 @@ void count_event(mDNS* const, DNSQuestion*, const ResourceRecord* const, QC_resu
 }
 
 int32_t g_now = 1000000;
+mdns::InterfaceSnapshot g_interfaces;
+std::vector<DNSQuestion> g_questions;
 
-void start_core() {
+void start_core(int questions) {
   std::memset(&g_platform, 0, sizeof g_platform);
-  g_platform.test_mode = 1;
-  mdns::platform_test_add_interface(&g_platform, "eth0", kIfIndex, "192.168.1.10", "255.255.255.0");
-  mDNS_Init(&g_core, &g_platform, g_cache, kCacheEntries, mDNSfalse, nullptr, nullptr);
+  g_interfaces = mdns::InterfaceSnapshot{};
+  mdns::InterfaceRecord& eth0 = g_interfaces.entries[g_interfaces.count++];
+  mdns::interface_reset(eth0, "eth0", kIfIndex);
+  mdns::interface_add_address(eth0, mdns::address_from_text("192.168.1.10"), 24);
+  eth0.v4usable = true;
+  mdns::platform_use_test_mode(&g_platform, &g_interfaces);
   mdns::engine_set_fake_clock(&g_core, g_now);
+  mDNS_Init(&g_core, &g_platform, g_cache, kCacheEntries, mDNSfalse, nullptr, nullptr);
   domainname type{};
   domainname domain{};
   MakeDomainNameFromDNSNameString(&type, "_ipp._tcp");
   MakeDomainNameFromDNSNameString(&domain, "local.");
   std::memset(&g_browse, 0, sizeof g_browse);
   mDNS_StartBrowse(&g_core, &g_browse, &type, &domain, mDNSInterface_Any, mDNSfalse, count_event, nullptr);
-  mdns::engine_run_scheduled(&g_core, g_now);
+  // Questions for other hosts: a pass must not cost in proportion to them.
+  g_questions.assign(static_cast<size_t>(questions), DNSQuestion{});
+  for (int i = 0; i < questions; ++i) {
+    DNSQuestion& q = g_questions[static_cast<size_t>(i)];
+    MakeDomainNameFromDNSNameString(&q.qname, ("other-host-" + std::to_string(i) + ".local.").c_str());
+    q.qtype = kDNSType_A;
+    q.qclass = kDNSClass_IN;
+    q.QuestionCallback = count_event;
+    mDNS_StartQuery(&g_core, &q);
+  }
+  mdns::engine_begin_pass(&g_core);
+  mdns::engine_run_scheduled(&g_core);
 }
 
 void stop_core() {
@@ -140,50 +158,66 @@ void stop_core() {
   mDNS_FinalExit(&g_core);
 }
 
-void run_receive(benchmark::State& state, const std::vector<std::vector<uint8_t>>& messages) {
-  start_core();
-  mDNSAddr source{};
-  source.type = mDNSAddrType_IPv4;
-  const uint8_t src[4] = {192, 168, 1, 20};
-  std::memcpy(source.ip.v4.b, src, 4);
-  mDNSIPPort port{};
-  port.b[0] = 0x14;
-  port.b[1] = 0xe9;
-  const mDNSInterfaceID id = mdns::platform_interface_id(kIfIndex);
+void run_receive(benchmark::State& state, const std::vector<std::vector<uint8_t>>& messages, int questions,
+                 bool with_passes) {
+  start_core(questions);
+  mdns::Arrival arrival{};
+  arrival.source = mdns::address_from_text("192.168.1.20");
+  arrival.source_port.b[0] = 0x14;
+  arrival.source_port.b[1] = 0xe9;
+  arrival.interface_id = mdns::platform_interface_id_of(&g_core, "eth0");
+  arrival.transport = mdns::Transport::kMulticast;
   size_t i = 0;
   const long allocations_before = g_allocations.load();
   for (auto _ : state) {
     const auto& msg = messages[i];
     i = i + 1 == messages.size() ? 0 : i + 1;
-    mdns::engine_receive(&g_core, msg.data(), msg.size(), source, port, id, g_now);
-    ++g_now;
+    mdns::engine_set_fake_clock(&g_core, ++g_now);
+    mdns::engine_begin_pass(&g_core);
+    mdns::engine_receive(&g_core, msg.data(), msg.size(), arrival);
+    if (with_passes) {
+      mdns::engine_run_scheduled(&g_core);  // as a busy loop runs one pass per response
+    }
   }
   const long allocations = g_allocations.load() - allocations_before;
   state.counters["allocations"] = static_cast<double>(allocations);
   state.counters["responses/s"] =
       benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
-  state.counters["evicted"] = g_core.counters.records_evicted;
+  state.counters["evicted"] = mdns::engine_counters(&g_core).records_evicted;
   stop_core();
 }
 
-void BM_ReceiveNewInstances(benchmark::State& state) {
+std::vector<std::vector<uint8_t>> new_instances() {
   std::vector<std::vector<uint8_t>> messages;
   for (int n = 0; n < 1000; ++n) {
     messages.push_back(announcement(n));
   }
-  run_receive(state, messages);
+  return messages;
+}
+
+void BM_ReceiveNewInstances(benchmark::State& state) {
+  run_receive(state, new_instances(), 0, false);
 }
 BENCHMARK(BM_ReceiveNewInstances);
 
 void BM_ReceiveRefresh(benchmark::State& state) {
-  run_receive(state, {announcement(7)});
+  run_receive(state, {announcement(7)}, 0, false);
 }
 BENCHMARK(BM_ReceiveRefresh);
+
+// Responses with a pass after each, beside N other active questions: the cost
+// per response must not grow with N.
+void BM_ReceiveAndPassBesideQuestions(benchmark::State& state) {
+  run_receive(state, new_instances(), static_cast<int>(state.range(0)), true);
+}
+BENCHMARK(BM_ReceiveAndPassBesideQuestions)->Arg(20)->Arg(2000)->Arg(20000);
 
 }  // namespace
 
 int main(int argc, char** argv) {
   std::printf("sizeof(mDNS)                 %zu bytes\n", sizeof(mDNS));
+  std::printf("sizeof(DNSQuestion)          %zu bytes\n", sizeof(DNSQuestion));
+  std::printf("sizeof(ServiceInfoQuery)     %zu bytes\n", sizeof(ServiceInfoQuery));
   std::printf("sizeof(mDNS_PlatformSupport) %zu bytes\n", sizeof(mDNS_PlatformSupport));
   std::printf("sizeof(CacheEntity)          %zu bytes\n", sizeof(CacheEntity));
   std::printf("500 * sizeof(CacheEntity)    %zu bytes (%.1f KiB)\n", 500 * sizeof(CacheEntity),

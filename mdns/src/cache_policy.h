@@ -25,4 +25,7 @@ Importance importance_of(mDNS* m, CacheRecord* rr);
 // The entry to give up, or null when every entry is pinned.
 CacheRecord* choose_victim(mDNS* m);
 
+// An entry's expiry changed, or it was delivered: it may now be the next to go.
+void note_victim_candidate(mDNS* m, CacheRecord* rr);
+
 }  // namespace mdns

@@ -113,6 +113,21 @@ struct CacheRecord {
 static_assert(sizeof(CacheRecord) <= mDNS_CacheEntitySize, "cache record outgrew its storage");
 static_assert(alignof(CacheRecord) <= alignof(CacheEntity), "cache record alignment");
 
+// The next entries a full cache gives up, nearest expiry first (see cache_policy.cpp).
+constexpr uint32_t kVictimListSize = 32;
+
+struct VictimList {
+  uint32_t entry[kVictimListSize];  // index + 1
+  int32_t expiry[kVictimListSize];  // as it was when listed
+  uint8_t importance[kVictimListSize];
+  uint32_t count;
+  uint32_t next;
+  uint32_t generation;  // question_generation when built
+  int sender;           // the sender whose entries it lists; -1: idle entries of anybody
+  bool valid;
+  bool complete;  // held every entry of its kind when built
+};
+
 // ---- Senders ----------------------------------------------------------------
 
 // The hosts whose records fill the cache and the browses' memory.  Slot 0
@@ -241,6 +256,8 @@ struct CoreState {
   uint32_t cache_buckets[kCacheBuckets];
   uint32_t identity_buckets[kCacheBuckets];
   CacheRecord* cache_timer_root;
+  VictimList idle_victims;
+  VictimList sender_victims;
   uint32_t packet_seq;
   uint32_t send_serial;
 

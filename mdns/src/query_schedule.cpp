@@ -357,6 +357,16 @@ void schedule_drop(mDNS* m, DNSQuestion* leader) {
 void send_due_queries(mDNS* m, int32_t now) {
   CoreState& core = core_of(m);
   DNSQuestion* chosen = take_due(core, now);
+  // Unicast DNS questions due for a poll or a retry ask their servers.
+  for (DNSQuestion** link = &chosen; *link != nullptr;) {
+    DNSQuestion* q = *link;
+    if (state_of(q).unicast) {
+      *link = state_of(q).next_to_send;
+      unicast_ask_now(m, q);
+    } else {
+      link = &state_of(q).next_to_send;
+    }
+  }
   if (chosen == nullptr) {
     return;
   }

@@ -43,6 +43,9 @@ void deliver_packet_records(mDNS* m) {
       rr->add_pending = 0;
       record_added(m, rr);
     }
+    if (rr->in_use) {
+      note_victim_candidate(m, rr);
+    }
   }
 }
 
@@ -57,7 +60,8 @@ void note_packet_record(mDNS* m, CacheRecord* rr, bool is_new) {
 // A cache-flush record: the other records of its name, type and class on this
 // interface that are older than a second and not from this packet go away in
 // one second.
-void flush_older_records(CoreState& core, const CacheRecord& fresh) {
+void flush_older_records(mDNS* m, const CacheRecord& fresh) {
+  CoreState& core = core_of(m);
   const ResourceRecord& f = fresh.resrec;
   for (CacheRecord* rr = cache_first(core, f.namehash); rr != nullptr; rr = cache_next(core, rr)) {
     const ResourceRecord& r = rr->resrec;
@@ -67,6 +71,7 @@ void flush_older_records(CoreState& core, const CacheRecord& fresh) {
       continue;
     }
     cache_expire_soon(core, rr, core.now);
+    note_victim_candidate(m, rr);
   }
 }
 
@@ -76,6 +81,7 @@ void handle_goodbye(mDNS* m, const ParsedRecord& rec, CacheRecord* rr, uint32_t 
   if (rr != nullptr) {
     if (!rr->expiring) {
       cache_expire_soon(core, rr, core.now);
+      note_victim_candidate(m, rr);
     }
     return;
   }
@@ -138,7 +144,7 @@ void store_record(mDNS* m, const ParsedRecord& rec, const RecordOrigin& origin) 
     note_packet_record(m, rr, true);
   }
   if (rec.cache_flush) {
-    flush_older_records(core, *rr);
+    flush_older_records(m, *rr);
   }
 }
 

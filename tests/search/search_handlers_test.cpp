@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "platform.h"
 #include "sorvalen/mdns_search_posix.h"
 
 namespace {
@@ -65,7 +66,7 @@ class SearchHandlersTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     std::memset(&MDNSSearchPosix::platform_storage_, 0, sizeof MDNSSearchPosix::platform_storage_);
-    MDNSSearchPosix::platform_storage_.test_mode = 1;
+    mdns::platform_use_test_mode(&MDNSSearchPosix::platform_storage_, nullptr);
     ASSERT_EQ(
         mDNS_Init(&MDNSSearchPosix::mdns_storage_, &MDNSSearchPosix::platform_storage_,
                   MDNSSearchPosix::rrcache_, MDNSSearchPosix::kCacheEntries, mDNSfalse, nullptr, nullptr),

@@ -403,6 +403,19 @@ class Replay {
     return nullptr;
   }
 
+  // The latest unicast query for NAME TYPE.
+  const Sent* last_asking(const std::string& name, const std::string& type) const {
+    const domainname wanted = to_name(wire_name(name));
+    for (auto it = sent_.rbegin(); it != sent_.rend(); ++it) {
+      if ((it->transport == mdns::Transport::kUnicastDns || it->transport == mdns::Transport::kUnicastTcp) &&
+          !it->questions.empty() && it->questions[0].type == type_code(type) &&
+          mdns::names_equal(it->questions[0].name, wanted)) {
+        return &*it;
+      }
+    }
+    return nullptr;
+  }
+
   Bytes message_of(const Line& line, const Sent* asked) const {
     const auto& w = line.words;
     if (flag(w, "raw")) {
@@ -444,7 +457,8 @@ class Replay {
     const auto& w = line.words;
     begin_pass();
     if (w[2] == "recv-dns") {
-      const Sent* asked = last_sent(mdns::Transport::kUnicastDns, mdns::Transport::kUnicastTcp);
+      const Sent* asked = flag(w, "for") ? last_asking(option(w, "for", ""), w.at(std::find(w.begin(), w.end(), "for") - w.begin() + 2))
+                                         : last_sent(mdns::Transport::kUnicastDns, mdns::Transport::kUnicastTcp);
       if (asked == nullptr) {
         throw std::runtime_error("no unicast query to answer");
       }
@@ -565,6 +579,7 @@ class Replay {
     const std::string family = flag(words, "v6") ? "6" : flag(words, "v4") ? "4" : "";
     if (sent.consumed || !w.contains(sent.time) || sent.transport != transport_of(words) ||
         (flag(words, "iface") && sent.iface != option(words, "iface", "")) ||
+        (flag(words, "to") && sent.server != option(words, "to", "")) ||
         (!family.empty() && std::to_string(sent.family) != family) ||
         flag(words, "tc") != ((sent.flags & 0x0200) != 0) || flag(words, "qu") != sent.unicast_response) {
       return false;

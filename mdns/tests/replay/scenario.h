@@ -14,10 +14,11 @@
 //   at T recv FROM [port P] [iface NAME] [oneshot] [echo] [id N] [flags HEX] [raw HEX...]
 //     qd NAME TYPE
 //     an|ns|ar NAME TYPE TTL [flush] DATA...       a packet arrives (echo: repeats the last
-//   at T recv-dns [from ADDR] [port P] [echo] ...  one-shot's or unicast query's ID and questions)
+//   at T recv-dns [for NAME TYPE] [from ADDR] [port P] [echo] ...   one-shot's or unicast query's
+//                                                  ID and questions; "for" picks the query)
 //   at T iface up NAME ADDR/LEN... | down NAME | recreate NAME    the host's interfaces change
 //
-//   expect send T1..T2 [oneshot|dns|tcp] [iface NAME] [v4|v6] [tc] [qu]
+//   expect send T1..T2 [oneshot|dns|tcp] [iface NAME] [v4|v6] [to SERVER] [tc] [qu]
 //     q NAME TYPE                                  exactly these questions; and at least
 //     known NAME TYPE [DATA...] | noknown NAME TYPE   / none of these known answers
 //   expect nosend T1..T2 [oneshot|dns|tcp|multicast]

@@ -6,6 +6,8 @@
 #include <string>
 
 #include "core_on_lan.h"
+#include "engine.h"
+#include "platform_state.h"
 #include "virtual_lan.h"
 #include "virtual_lan_requirement.h"
 
@@ -51,7 +53,7 @@ TEST_F(BrowseResolveOnLan, ResolveCompletesFromTheRecordsThatCameWithTheBrowse) 
   mDNS_StopQuery(&core->core(), &browse.question);
 
   Resolve resolve;
-  const mDNSu32 queries_before = core->core().counters.queries_sent;
+  const mDNSu32 queries_before = engine_counters(&core->core()).queries_sent;
   ASSERT_EQ(core->resolve(resolve, "Office Printer", "_ipp._tcp"), mStatus_NoError);
   ASSERT_TRUE(core->run_until([&] { return !resolve.results.empty(); }, kFindMs));
   EXPECT_EQ(resolve.queries_sent_at_first_result, queries_before)
@@ -86,7 +88,8 @@ TEST_P(OneFamilyOnLan, FindsAndResolvesTheDevice) {
   ASSERT_TRUE(core->started());
   EXPECT_EQ(core->interface_names(), std::vector<std::string>{"eth0"});
   const int family = GetParam();
-  int& other = family == mDNSAddrType_IPv4 ? core->platform().sock_v6 : core->platform().sock_v4;
+  PlatformState& p = platform_of(&core->core());
+  int& other = family == mDNSAddrType_IPv4 ? p.sock_v6 : p.sock_v4;
   ASSERT_GE(other, 0);
   close(other);
   other = -1;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "engine.h"
 #include "netns_scope.h"
 
 namespace mdns::vlan_test {
@@ -33,7 +34,7 @@ void on_browse(mDNS* const, DNSQuestion* question, const ResourceRecord* const a
 void on_resolve(mDNS* const m, ServiceInfoQuery* query) {
   auto* resolve = static_cast<Resolve*>(query->ServiceInfoQueryContext);
   if (resolve->results.empty()) {
-    resolve->queries_sent_at_first_result = m->counters.queries_sent;
+    resolve->queries_sent_at_first_result = engine_counters(m).queries_sent;
   }
   const ServiceInfo* info = query->info;
   resolve->results.push_back({info->ip, (info->port.b[0] << 8) | info->port.b[1]});
@@ -134,6 +135,9 @@ mStatus CoreOnLan::refresh_interfaces() {
 }
 
 bool CoreOnLan::run_until(const std::function<bool()>& done, int timeout_ms) {
+  // As an application's loop thread would be: in the namespace of the sockets,
+  // where the core reads the interfaces when they change.
+  sorvalen::test::NetnsScope scope(netns_);
   const int64_t deadline = now_ms() + timeout_ms;
   while (!done()) {
     const int64_t left = deadline - now_ms();

