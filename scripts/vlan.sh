@@ -15,6 +15,10 @@
 #   vlan.sh ipv4 RUN HOST [IFACE]           prints the host's IPv4 address (default eth0)
 #   vlan.sh ipv6ll RUN HOST [IFACE]         prints the host's IPv6 link-local address
 #   vlan.sh exec RUN HOST CMD...            runs CMD inside the host's namespace
+#   vlan.sh set-ipv4 RUN HOST IFACE ADDR/LEN  replaces the interface's IPv4 address (e.g. a
+#                                           169.254/16 one, as a device without DHCP takes)
+#   vlan.sh recreate-iface RUN HOST IFACE   deletes the interface and makes it again: same name,
+#                                           LAN and addresses, a new index
 #   vlan.sh start-avahi RUN HOST [--dbus] [--name DEVICE] [--interfaces eth0,eth1] [--no-wait]
 #                                           starts avahi-daemon and waits until it has announced its
 #                                           services; --dbus gives it a private system bus so that
@@ -151,7 +155,7 @@ attach() { # RUN HOST NS IFACE LAN HOSTINDEX
   ip -n "$sw" link set "$port" up
   ip -n "$ns" addr add "$prefix.$octet/24" dev "$iface"
   ip -n "$ns" link set "$iface" multicast on up
-  echo "$iface $lan $prefix.$octet" >>"$(host_dir "$run" "$host")/ifaces"
+  echo "$iface $lan $prefix.$octet $port" >>"$(host_dir "$run" "$host")/ifaces"
 }
 
 cmd_add_host() {
@@ -204,6 +208,42 @@ cmd_ipv6ll() {
   local iface=${3:-eth0}
   ip -n "$(host_ns "$1" "$2")" -6 -o addr show dev "$iface" scope link |
     awk '{ split($4, a, "/"); print a[1]; exit }'
+}
+
+cmd_set_ipv4() {
+  require_host "$1" "$2"
+  [ $# -eq 4 ] || die "set-ipv4 RUN HOST IFACE ADDR/LEN"
+  local ns hdir
+  ns=$(host_ns "$1" "$2")
+  hdir=$(host_dir "$1" "$2")
+  grep -q "^$3 " "$hdir/ifaces" || die "no interface $3 on $2"
+  ip -n "$ns" -4 addr flush dev "$3"
+  ip -n "$ns" addr add "$4" dev "$3"
+  awk -v i="$3" -v a="${4%/*}" '$1 == i { $3 = a } { print }' "$hdir/ifaces" >"$hdir/ifaces.tmp"
+  # Senders that pick no interface still reach the LAN.
+  ip -n "$ns" route replace 224.0.0.0/4 dev "$3" 2>/dev/null || true
+  mv "$hdir/ifaces.tmp" "$hdir/ifaces"
+}
+
+cmd_recreate_iface() {
+  require_host "$1" "$2"
+  [ $# -eq 3 ] || die "recreate-iface RUN HOST IFACE"
+  local run=$1 host=$2 iface=$3 ns sw hdir line lan addr port mac
+  ns=$(host_ns "$run" "$host")
+  sw=$(switch_ns "$run")
+  hdir=$(host_dir "$run" "$host")
+  line=$(grep "^$iface " "$hdir/ifaces") || die "no interface $iface on $host"
+  read -r _ lan addr port <<<"$line"
+  mac=$(ip -n "$ns" -o link show dev "$iface" | grep -o 'link/ether [0-9a-f:]*' | awk '{ print $2 }')
+  # Deleting one end of the pair deletes the other: a new pair in the same place.
+  ip -n "$ns" link del "$iface"
+  ip -n "$ns" link add "$iface" address "$mac" type veth peer name "$port" netns "$sw"
+  ip -n "$sw" link set "$port" master "br$lan"
+  ip -n "$sw" link set "$port" up
+  ip -n "$ns" addr add "$addr/$([[ $addr == 169.254.* ]] && echo 16 || echo 24)" dev "$iface"
+  ip -n "$ns" link set "$iface" multicast on up
+  [ "$iface" != eth0 ] || ip -n "$ns" route replace 224.0.0.0/4 dev eth0
+  wait_for 100 link_local_ready "$ns" "$iface" || die "no link-local address on $iface of $host"
 }
 
 cmd_exec() {
@@ -510,6 +550,8 @@ case "$command" in
   ipv4) cmd_ipv4 "$@" ;;
   ipv6ll) cmd_ipv6ll "$@" ;;
   exec) cmd_exec "$@" ;;
+  set-ipv4) cmd_set_ipv4 "$@" ;;
+  recreate-iface) cmd_recreate_iface "$@" ;;
   start-avahi) cmd_start_avahi "$@" ;;
   wait-avahi) cmd_wait_avahi "$@" ;;
   add-service) cmd_add_service "$@" ;;

@@ -55,6 +55,8 @@ bool MDNSSearchPosix::Init() {
 void MDNSSearchPosix::Destroy() {
   if (!initialized_)
     return;
+  // A search still running would go on using the core being shut down.
+  Stop();
   mDNS_StartExit(&mdns_storage_);
   mDNS_FinalExit(&mdns_storage_);
   initialized_ = false;

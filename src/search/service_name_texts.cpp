@@ -1,5 +1,7 @@
 #include "search/service_name_texts.h"
 
+#include <cstring>
+
 namespace sorvalen {
 
 bool split_service_name(const domainname& full_name, ServiceNameTexts* texts) {
@@ -18,6 +20,12 @@ bool split_service_name(const domainname& full_name, ServiceNameTexts* texts) {
   char* type_end = ConvertDomainNameToCString_withescape(&type, type_text, 0);
   char* domain_end = ConvertDomainNameToCString_withescape(&domain, domain_text, 0);
 
+  // A byte 0 in a name would cut its text short where a C string carries it
+  // (a removal names the instance so): such names are not listed at all.
+  if (std::memchr(instance_text, 0, static_cast<size_t>(instance_end - instance_text)) != nullptr ||
+      std::memchr(type_text, 0, static_cast<size_t>(type_end - type_text)) != nullptr ||
+      std::memchr(domain_text, 0, static_cast<size_t>(domain_end - domain_text)) != nullptr)
+    return false;
   texts->instance.assign(instance_text, instance_end);
   texts->type.assign(type_text, type_end);
   texts->domain.assign(domain_text, domain_end);

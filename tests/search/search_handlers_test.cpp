@@ -235,20 +235,25 @@ TEST_F(SearchHandlersTest, NameTextsKeepDotsAndBlanksAndFitTheLongestLabels) {
   }
 }
 
-TEST_F(SearchHandlersTest, SkipsNamesTheCoreCannotSplitAndResultsWithoutAddress) {
+TEST_F(SearchHandlersTest, SkipsNamesTheCoreCannotSplitOrATextCannotHoldAndResultsWithoutAddress) {
   UseFilter(",");
   MDNSSearch::AddToAddressList(IPAddressV4{0, 0, "host", "", ""});
-  Announce(wire_name({"host", "local"}));
-  Announce(wire_name({"host", "local"}), QC_rmv);
+  MDNSSearch::AddToAddressList(IPAddressV4{0, 0, "Tv", "", ""});
+  // A byte 0 in the instance would cut its text where a removal passes it.
+  const domainname with_nul = service_name(std::string("Tv\0x", 4));
+  for (const domainname& name : {wire_name({"host", "local"}), with_nul}) {
+    Announce(name);
+    Announce(name, QC_rmv);
+    resolve_.info.name = name;
+    Resolved(AF_INET, "10.0.0.7");
+  }
   EXPECT_TRUE(sinfo_list.empty());
-  EXPECT_EQ(MDNSSearch::address_list_.size(), 1u);
+  EXPECT_EQ(MDNSSearch::address_list_.size(), 2u);
 
-  resolve_.info.name = wire_name({"host", "local"});
-  Resolved(AF_INET, "10.0.0.7");
   resolve_.info.name = service_name("Dev 1");
   resolve_.info.ip.type = mDNSAddrType_None;
   MDNSSearchPosix::ResolveCallback(&MDNSSearchPosix::mdns_storage_, &resolve_.query);
-  EXPECT_EQ(MDNSSearch::address_list_.size(), 1u);
+  EXPECT_EQ(MDNSSearch::address_list_.size(), 2u);
   EXPECT_TRUE(MDNSSearch::addressV6_list_.empty());
 }
 

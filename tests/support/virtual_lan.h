@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "avahi_browse_output.h"
@@ -63,6 +64,10 @@ class VirtualLan {
 
   // `avahi-browse -rpt TYPE` on a host whose daemon was started with dbus.
   std::string browse(const std::string& host, const std::string& type) const;
+
+  // Any other scripts/vlan.sh command of this run, e.g. {"set-ipv4", HOST, IFACE, ADDR/LEN};
+  // returns its output.
+  std::string command(std::vector<std::string> args) const { return script(std::move(args)); }
 
   // Runs a program inside the host's namespace.
   CommandResult exec(const std::string& host, const std::vector<std::string>& argv,

@@ -128,12 +128,6 @@ mStatus CoreOnLan::resolve(Resolve& resolve, const std::string& instance, const 
   return mDNS_StartResolveService(m_.get(), &resolve.query, &resolve.info, on_resolve, &resolve);
 }
 
-mStatus CoreOnLan::refresh_interfaces() {
-  // The interface read sees the namespace of the calling thread.
-  sorvalen::test::NetnsScope scope(netns_);
-  return mDNSPlatformPosixRefreshInterfaceList(m_.get());
-}
-
 bool CoreOnLan::run_until(const std::function<bool()>& done, int timeout_ms) {
   // As an application's loop thread would be: in the namespace of the sockets,
   // where the core reads the interfaces when they change.

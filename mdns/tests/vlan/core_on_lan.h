@@ -68,7 +68,6 @@ class CoreOnLan {
   // The instance must be plain text (no dots or backslashes).
   mStatus resolve(Resolve& resolve, const std::string& instance, const std::string& type,
                   mDNSInterfaceID interface_id = mDNSInterface_Any);
-  mStatus refresh_interfaces();
 
   // Runs the event loop until `done` holds or `timeout_ms` passes; returns `done()`.
   bool run_until(const std::function<bool()>& done, int timeout_ms);
