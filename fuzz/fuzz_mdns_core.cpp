@@ -5,6 +5,8 @@
 #include <cstring>
 
 #include "engine.h"
+#include "interfaces_posix.h"
+#include "unicast_dns.h"
 #include "mdns/mdns.h"
 #include "platform.h"
 
@@ -55,15 +57,25 @@ void on_answer(mDNS* const, DNSQuestion*, const ResourceRecord* const answer, QC
   (void)sink;
 }
 
-void discard_send(void*, mDNSInterfaceID, int, const uint8_t*, size_t) {}
+
+mdns::InterfaceSnapshot g_interfaces;
+DNSQuestion g_unicast;
+
+void discard_send(void*, const mdns::SentMessage&) {}
 
 void start_core() {
-  g_platform.test_mode = 1;
-  mdns::platform_test_add_interface(&g_platform, "eth0", kIfIndex, "192.168.1.10", "255.255.255.0");
-  mdns::platform_test_add_address(&g_platform, kIfIndex, "fe80::10", 64);
-  mDNS_Init(&g_core, &g_platform, g_cache, kCacheEntries, mDNSfalse, nullptr, nullptr);
+  mdns::InterfaceRecord& eth0 = g_interfaces.entries[g_interfaces.count++];
+  mdns::interface_reset(eth0, "eth0", kIfIndex);
+  mdns::interface_add_address(eth0, mdns::address_from_text("192.168.1.10"), 24);
+  mdns::interface_add_address(eth0, mdns::address_from_text("fe80::10"), 64);
+  eth0.v4usable = eth0.v6usable = true;
+  mdns::platform_use_test_mode(&g_platform, &g_interfaces);
+  const mDNSAddr server = mdns::address_from_text("192.0.2.53");
+  const uint16_t port = 53;
+  mdns::platform_test_set_name_servers(&g_platform, &server, &port, 1);
   mdns::platform_set_send_hook(&g_platform, discard_send, nullptr);
   mdns::engine_set_fake_clock(&g_core, g_now);
+  mDNS_Init(&g_core, &g_platform, g_cache, kCacheEntries, mDNSfalse, nullptr, nullptr);
   domainname type{};
   domainname domain{};
   MakeDomainNameFromDNSNameString(&type, "_http._tcp");
@@ -74,6 +86,18 @@ void start_core() {
   g_address.qclass = kDNSClass_IN;
   g_address.QuestionCallback = on_answer;
   mDNS_StartQuery(&g_core, &g_address);
+  MakeDomainNameFromDNSNameString(&domain, "example.test.");
+  mDNS_StartBrowse(&g_core, &g_unicast, &type, &domain, mDNSInterface_Any, mDNSfalse, on_browse, nullptr);
+}
+
+// The unicast query the core has outstanding (the latest socket it opened).
+int latest_dns_socket() {
+  for (const mdns::UnicastQuery& u : mdns::core_of(&g_core).unicast) {
+    if (u.stage != mdns::UnicastStage::kFree) {
+      return u.fd;
+    }
+  }
+  return -1;
 }
 
 // The clock wraps, as the real one does after about 24 days.
@@ -96,29 +120,35 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) {
     return 0;
   }
+  // The control byte: bit 7 the sender's family, bits 6-5 the socket it
+  // arrives on (mDNS, one-shot, unicast DNS), bits 4-0 the time that passes.
   const uint8_t control = data[0];
-  mDNSAddr source{};
+  mdns::Arrival arrival{};
   if (control & 0x80) {
-    source.type = mDNSAddrType_IPv6;
-    source.ip.v6.b[0] = 0xfe;
-    source.ip.v6.b[1] = 0x80;
-    source.ip.v6.b[15] = 0x20;
+    arrival.source = mdns::address_from_text("fe80::20");
   } else {
-    source.type = mDNSAddrType_IPv4;
-    const uint8_t v4[4] = {192, 168, 1, 20};
-    std::memcpy(source.ip.v4.b, v4, 4);
+    arrival.source = mdns::address_from_text("192.168.1.20");
   }
-  mDNSIPPort port{};
-  port.b[0] = 0x14;
-  port.b[1] = 0xe9;
-  mdns::engine_receive(&g_core, data + 1, size - 1, source, port, mdns::platform_interface_id(kIfIndex),
-                       g_now);
+  arrival.source_port.b[0] = 0x14;
+  arrival.source_port.b[1] = 0xe9;
+  arrival.interface_id = mdns::platform_interface_id_of(&g_core, "eth0");
+  const int path = (control >> 5) & 3;
+  arrival.transport = path == 1 ? mdns::Transport::kOneShot : mdns::Transport::kMulticast;
+  mdns::engine_begin_pass(&g_core);
+  if (path == 2) {
+    mdns::unicast_receive(&g_core, latest_dns_socket(), mdns::address_from_text("192.0.2.53"), 53, data + 1,
+                          size - 1);
+  } else {
+    mdns::engine_receive(&g_core, data + 1, size - 1, arrival);
+  }
+  mdns::engine_run_scheduled(&g_core);
 
   // Let time pass: up to about two minutes per input, with the passes in between.
-  const int32_t step = (control & 0x7F) * 1000;
+  const int32_t step = (control & 0x1F) * 4000;
   const int32_t target = later(g_now, step);
   for (int pass = 0; pass < 64; ++pass) {
-    mdns::engine_run_scheduled(&g_core, g_now);
+    mdns::engine_begin_pass(&g_core);
+    mdns::engine_run_scheduled(&g_core);
     const int32_t wait = mdns::engine_time_to_next_event(&g_core, g_now);
     if (wait < 0) {
       __builtin_trap();
@@ -131,8 +161,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   g_now = target;
   mdns::engine_set_fake_clock(&g_core, g_now);
-  mdns::engine_run_scheduled(&g_core, g_now);
-  if (g_core.CacheUsed > kCacheEntries) {
+  mdns::engine_begin_pass(&g_core);
+  mdns::engine_run_scheduled(&g_core);
+  if (mdns::core_of(&g_core).cache_used > kCacheEntries) {
     __builtin_trap();
   }
   return 0;

@@ -8,6 +8,7 @@
 
 #include "message_reader.h"
 #include "message_writer.h"
+#include "identity.h"
 #include "names.h"
 
 extern "C" const char ProgramName[] = "fuzz_mdns_message";

@@ -1,0 +1,39 @@
+# Which parts of the project may include which, checked on every build:
+#   the core (mdns/) includes nothing of the search library;
+#   the reverse lookup includes nothing of the core or the search;
+#   the search includes nothing of the reverse lookup;
+#   the shared records and text helpers include neither.
+# Run as a script: cmake -DROOT=<source dir> -P Architecture.cmake
+if(CMAKE_SCRIPT_MODE_FILE)
+  set(rules
+    "mdns|sorvalen/|search/|reverse_lookup/"
+    "src/reverse_lookup|mdns/|search/|sorvalen/mdns_search"
+    "src/search|reverse_lookup/|sorvalen/dns_reverse_lookup"
+    "src/common|mdns/|search/|reverse_lookup/|sorvalen/mdns_search|sorvalen/dns_reverse_lookup")
+  set(failures "")
+  foreach(rule ${rules})
+    string(REPLACE "|" ";" parts "${rule}")
+    list(POP_FRONT parts dir)
+    file(GLOB_RECURSE files "${ROOT}/${dir}/*.h" "${ROOT}/${dir}/*.cpp")
+    list(FILTER files EXCLUDE REGEX "/(tests|fuzz)/")
+    foreach(file ${files})
+      file(STRINGS "${file}" includes REGEX "^[ \t]*#[ \t]*include[ \t]*\"")
+      foreach(line ${includes})
+        foreach(forbidden ${parts})
+          string(FIND "${line}" "\"${forbidden}" at)
+          if(NOT at EQUAL -1)
+            string(APPEND failures "\n  ${file}: ${line}")
+          endif()
+        endforeach()
+      endforeach()
+    endforeach()
+  endforeach()
+  if(failures)
+    message(FATAL_ERROR "includes across the project's layers:${failures}")
+  endif()
+  return()
+endif()
+
+add_custom_target(architecture_check
+  COMMAND ${CMAKE_COMMAND} -DROOT=${PROJECT_SOURCE_DIR} -P ${CMAKE_CURRENT_LIST_FILE}
+  COMMENT "Checking which parts include which")
