@@ -32,15 +32,23 @@ DNSQuestion* find_leader(CoreState& core, const DNSQuestion& q) {
   return nullptr;
 }
 
+// A leader goes first in its bucket, its followers right after it, so that
+// finding a group's leader does not walk past all of its followers.
 void link_into_bucket(CoreState& core, DNSQuestion* q) {
   QuestionState& s = state_of(q);
   DNSQuestion*& head = bucket_head(core, s.name_hash);
-  s.bucket_prev = nullptr;
-  s.bucket_next = head;
-  if (head != nullptr) {
-    state_of(head).bucket_prev = q;
+  DNSQuestion* prev = s.leader;
+  DNSQuestion* next = prev != nullptr ? state_of(prev).bucket_next : head;
+  s.bucket_prev = prev;
+  s.bucket_next = next;
+  if (next != nullptr) {
+    state_of(next).bucket_prev = q;
   }
-  head = q;
+  if (prev != nullptr) {
+    state_of(prev).bucket_next = q;
+  } else {
+    head = q;
+  }
 }
 
 void unlink_from_bucket(CoreState& core, DNSQuestion* q) {

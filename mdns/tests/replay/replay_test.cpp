@@ -131,7 +131,8 @@ struct Slot {
   ServiceInfoQuery query{};
   ServiceInfo info{};
   bool resolve = false;
-  std::string stops;  // the slot its first callback stops ("then-stop ID")
+  std::string stops;     // the slot its first callback stops ("then-stop ID")
+  std::string resolves;  // a browse that resolves every instance it adds, as slots "ID/instance"
 };
 
 class Replay {
@@ -189,6 +190,8 @@ class Replay {
         why = expect_noevent(line, w);
       } else if (verb == "series") {
         why = expect_series(line, w);
+      } else if (verb == "count") {
+        why = expect_count(line, w);
       } else {
         why = "unknown expectation";
       }
@@ -345,11 +348,13 @@ class Replay {
     const std::string& verb = w[2];
     if (verb == "browse" || verb == "query" || verb == "resolve") {
       slot(w[3]).stops = option(w, "then-stop", "");
+      slot(w[3]).resolves = flag(w, "then-resolve") ? w[3] : "";
     }
     if (verb == "browse") {
       Slot& s = slot(w[3]);
       const domainname type = to_name(wire_name(w[4]));
-      const domainname domain = to_name(wire_name(w.size() > 5 && w[5] != "iface" ? w[5] : "local."));
+      const bool has_domain = w.size() > 5 && w[5].back() == '.';
+      const domainname domain = to_name(wire_name(has_domain ? w[5] : "local."));
       if (mDNS_StartBrowse(m_.get(), &s.question, &type, &domain, iface(w), mDNSfalse, on_answer, &s) != 0) {
         throw std::runtime_error("browse refused");
       }
@@ -547,6 +552,18 @@ class Replay {
       text = address_text(a);
     }
     s->replay->log_event(*s, kind == QC_add ? "add" : "remove", answer->rrtype, data, text);
+    if (kind == QC_add && !s->resolves.empty()) {
+      s->replay->resolve_instance(*s, answer->rdata->u.name, answer->InterfaceID);
+    }
+  }
+
+  // As the device search does: every instance a browse adds is resolved.
+  void resolve_instance(const Slot& browse, const domainname& instance, mDNSInterfaceID interface_id) {
+    Slot& r = slot(browse.id + "/" + text_of(instance));
+    r.resolve = true;
+    r.info.name = instance;
+    r.info.InterfaceID = interface_id;
+    mDNS_StartResolveService(m_.get(), &r.query, &r.info, on_resolved, &r);
   }
 
   static void on_resolved(mDNS* const, ServiceInfoQuery* query) {
@@ -665,6 +682,20 @@ class Replay {
       }
     }
     return seen_in(w);
+  }
+
+  // "expect count W ID-prefix kind N": N events of that kind for slots whose
+  // name starts with the prefix (a browse's resolves are "ID/instance").
+  std::string expect_count(const Line& line, const Window& w) {
+    const auto& f = line.words;
+    int n = 0;
+    for (Event& e : events_) {
+      if (w.contains(e.time) && e.id.rfind(f.at(3), 0) == 0 && e.kind == f.at(4)) {
+        e.consumed = true;
+        ++n;
+      }
+    }
+    return n == std::stoi(f.at(5)) ? "" : "counted " + std::to_string(n) + "\n";
   }
 
   // The multicast queries that ask one question in the window, one line each:

@@ -7,7 +7,11 @@
 //   nameserver 192.0.2.53 [port 53]
 //   allow extra sends | allow extra events
 //
-//   at T browse ID TYPE [DOMAIN] [iface NAME]      the application starts or stops questions
+//   at T browse ID TYPE [DOMAIN] [iface NAME] [then-resolve]   the application starts or stops
+//                                                  questions (then-resolve: each add starts a resolve
+//                                                  "ID/instance", as the device search does; any
+//                                                  start may end in "then-stop ID": its first
+//                                                  callback stops that one)
 //   at T resolve ID NAME [iface NAME]
 //   at T query ID NAME TYPE
 //   at T stop ID
@@ -24,6 +28,7 @@
 //   expect nosend T1..T2 [oneshot|dns|tcp|multicast]
 //   expect event T1..T2 ID add|remove DATA | resolved ADDRESS PORT
 //   expect noevent T1..T2 [ID [add|remove DATA | resolved ADDRESS PORT]]
+//   expect count T1..T2 ID kind N                  N events of that kind, of slots named ID...
 //
 // Times are milliseconds from the start; a window may be one time.  Every send
 // and event must be expected, unless the file allows extras.
