@@ -138,13 +138,13 @@ struct Slot {
 class Replay {
  public:
   explicit Replay(const Scenario& s) : s_(s), m_(new mDNS()), cache_(s.cache_entries) {
-    for (const std::string& spec : s.interfaces) {
-      set_interface(words(spec), false);
+    for (const std::string& text : s.interfaces) {
+      set_interface(words(text), false);
     }
     std::vector<mDNSAddr> servers;
     std::vector<uint16_t> ports;
-    for (const std::string& spec : s.nameservers) {
-      const auto w = words(spec);
+    for (const std::string& text : s.nameservers) {
+      const auto w = words(text);
       servers.push_back(address_from(w[0]));
       ports.push_back(static_cast<uint16_t>(w.size() >= 3 ? std::stoi(w[2]) : 53));
     }
@@ -258,13 +258,13 @@ class Replay {
   }
 
   void change_interfaces(const std::vector<std::string>& w) {
-    const std::vector<std::string> spec(w.begin() + 4, w.end());
+    const std::vector<std::string> args(w.begin() + 4, w.end());
     if (w[3] == "up") {
-      set_interface(spec, false);
+      set_interface(args, false);
     } else if (w[3] == "recreate") {
-      std::vector<std::string> same = {spec[0]};
+      std::vector<std::string> same = {args[0]};
       for (size_t i = 0; i < snapshot_.count; ++i) {
-        if (spec[0] == snapshot_.entries[i].info.ifname) {
+        if (args[0] == snapshot_.entries[i].info.ifname) {
           for (size_t a = 0; a < snapshot_.entries[i].naddrs; ++a) {
             same.push_back(address_text(snapshot_.entries[i].addrs[a].addr) + "/" +
                            std::to_string(snapshot_.entries[i].addrs[a].prefix_length));
@@ -274,7 +274,7 @@ class Replay {
       set_interface(same, true);
     } else if (w[3] == "down") {
       for (size_t i = 0; i < snapshot_.count; ++i) {
-        if (spec[0] == snapshot_.entries[i].info.ifname) {
+        if (args[0] == snapshot_.entries[i].info.ifname) {
           snapshot_.entries[i] = snapshot_.entries[--snapshot_.count];
         }
       }
@@ -723,11 +723,11 @@ class Replay {
       return "asked at" + times + "\n";
     }
     for (size_t i = 0; i < asking.size(); ++i) {
-      const std::string& spec = line.body[i].words.at(line.body[i].words[0] == "at" ? 1 : 0);
-      const bool gap = spec[0] == '+' && i > 0;
+      const std::string& step = line.body[i].words.at(line.body[i].words[0] == "at" ? 1 : 0);
+      const bool gap = step[0] == '+' && i > 0;
       const int32_t previous = i > 1 ? asking[i - 1]->time - asking[i - 2]->time : 0;
-      const Window expected = spec == "+double" ? Window{2 * previous, 2 * previous + 200}
-                                                : parse_window(gap ? spec.substr(1) : spec);
+      const Window expected = step == "+double" ? Window{2 * previous, 2 * previous + 200}
+                                                : parse_window(gap ? step.substr(1) : step);
       if (!expected.contains(gap ? asking[i]->time - asking[i - 1]->time : asking[i]->time)) {
         return "asked at" + times + "\n";
       }
