@@ -91,14 +91,14 @@ TEST(DeconstructServiceName, SplitsOnlyInstanceAppProtocolDomain) {
       {"x._http._sctp.local", "|.|."},
       {"x.y._http._tcp.local", "|.|."},
   };
-  for (const auto& [fqdn, parts] : cases) {
+  for (const auto& [fqdn, split] : cases) {
     const domainname in = dn(fqdn);
     domainlabel label;
     domainname out[2];
     std::memset(&label, 7, sizeof label);
     std::memset(out, 7, sizeof out);
-    EXPECT_EQ(DeconstructServiceName(&in, &label, &out[0], &out[1]), parts[0] != '|') << fqdn;
-    EXPECT_EQ(text_of(label, 0) + "|" + text_of(out[0], 0) + "|" + text_of(out[1], 0), parts);
+    EXPECT_EQ(DeconstructServiceName(&in, &label, &out[0], &out[1]), split[0] != '|') << fqdn;
+    EXPECT_EQ(text_of(label, 0) + "|" + text_of(out[0], 0) + "|" + text_of(out[1], 0), split);
   }
 }
 
