@@ -42,7 +42,7 @@ TEST(InterfaceRecordTest, SourcesInAnySubnetUpToTheCapOrLinkLocalAreOnLink) {
   for (const auto& [source, on_link] : sources) {
     EXPECT_EQ(interface_source_on_link(eth, addr(source)), on_link) << source;
   }
-  // Netmasks as getifaddrs gives them.
+  // Real hosts give netmasks, which must become the prefixes checked above.
   const uint8_t masks[][4] = {{255, 255, 240, 0}, {255, 0, 255, 0}, {0, 0, 0, 0}};
   EXPECT_EQ(prefix_length_from_mask(masks[0], 4), 20);
   EXPECT_EQ(prefix_length_from_mask(masks[1], 4), -1);
@@ -95,20 +95,19 @@ std::string read(InterfaceRecord (&table)[mDNS_MaxInterfaces], NetworkInterfaceI
   std::string s;
   for (const NetworkInterfaceInfo* i = head; i != nullptr; i = i->next) {
     const InterfaceRecord* r = find_interface(table, i->InterfaceID);
-    s += " " + std::string(i->ifname) + "=" + id_text(i->InterfaceID) + "(" +
-         (r == nullptr || &r->info != i ? "?"
-                                        : std::string(r->v4usable ? "4" : "") + (r->v6usable ? "6" : "")) +
-         ")";
+    const bool found = r != nullptr && &r->info == i;
+    s += " " + std::string(i->ifname) + "=" + id_text(i->InterfaceID) + (found ? "(" : "?(") +
+         (found && r->v4usable ? "4" : "") + (found && r->v6usable ? "6" : "") + ")";
   }
-  s += " |";
-  for (size_t i = 0; i < changes.added_count; ++i) {
-    s += " " + id_text(changes.added[i]);
-  }
-  s += " |";
-  for (size_t i = 0; i < changes.removed_count; ++i) {
-    s += " " + id_text(changes.removed[i]);
-  }
-  return s.substr(1) + " |" + membership.log;
+  const auto ids = [](const mDNSInterfaceID* id, size_t count) {
+    std::string list = " |";
+    for (size_t i = 0; i < count; ++i) {
+      list += " " + id_text(id[i]);
+    }
+    return list;
+  };
+  return s.substr(1) + ids(changes.added, changes.added_count) + ids(changes.removed, changes.removed_count) +
+         " |" + membership.log;
 }
 
 TEST(InterfaceTable, IdsStayWithNamesAndChangesAreReported) {
@@ -135,6 +134,7 @@ TEST(InterfaceTable, IdsStayWithNamesAndChangesAreReported) {
       {{eth0, eth1, eth2}, "", "eth0=2(46) eth1=3(4) eth2=4(4) | 2 | | +2/4 +2/6"},
       // Same name on a new index: another interface, in the old one's slot.
       {{eth0_recreated, eth1, eth2}, "", "eth0=2(46) eth1=3(4) eth2=4(4) | 2 | 2 | -2/4 -2/6 +12/4 +12/6"},
+      // A family whose join fails is not used.
       {{eth3}, "+5/4", "eth3=5(6) | 5 | 2 3 4 | +5/4 +5/6 -12/4 -12/6 -3/4 -4/4"},
       {{lo}, "", "lo=1(4) | 1 | 5 | +1/4 -5/6"},
   };
