@@ -1,227 +1,140 @@
-// Wire names and their text forms.
+// DNS names: text to wire and back, service names, identity and building.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
+#include <tuple>
 
+#include "identity.h"
 #include "mdns/mdns.h"
 #include "names.h"
 
 namespace {
 
-using mdns::name_length;
-
-domainname from_text(const std::string& text) {
+domainname dn(const std::string& text) {
   domainname n;
-  std::memset(&n, 0xAA, sizeof n);
   EXPECT_NE(MakeDomainNameFromDNSNameString(&n, text.c_str()), nullptr) << text;
   return n;
 }
 
-std::string wire(const domainname& n) {
-  return std::string(reinterpret_cast<const char*>(n.c), name_length(n));
-}
-
-// The text of a name, checking that it ends within the documented bound.
-std::string name_text(const domainname& n, char esc) {
+// The bounds are what callers size their buffers by.
+std::string text_of(const domainname& n, char esc) {
   char buf[MAX_ESCAPED_DOMAIN_NAME + 16];
-  std::memset(buf, 'Z', sizeof buf);
-  char* end = ConvertDomainNameToCString_withescape(&n, buf, esc);
-  EXPECT_EQ(*end, '\0');
+  const char* end = ConvertDomainNameToCString_withescape(&n, buf, esc);
   EXPECT_LT(end - buf, MAX_ESCAPED_DOMAIN_NAME);
   return std::string(buf, static_cast<size_t>(end - buf));
 }
 
-std::string label_text(const domainlabel& l, char esc) {
+std::string text_of(const domainlabel& l, char esc) {
   char buf[MAX_ESCAPED_DOMAIN_LABEL + 16];
-  char* end = ConvertDomainLabelToCString_withescape(&l, buf, esc);
-  EXPECT_EQ(*end, '\0');
+  const char* end = ConvertDomainLabelToCString_withescape(&l, buf, esc);
   EXPECT_LT(end - buf, MAX_ESCAPED_DOMAIN_LABEL);
   return std::string(buf, static_cast<size_t>(end - buf));
 }
 
-// A name of `labels` labels of `size` bytes each.
-std::string dotted(int labels, int size) {
-  std::string s;
-  for (int i = 0; i < labels; ++i) {
-    s += std::string(static_cast<size_t>(size), 'a') + ".";
-  }
-  return s;
+std::string repeat(const std::string& s, size_t n) {
+  return n == 0 ? "" : s + repeat(s, n - 1);
 }
 
-TEST(NameFromText, AcceptedTextsUpToTheLimits) {
-  struct Case {
-    std::string text;
-    std::string wire;
+TEST(NameText, LabelsUpTo63BytesNamesUpTo255AndEscapesBothWays) {
+  const std::string l63x3 = repeat(std::string(63, 'a') + ".", 3);
+  const std::string longest = repeat(repeat("\\001", 63) + ".", 3) + repeat("\\001", 61) + ".";
+  // text, wire length (0: rejected), the name written back with '\\' escapes
+  const std::tuple<std::string, size_t, std::string> cases[] = {
+      {"", 1, "."},
+      {"_http._tcp.local.", 18, "_http._tcp.local."},
+      {"a\\.b.c", 7, "a\\.b.c."},
+      {"My\\.Dev ice\\\\.local", 19, "My\\.Dev\\032ice\\\\.local."},
+      {"\\065\\000x\\255\\q\\\\!~", 10, "A\\000x\\255q\\\\!~."},
+      {std::string(61, 'x') + "\\046\\046", 65, std::string(61, 'x') + "\\.\\.."},
+      {l63x3 + std::string(61, 'b'), 255, l63x3 + std::string(61, 'b') + "."},
+      {longest, 255, longest},
+      {std::string(64, 'x') + ".local", 0, ""},
+      {std::string(62, 'x') + "\\046\\046", 0, ""},
+      {l63x3 + std::string(62, 'b'), 0, ""},
+      {"a..b", 0, ""},
+      {".a", 0, ""},
+      {"a\\", 0, ""},
+      {"\\25", 0, ""},
+      {"\\256", 0, ""},
   };
-  const Case cases[] = {
-      {"", std::string(1, '\0')},
-      {".", std::string(1, '\0')},
-      {"local", std::string("\5local\0", 7)},
-      {"_http._tcp.local.", std::string("\5_http\4_tcp\5local\0", 18)},
-      {"a\\.b.c", std::string("\3a.b\1c\0", 7)},
-      {"a\\\\b", std::string("\3a\\b\0", 5)},
-      {"\\065\\000x", std::string("\3A\0x\0", 5)},
-      {"\\255", std::string("\1\xff\0", 3)},
-      {"\\q", std::string("\1q\0", 3)},
-      {std::string(63, 'x'), "\x3f" + std::string(63, 'x') + std::string(1, '\0')},
-  };
-  for (const auto& c : cases) {
+  for (const auto& [text, length, back] : cases) {
     domainname n;
-    const mDNSu8* end = MakeDomainNameFromDNSNameString(&n, c.text.c_str());
-    ASSERT_NE(end, nullptr) << c.text;
-    EXPECT_EQ(wire(n), c.wire) << c.text;
-    EXPECT_EQ(end, n.c + c.wire.size()) << c.text;
-  }
-  // 255 wire bytes is the longest name; escapes count as one byte each.
-  EXPECT_EQ(name_length(from_text(dotted(3, 63) + std::string(61, 'b'))), 255u);
-  EXPECT_EQ(name_length(from_text(dotted(127, 1))), 255u);
-  EXPECT_EQ(name_length(from_text(std::string(61, 'x') + "\\046\\046")), 65u);
-}
-
-TEST(NameFromText, RejectedTexts) {
-  const std::string rejected[] = {
-      "a..b",
-      ".a",
-      "a..",
-      "..",
-      "a\\",
-      "\\25",
-      "\\2x5",
-      "\\256",
-      "\\999",
-      std::string(64, 'x') + ".local",       // label of 64
-      std::string(62, 'x') + "\\046\\046",   // 64 bytes through escapes
-      dotted(3, 63) + std::string(62, 'b'),  // 256 wire bytes
-      dotted(128, 1),                        // 257 wire bytes
-  };
-  for (const auto& text : rejected) {
-    domainname n;
-    EXPECT_EQ(MakeDomainNameFromDNSNameString(&n, text.c_str()), nullptr) << text;
-  }
-  domainname n;
-  EXPECT_EQ(MakeDomainNameFromDNSNameString(&n, nullptr), nullptr);
-  EXPECT_EQ(MakeDomainNameFromDNSNameString(nullptr, "a"), nullptr);
-}
-
-TEST(NameToText, EscapesAndRoundTrip) {
-  struct Case {
-    const char* name;
-    char esc;
-    const char* text;
-  };
-  const Case cases[] = {
-      {"My\\.Dev ice\\\\.local", 0, "My.Dev ice\\.local."},
-      {"My\\.Dev ice\\\\.local", '\\', "My\\.Dev\\032ice\\\\.local."},
-      {"My\\.Dev ice\\\\.local", '%', "My%.Dev%032ice\\.local."},
-      {"\\000\\031\\127\\200\\255!~", '\\', "\\000\\031\\127\\200\\255!~."},
-      {".", '\\', "."},
-      {".", 0, "."},
-  };
-  for (const auto& c : cases) {
-    const std::string text = name_text(from_text(c.name), c.esc);
-    EXPECT_EQ(text, c.text) << c.name;
-    if (c.esc == '\\') {
-      EXPECT_TRUE(mdns::names_equal(from_text(text), from_text(c.name))) << "round trip of " << c.name;
+    const mDNSu8* end = MakeDomainNameFromDNSNameString(&n, text.c_str());
+    EXPECT_EQ(end == nullptr ? 0 : static_cast<size_t>(end - n.c), length) << text;
+    if (end != nullptr) {
+      EXPECT_EQ(mdns::name_length(n), length) << text;
+      EXPECT_EQ(text_of(n, '\\'), back) << text;
+      EXPECT_EQ(text_of(dn(back), '\\'), back) << text;
     }
   }
+  const domainname name = dn("My\\.Dev ice\\\\.local");
+  EXPECT_EQ(text_of(name, 0) + "|" + text_of(name, '%'), "My.Dev ice\\.local.|My%.Dev%032ice\\.local.");
   domainlabel l;
-  l.c[0] = 5;
-  std::memcpy(l.c + 1, "a.b\\ ", 5);
-  EXPECT_EQ(label_text(l, 0), "a.b\\ ");
-  EXPECT_EQ(label_text(l, '\\'), "a\\.b\\\\\\032");
-}
-
-TEST(NameToText, LongestAndMalformedNamesStayInBounds) {
-  // 255 wire bytes in four labels of bytes that all escape to \DDD: the longest text.
-  std::string text;
-  for (int size : {63, 63, 63, 61}) {
-    for (int i = 0; i < size; ++i) {
-      text += "\\001";
-    }
-    text += ".";
-  }
-  const domainname longest = from_text(text);
-  ASSERT_EQ(name_length(longest), 255u);
-  EXPECT_EQ(name_text(longest, '\\').size(), 250u * 4 + 4);
-  domainlabel l;
-  l.c[0] = 63;
-  std::memset(l.c + 1, 0x7F, 63);
-  EXPECT_EQ(label_text(l, '\\').size(), 63u * 4);
-  l.c[0] = 64;
-  EXPECT_EQ(label_text(l, 0), "");
-
+  std::memcpy(l.c, "\5a.b\\ ", 6);
+  EXPECT_EQ(text_of(l, 0) + "|" + text_of(l, '\\'), "a.b\\ |a\\.b\\\\\\032");
+  // Malformed names are written up to their last whole, safe label.
   domainname n;
-  std::memset(n.c, 'q', sizeof n.c);
-  n.c[0] = 1;
-  n.c[2] = 64;  // label too long after "q"
-  EXPECT_EQ(name_text(n, 0), "q.");
-  EXPECT_EQ(name_length(n), 0u);
-  for (size_t i = 0; i < 256; i += 64) {
-    n.c[i] = 63;  // labels of 63 chained past 255 bytes without a root
-  }
-  EXPECT_EQ(name_text(n, 0).size(), 3u * 64);
-  EXPECT_EQ(name_length(n), 0u);
-  for (int reserved : {0x40, 0x80, 0xC0}) {
-    n.c[0] = static_cast<mDNSu8>(reserved);
-    EXPECT_EQ(name_text(n, 0), "") << reserved;
-    EXPECT_EQ(name_length(n), 0u) << reserved;
-  }
+  std::memset(n.c, 63, sizeof n.c);  // no root within 255 bytes
+  EXPECT_EQ(text_of(n, 0).size(), 3u * 64);
+  n.c[0] = l.c[0] = 64;
+  EXPECT_TRUE(text_of(n, 0).empty() && text_of(l, 0).empty() && mdns::name_length(n) == 0);
 }
 
-TEST(DeconstructServiceName, SplitsServiceNames) {
-  domainname fqdn = from_text("Living Room\\.TV._airplay._TCP.example.local");
-  domainlabel label;
-  domainname type;
-  domainname domain;
-  ASSERT_TRUE(DeconstructServiceName(&fqdn, &label, &type, &domain));
-  EXPECT_EQ(label_text(label, 0), "Living Room.TV");
-  EXPECT_EQ(name_text(type, 0), "_airplay._TCP.");
-  EXPECT_EQ(name_text(domain, 0), "example.local.");
-  fqdn = from_text("x._ipp._udp.local.");
-  ASSERT_TRUE(DeconstructServiceName(&fqdn, &label, &type, &domain));
-  EXPECT_EQ(name_text(domain, 0), "local.");
-}
-
-TEST(DeconstructServiceName, RejectsOtherShapesWithEmptyOutputs) {
-  for (const char* t : {"", "local", "_http._tcp.local", "x._http._tcpx.local", "x._http._sctp.local",
-                        "x._http._tcp", "x.y._http._tcp.local"}) {
-    domainname fqdn = from_text(t);
+TEST(DeconstructServiceName, SplitsOnlyInstanceAppProtocolDomain) {
+  // fqdn, then "instance|type|domain", emptied when rejected
+  const std::tuple<const char*, const char*> cases[] = {
+      {"Living Room\\.TV._airplay._TCP.example.local", "Living Room.TV|_airplay._TCP.|example.local."},
+      {"x._ipp._udp.local.", "x|_ipp._udp.|local."},
+      {"_http._tcp.local", "|.|."},
+      {"x._http._tcpx.local", "|.|."},
+      {"x._http._sctp.local", "|.|."},
+      {"x.y._http._tcp.local", "|.|."},
+  };
+  for (const auto& [fqdn, split] : cases) {
+    const domainname in = dn(fqdn);
     domainlabel label;
-    domainname type;
-    domainname domain;
+    domainname out[2];
     std::memset(&label, 7, sizeof label);
-    std::memset(&type, 7, sizeof type);
-    std::memset(&domain, 7, sizeof domain);
-    EXPECT_FALSE(DeconstructServiceName(&fqdn, &label, &type, &domain)) << t;
-    EXPECT_EQ(label.c[0] + type.c[0] + domain.c[0], 0) << t;
+    std::memset(out, 7, sizeof out);
+    EXPECT_EQ(DeconstructServiceName(&in, &label, &out[0], &out[1]), split[0] != '|') << fqdn;
+    EXPECT_EQ(text_of(label, 0) + "|" + text_of(out[0], 0) + "|" + text_of(out[1], 0), split);
   }
 }
 
-TEST(WireNames, CaseInsensitiveEqualityAndHash) {
-  const domainname a = from_text("Printer._IPP._tcp.LOCAL");
-  const domainname b = from_text("printer._ipp._TCP.local");
-  EXPECT_TRUE(mdns::names_equal(a, b));
-  EXPECT_EQ(mdns::name_hash(a), mdns::name_hash(b));
-  // Only ASCII letters fold: 0xC0/0xE0 and '['/'{' differ.
-  EXPECT_FALSE(mdns::names_equal(from_text("\\192"), from_text("\\224")));
-  EXPECT_FALSE(mdns::names_equal(from_text("a["), from_text("a{")));
-  EXPECT_FALSE(mdns::names_equal(from_text("ab.c"), from_text("a.bc")));
+TEST(NameRelations, EqualityFoldsOnlyAsciiLettersAndParentsFollowLabels) {
+  // a, b, a equals b, a is b or under it, a is exactly one label under b
+  const std::tuple<const char*, const char*, bool, bool, const char*> cases[] = {
+      {"Printer._IPP._tcp.LOCAL", "printer._ipp._TCP.local", true, true, nullptr},
+      {"\\192", "\\224", false, false, nullptr},
+      {"a[", "a{", false, false, nullptr},
+      {"ab.c", "a.bc", false, false, nullptr},
+      {"X\\.y._IPP._tcp.local", "_ipp._TCP.local", false, true, "X.y"},
+      {"a.x._ipp._tcp.local", "_ipp._tcp.local", false, true, nullptr},
+      {"local", ".", false, true, "local"},
+      {"xc.local", "c.local", false, false, nullptr},
+      {"local", "x.local", false, false, nullptr},
+  };
+  for (const auto& [a, b, equal, under, first] : cases) {
+    EXPECT_EQ(mdns::names_equal(dn(a), dn(b)), equal) << a;
+    EXPECT_TRUE(!equal || mdns::name_hash(dn(a)) == mdns::name_hash(dn(b))) << a;
+    EXPECT_EQ(mdns::name_is_under(dn(a), dn(b)), under) << a;
+    domainlabel l{};
+    EXPECT_EQ(mdns::split_first_label(dn(a), dn(b), l), first != nullptr) << a;
+    EXPECT_EQ(text_of(l, 0), first != nullptr ? first : "") << a;
+  }
 }
 
-TEST(WireNames, AppendAndPrependRefuseToPassTheLimit) {
-  domainname head = from_text("_http._tcp");
-  ASSERT_TRUE(mdns::append_name(head, from_text("local")));
+TEST(NameBuilding, AppendAndPrependStopAt255Bytes) {
+  domainname head = dn("_http._tcp");
   domainlabel l;
-  l.c[0] = 3;
-  std::memcpy(l.c + 1, "a.b", 3);
+  std::memcpy(l.c, "\3a.b", 4);
+  ASSERT_TRUE(mdns::append_name(head, dn("local")));
   ASSERT_TRUE(mdns::prepend_label(head, l, head));  // in place
-  EXPECT_EQ(name_text(head, '\\'), "a\\.b._http._tcp.local.");
-
-  domainname big = from_text(dotted(3, 63) + std::string(61, 'b'));
-  EXPECT_FALSE(mdns::append_name(big, from_text("x")));
-  EXPECT_FALSE(mdns::prepend_label(big, l, big));
-  EXPECT_EQ(name_length(big), 255u);  // untouched
+  EXPECT_EQ(text_of(head, '\\'), "a\\.b._http._tcp.local.");
+  domainname big = dn(repeat(std::string(63, 'a') + ".", 3) + std::string(61, 'b'));
+  EXPECT_FALSE(mdns::append_name(big, dn("x")) || mdns::prepend_label(big, l, big));
+  EXPECT_EQ(mdns::name_length(big), 255u);
 }
 
 }  // namespace

@@ -1,13 +1,14 @@
-// The interface table: prefixes, usability, and keeping the live table in line
-// with successive interface reads.
+// The interface table: prefixes, the on-link check, usability, and keeping the
+// live table in line with successive reads of the host's interfaces.
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "interfaces_posix.h"
-#include "platform.h"
 
 namespace mdns {
 namespace {
@@ -18,192 +19,145 @@ mDNSAddr addr(const char* text) {
   return a;
 }
 
-TEST(InterfaceAddresses, PrefixesHonourPartialBytesAndFamilies) {
-  EXPECT_TRUE(address_in_prefix(addr("10.1.2.3"), addr("10.1.0.1"), 20));
-  EXPECT_FALSE(address_in_prefix(addr("10.1.16.3"), addr("10.1.0.1"), 20));
-  EXPECT_TRUE(address_in_prefix(addr("1.2.3.4"), addr("9.9.9.9"), 0));
-  EXPECT_FALSE(address_in_prefix(addr("192.0.2.1"), addr("192.0.2.1"), 33));
-  EXPECT_FALSE(address_in_prefix(addr("192.0.2.1"), addr("::ffff:192.0.2.1"), 24));
-  EXPECT_FALSE(address_in_prefix(addr("2001:db8:1:3::99"), addr("2001:db8:1:2::1"), 64));
-  const uint8_t mask24[4] = {255, 255, 255, 0};
-  const uint8_t mask_holes[4] = {255, 0, 255, 0};
-  EXPECT_EQ(prefix_length_from_mask(mask24, 4), 24);
-  EXPECT_EQ(prefix_length_from_mask(mask_holes, 4), -1);
-  EXPECT_EQ(ipv4_mask_from_prefix(20).ip.v4.b[2], 0xF0);
-  EXPECT_TRUE(is_ipv6_link_local(addr("febf::1")));
-  EXPECT_FALSE(is_ipv6_link_local(addr("fec0::1")));
+TEST(InterfaceRecordTest, SourcesInAnySubnetUpToTheCapOrLinkLocalAreOnLink) {
+  InterfaceRecord eth{};
+  EXPECT_FALSE(interface_reset(eth, "a-name-far-too-long-for-an-interface", 7));
+  ASSERT_TRUE(interface_reset(eth, "eth0", 7));
+  // The third address repeats the first, the sixth has an impossible prefix.
+  const std::pair<const char*, int> addresses[] = {
+      {"192.0.2.10", 24},   {"198.51.100.10", 25}, {"192.0.2.10", 24}, {"10.1.0.1", 20},
+      {"2001:db8::10", 63}, {"10.9.9.9", 33},      {"10.0.0.1", 32},   {"10.0.0.2", 32},
+      {"10.0.0.3", 32},     {"10.0.0.4", 32},      {"10.0.0.5", 32}};
+  for (const auto& [address, prefix] : addresses) {
+    interface_add_address(eth, addr(address), prefix);
+  }
+  EXPECT_EQ(eth.naddrs, kMaxInterfaceAddresses);
+  const std::pair<const char*, bool> sources[] = {
+      {"192.0.2.200", true},      {"198.51.100.100", true},    {"198.51.100.200", false},
+      {"10.1.15.1", true},        {"10.1.16.1", false},        {"2001:db8::1:abcd", true},
+      {"2001:db8:0:2::1", false}, {"::ffff:192.0.2.1", false}, {"fe80::dead:beef", true},
+      {"febf::1", true},          {"fec0::1", false},          {"169.254.7.7", true},
+      {"169.253.7.7", false},     {"10.0.0.4", true},          {"10.0.0.5", false},  // past the cap
+  };
+  for (const auto& [source, on_link] : sources) {
+    EXPECT_EQ(interface_source_on_link(eth, addr(source)), on_link) << source;
+  }
+  // Real hosts give netmasks, which must become the prefixes checked above.
+  const uint8_t masks[][4] = {{255, 255, 240, 0}, {255, 0, 255, 0}, {0, 0, 0, 0}};
+  EXPECT_EQ(prefix_length_from_mask(masks[0], 4), 20);
+  EXPECT_EQ(prefix_length_from_mask(masks[1], 4), -1);
+  EXPECT_EQ(prefix_length_from_mask(masks[2], 4), 0);
+  EXPECT_EQ(ipv4_mask_from_prefix(20).ip.v4.NotAnInteger, addr("255.255.240.0").ip.v4.NotAnInteger);
 }
 
-TEST(InterfaceRecord, EveryAddressCountsForTheOnLinkCheckUpToTheCap) {
-  NetworkInterfaceInfo info{};
-  EXPECT_FALSE(interface_reset(info, "a-name-far-too-long-for-an-interface", 7));
-  ASSERT_TRUE(interface_reset(info, "eth0", 7));
-  interface_add_address(info, addr("192.0.2.10"), 24);
-  interface_add_address(info, addr("198.51.100.10"), 25);
-  interface_add_address(info, addr("192.0.2.10"), 24);  // repeated: kept once
-  interface_add_address(info, addr("2001:db8::10"), 64);
-  interface_add_address(info, addr("10.9.9.9"), 40);  // impossible prefix: ignored
-  EXPECT_EQ(info.naddrs, 3);
-  EXPECT_TRUE(interface_source_on_link(info, addr("192.0.2.200")));
-  EXPECT_TRUE(interface_source_on_link(info, addr("198.51.100.100")));
-  EXPECT_FALSE(interface_source_on_link(info, addr("198.51.100.200")));  // outside the /25
-  EXPECT_TRUE(interface_source_on_link(info, addr("2001:db8::abcd")));
-  EXPECT_TRUE(interface_source_on_link(info, addr("fe80::dead:beef")));  // any link-local
-  EXPECT_FALSE(interface_source_on_link(info, addr("2001:db8:1::1")));
-  for (int i = 1; i <= mDNS_MaxInterfaceAddrs; ++i) {
-    interface_add_address(info, addr(("10.0.0." + std::to_string(i)).c_str()), 32);
+// Logs joins and leaves as " +ifindex/family" and " -ifindex/family"; the join
+// equal to `failing` fails.
+struct LoggingMembership : Membership {
+  bool join(uint32_t ifindex, int family) override { return note("+", ifindex, family) != failing; }
+  void leave(uint32_t ifindex, int family) override { note("-", ifindex, family); }
+  std::string note(const char* sign, uint32_t ifindex, int family) {
+    const std::string what = sign + std::to_string(ifindex) + "/" + std::to_string(family);
+    log += " " + what;
+    return what;
   }
-  EXPECT_EQ(info.naddrs, mDNS_MaxInterfaceAddrs);
-}
-
-// Records what the table asked of the sockets; fails the joins it is told to.
-class RecordingMembership : public Membership {
- public:
-  bool join(uint32_t ifindex, int family) override {
-    joins.emplace_back(ifindex, family);
-    return !(ifindex == failing_index && family == failing_family);
-  }
-  void leave(uint32_t ifindex, int family) override { leaves.emplace_back(ifindex, family); }
-
-  std::vector<std::pair<uint32_t, int>> joins;
-  std::vector<std::pair<uint32_t, int>> leaves;
-  uint32_t failing_index = 0;
-  int failing_family = 0;
+  std::string log;
+  std::string failing;
 };
 
-struct HostInterface {
-  const char* name;
+struct Host {
+  std::string name;
   uint32_t ifindex;
   InterfaceFlags flags;
   std::vector<std::pair<const char*, int>> addresses;
 };
 
-const InterfaceFlags kUpMulticast{true, true, false};
-const InterfaceFlags kLoopback{true, false, true};
+std::string id_text(mDNSInterfaceID id) {
+  return std::to_string(reinterpret_cast<uintptr_t>(id));
+}
 
-InterfaceSnapshot read_of(const std::vector<HostInterface>& host) {
+// Brings the table in line with a read of `host`.  Returns what it then lists,
+// each interface as name=ID(usable families) and found again by its ID, then
+// " | added IDs | removed IDs | joins and leaves".
+std::string read(InterfaceRecord (&table)[mDNS_MaxInterfaces], NetworkInterfaceInfo*& head,
+                 const std::vector<Host>& host, const char* failing = "") {
   InterfaceSnapshot snapshot;
-  for (const auto& h : host) {
-    NetworkInterfaceInfo* entry = snapshot_entry(snapshot, h.name, h.ifindex, h.flags);
-    EXPECT_NE(entry, nullptr);
-    for (const auto& a : h.addresses) {
-      interface_add_address(*entry, addr(a.first), a.second);
+  for (const Host& h : host) {
+    InterfaceRecord* entry = snapshot_entry(snapshot, h.name.c_str(), h.ifindex, h.flags);
+    for (const auto& [address, prefix] : h.addresses) {
+      interface_add_address(*entry, addr(address), prefix);
     }
   }
   mark_usable(snapshot);
-  return snapshot;
-}
-
-std::vector<std::string> listed_names(const NetworkInterfaceInfo* head) {
-  std::vector<std::string> names;
+  LoggingMembership membership;
+  membership.failing = failing;
+  InterfaceChanges changes;
+  reconcile_interfaces(table, snapshot, membership, &head, changes);
+  std::string s;
   for (const NetworkInterfaceInfo* i = head; i != nullptr; i = i->next) {
-    names.emplace_back(i->ifname);
+    const InterfaceRecord* r = find_interface(table, i->InterfaceID);
+    const bool found = r != nullptr && &r->info == i;
+    s += " " + std::string(i->ifname) + "=" + id_text(i->InterfaceID) + (found ? "(" : "?(") +
+         (found && r->v4usable ? "4" : "") + (found && r->v6usable ? "6" : "") + ")";
   }
-  return names;
+  const auto ids = [](const mDNSInterfaceID* id, size_t count) {
+    std::string list = " |";
+    for (size_t i = 0; i < count; ++i) {
+      list += " " + id_text(id[i]);
+    }
+    return list;
+  };
+  return s.substr(1) + ids(changes.added, changes.added_count) + ids(changes.removed, changes.removed_count) +
+         " |" + membership.log;
 }
 
-using Names = std::vector<std::string>;
-
-class InterfaceTable : public ::testing::Test {
- protected:
-  void read(const std::vector<HostInterface>& host) {
-    removed = RemovedInterfaces{};
-    reconcile_interfaces(table, read_of(host), membership, &head, removed);
-  }
-
-  NetworkInterfaceInfo table[mDNS_MaxInterfaces] = {};
+TEST(InterfaceTable, IdsStayWithNamesAndChangesAreReported) {
+  const InterfaceFlags up{true, true, false};
+  const Host lo{"lo", 1, {true, false, true}, {{"127.0.0.1", 8}, {"::1", 128}}};
+  const Host eth0{"eth0", 2, up, {{"192.0.2.10", 24}, {"fe80::2", 64}}};
+  const Host eth1{"eth1", 3, up, {{"198.51.100.10", 24}}};
+  const Host eth1_v6{"eth1", 3, up, {{"198.51.100.10", 24}, {"fe80::3", 64}}};
+  const Host eth1_down{"eth1", 3, {false, true, false}, {{"198.51.100.10", 24}}};
+  const Host tun0{"tun0", 9, {true, false, false}, {{"10.8.0.1", 24}}};  // no multicast
+  const Host eth2{"eth2", 4, up, {{"203.0.113.5", 24}}};
+  const Host eth0_recreated{"eth0", 12, up, eth0.addresses};
+  const Host eth3{"eth3", 5, up, {{"192.0.2.99", 24}, {"fe80::5", 64}}};
+  // host, the join that fails, what the table then lists and what changed
+  const std::tuple<std::vector<Host>, const char*, const char*> steps[] = {
+      // Loopback only while nothing else is usable, and without IPv6 multicast.
+      {{lo}, "", "lo=1(4) | 1 | | +1/4"},
+      {{lo, eth0, eth1_down, tun0}, "", "eth0=2(46) | 2 | 1 | +2/4 +2/6 -1/4"},
+      {{eth0, eth1}, "", "eth0=2(46) eth1=3(4) | 3 | | +3/4"},
+      {{eth1, eth0}, "", "eth0=2(46) eth1=3(4) | | |"},
+      {{eth1_v6}, "", "eth1=3(46) | | 2 | +3/6 -2/4 -2/6"},
+      // A new name takes a never-used slot, not the one eth0 left.
+      {{eth2, eth1}, "", "eth1=3(4) eth2=4(4) | 4 | | +4/4 -3/6"},
+      {{eth0, eth1, eth2}, "", "eth0=2(46) eth1=3(4) eth2=4(4) | 2 | | +2/4 +2/6"},
+      // Same name on a new index: another interface, in the old one's slot.
+      {{eth0_recreated, eth1, eth2}, "", "eth0=2(46) eth1=3(4) eth2=4(4) | 2 | 2 | -2/4 -2/6 +12/4 +12/6"},
+      // A family whose join fails is not used.
+      {{eth3}, "+5/4", "eth3=5(6) | 5 | 2 3 4 | +5/4 +5/6 -12/4 -12/6 -3/4 -4/4"},
+      {{lo}, "", "lo=1(4) | 1 | 5 | +1/4 -5/6"},
+  };
+  InterfaceRecord table[mDNS_MaxInterfaces] = {};
   NetworkInterfaceInfo* head = nullptr;
-  RecordingMembership membership;
-  RemovedInterfaces removed;
-};
-
-const HostInterface kLo{"lo", 1, kLoopback, {{"127.0.0.1", 8}, {"::1", 128}}};
-const HostInterface kEth0{"eth0", 2, kUpMulticast, {{"192.0.2.10", 24}, {"fe80::2", 64}}};
-const HostInterface kEth1{"eth1", 3, kUpMulticast, {{"198.51.100.10", 24}}};
-
-TEST_F(InterfaceTable, UsesUpMulticastInterfacesAndLoopbackOnlyWhenNothingElse) {
-  read({kLo});
-  EXPECT_EQ(listed_names(head), Names{"lo"});
-  EXPECT_TRUE(head->v4usable);
-  EXPECT_FALSE(head->v6usable);  // no IPv6 multicast route without the multicast flag
-  HostInterface down = kEth1;
-  down.flags.up = false;
-  const HostInterface no_multicast{"tun0", 9, {true, false, false}, {{"10.8.0.1", 24}}};
-  read({kLo, kEth0, down, no_multicast});
-  EXPECT_EQ(listed_names(head), Names{"eth0"});
-  ASSERT_EQ(removed.count, 1u);
-  EXPECT_EQ(removed.ids[0], platform_interface_id(1));
-}
-
-TEST_F(InterfaceTable, KeepsIdsAcrossReadsAndLeavesVanishedInterfaces) {
-  read({kEth0, kEth1});
-  EXPECT_EQ(listed_names(head), (Names{"eth0", "eth1"}));
-  EXPECT_EQ(membership.joins.size(), 3u);  // eth0 v4+v6, eth1 v4
-  const NetworkInterfaceInfo* eth1 = find_interface(head, platform_interface_id(3));
-  ASSERT_NE(eth1, nullptr);
-  read({kEth0, kEth1});
-  EXPECT_EQ(membership.joins.size(), 3u);
-  EXPECT_EQ(removed.count, 0u);
-  EXPECT_EQ(find_interface(head, platform_interface_id(3)), eth1);  // same slot, same ID
-
-  read({kEth1});
-  EXPECT_EQ(listed_names(head), Names{"eth1"});
-  ASSERT_EQ(removed.count, 1u);
-  EXPECT_EQ(removed.ids[0], platform_interface_id(2));
-  EXPECT_EQ(membership.leaves.size(), 2u);
-
-  HostInterface recreated = kEth0;  // a name on a new index is a new interface
-  recreated.ifindex = 12;
-  read({kEth0, kEth1});
-  read({recreated, kEth1});
-  ASSERT_EQ(removed.count, 1u);
-  EXPECT_EQ(removed.ids[0], platform_interface_id(2));
-  EXPECT_NE(find_interface(head, platform_interface_id(12)), nullptr);
-
-  membership.leaves.clear();
-  clear_interfaces(table, membership, &head);
-  EXPECT_EQ(head, nullptr);
-  EXPECT_EQ(membership.leaves.size(), 3u);
-}
-
-TEST_F(InterfaceTable, FollowsAddressChangesOfAFamily) {
-  read({kEth1});
-  HostInterface with_v6 = kEth1;
-  with_v6.addresses.emplace_back("fe80::3", 64);
-  read({with_v6});
-  ASSERT_EQ(membership.joins.size(), 2u);
-  EXPECT_EQ(membership.joins[1], std::make_pair(3u, int{mDNSAddrType_IPv6}));
-  read({kEth1});
-  ASSERT_EQ(membership.leaves.size(), 1u);
-  EXPECT_EQ(membership.leaves[0], std::make_pair(3u, int{mDNSAddrType_IPv6}));
-  EXPECT_EQ(removed.count, 0u);
-}
-
-TEST_F(InterfaceTable, AFailedJoinMakesTheFamilyUnusable) {
-  membership.failing_index = 2;
-  membership.failing_family = mDNSAddrType_IPv4;
-  read({kEth0});
-  const NetworkInterfaceInfo* eth0 = find_interface(head, platform_interface_id(2));
-  ASSERT_NE(eth0, nullptr);
-  EXPECT_FALSE(eth0->v4usable);
-  EXPECT_TRUE(eth0->v6usable);
-
-  membership.failing_family = mDNSAddrType_IPv6;
-  read({kEth1, HostInterface{"eth9", 2, kUpMulticast, {{"fe80::9", 64}}}});
-  // eth0 went, and "eth9" on index 2 could join nothing: neither is listed.
-  EXPECT_EQ(listed_names(head), Names{"eth1"});
-}
-
-TEST(InterfaceSnapshotTest, AddressesOfOneNameShareAnEntryAndTheTableIsBounded) {
-  InterfaceSnapshot snapshot;
-  NetworkInterfaceInfo* a = snapshot_entry(snapshot, "eth0", 2, kUpMulticast);
-  NetworkInterfaceInfo* b = snapshot_entry(snapshot, "eth0", 2, kUpMulticast);
-  EXPECT_EQ(a, b);
-  for (uint32_t i = 1; i < 2 * mDNS_MaxInterfaces; ++i) {
-    snapshot_entry(snapshot, ("if" + std::to_string(i)).c_str(), 100 + i, kUpMulticast);
+  for (size_t i = 0; i < std::size(steps); ++i) {
+    const auto& [host, failing, expected] = steps[i];
+    EXPECT_EQ(read(table, head, host, failing), expected) << "step " << i;
   }
-  EXPECT_EQ(snapshot.count, static_cast<size_t>(mDNS_MaxInterfaces));
-  EXPECT_EQ(snapshot_entry(snapshot, "one-more", 999, kUpMulticast), nullptr);
+  EXPECT_EQ(find_interface(table, interface_id_of_slot(1)), nullptr);
+  LoggingMembership membership;
+  clear_interfaces(table, membership, &head);
+  EXPECT_TRUE(head == nullptr && membership.log == " -1/4");
+
+  // Once every slot has had a name, a new name takes the slot of a vanished one.
+  std::vector<Host> all;
+  for (uint32_t i = 0; i < mDNS_MaxInterfaces; ++i) {
+    all.push_back({"if" + std::to_string(i), 100 + i, up, {{"192.0.2.1", 24}}});
+  }
+  read(table, head, all);
+  all[5] = {"new", 99, up, {{"192.0.2.1", 24}}};
+  read(table, head, {all.begin(), all.begin() + 5});
+  EXPECT_NE(read(table, head, all).find(" new=6(4) "), std::string::npos);
 }
 
 }  // namespace
