@@ -6,9 +6,9 @@
 
 #include "engine.h"
 #include "interfaces_posix.h"
-#include "unicast_dns.h"
 #include "mdns/mdns.h"
 #include "platform.h"
+#include "unicast_dns.h"
 
 extern "C" const char ProgramName[] = "fuzz_mdns_core";
 
@@ -56,7 +56,6 @@ void on_answer(mDNS* const, DNSQuestion*, const ResourceRecord* const answer, QC
   volatile mDNSu16 sink = answer->rdata->length;
   (void)sink;
 }
-
 
 mdns::InterfaceSnapshot g_interfaces;
 DNSQuestion g_unicast;

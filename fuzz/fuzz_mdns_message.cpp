@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <cstring>
 
+#include "identity.h"
 #include "message_reader.h"
 #include "message_writer.h"
-#include "identity.h"
 #include "names.h"
 
 extern "C" const char ProgramName[] = "fuzz_mdns_message";

@@ -39,8 +39,8 @@ void set_times(CoreState& core, BrowseAnswer& a, uint32_t ttl, int32_t now) {
   note_time(core, a.refresh_at);
 }
 
-bool matches(const CoreState& core, const BrowseAnswer& a, const DNSQuestion* browse, const domainname& instance,
-             mDNSInterfaceID interface_id) {
+bool matches(const CoreState& core, const BrowseAnswer& a, const DNSQuestion* browse,
+             const domainname& instance, mDNSInterfaceID interface_id) {
   domainname name;
   return a.in_use && a.browse == browse && interface_from_number(a.interface_slot) == interface_id &&
          browse_answer_name(core, static_cast<int>(&a - core.answers), name) && names_equal(name, instance);
@@ -99,7 +99,8 @@ Admission browse_answer_admit(CoreState& core, uint8_t sender, int& evicted) {
   evicted = -1;
   for (int i = 0; i < mDNS_MaxBrowseAnswers; ++i) {
     const BrowseAnswer& a = core.answers[i];
-    if (a.in_use && a.sender == top && (evicted < 0 || time_diff(a.expiry, core.answers[evicted].expiry) < 0)) {
+    if (a.in_use && a.sender == top &&
+        (evicted < 0 || time_diff(a.expiry, core.answers[evicted].expiry) < 0)) {
       evicted = i;
     }
   }
@@ -153,7 +154,8 @@ void browse_answer_forget(CoreState& core, int index) {
   if (!a.in_use) {
     return;
   }
-  for (uint16_t* link = &bucket_of(core, a.hash); *link != 0; link = &core.answers[index_from(*link)].bucket_next) {
+  for (uint16_t* link = &bucket_of(core, a.hash); *link != 0;
+       link = &core.answers[index_from(*link)].bucket_next) {
     if (index_from(*link) == index) {
       *link = a.bucket_next;
       break;

@@ -150,7 +150,8 @@ void engine_interface_added(mDNS* m, mDNSInterfaceID interface_id) {
   for (DNSQuestion* head : core.question_buckets) {
     for (DNSQuestion* q = head; q != nullptr; q = state_of(q).bucket_next) {
       const QuestionState& s = state_of(q);
-      if (s.leader == nullptr && !s.unicast && (q->InterfaceID == mDNSInterface_Any || q->InterfaceID == interface_id)) {
+      if (s.leader == nullptr && !s.unicast &&
+          (q->InterfaceID == mDNSInterface_Any || q->InterfaceID == interface_id)) {
         schedule_ask_again(m, q, core.now);
       }
     }

@@ -37,9 +37,9 @@ struct QuestionState {
   mDNS* owner;
   DNSQuestion* bucket_prev;  // every active question, chained by name hash
   DNSQuestion* bucket_next;
-  DNSQuestion* leader;  // the twin that asks for this one; null when it asks itself
-  DNSQuestion* next_in_list;  // waiting for cached answers, then wanting a one-shot
-  DNSQuestion* next_to_send;  // chosen for this pass's packets
+  DNSQuestion* leader;              // the twin that asks for this one; null when it asks itself
+  DNSQuestion* next_in_list;        // waiting for cached answers, then wanting a one-shot
+  DNSQuestion* next_to_send;        // chosen for this pass's packets
   HeapLinks<DNSQuestion> schedule;  // group leaders, by when they next ask
   uint32_t name_hash;
   int32_t start_time;
@@ -240,9 +240,9 @@ struct CoreState {
 
   // Questions.
   DNSQuestion* question_buckets[kQuestionBuckets];
-  DNSQuestion* schedule_root;   // leaders by next query time
-  DNSQuestion* waiting_head;     // started, cached answers not yet delivered
-  DNSQuestion* delivering_head;  // the round being delivered now
+  DNSQuestion* schedule_root;                // leaders by next query time
+  DNSQuestion* waiting_head;                 // started, cached answers not yet delivered
+  DNSQuestion* delivering_head;              // the round being delivered now
   DNSQuestion* walk_cursors[kMaxWalkDepth];  // where each walk goes next; moved on by stops
   int walk_depth;
   uint32_t question_generation;  // changes whenever what questions need changes

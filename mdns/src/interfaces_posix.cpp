@@ -106,7 +106,8 @@ InterfaceRecord* free_slot(InterfaceRecord (&table)[mDNS_MaxInterfaces]) {
 // later interface of that name.
 void release_slot(InterfaceRecord& slot, Membership& membership, InterfaceChanges& changes) {
   leave_joined(slot, membership);
-  if (changes.removed_count < mDNS_MaxInterfaces) {
+  // One that was never usable (its joins failed) was never announced either.
+  if (slot.present && changes.removed_count < mDNS_MaxInterfaces) {
     changes.removed[changes.removed_count++] = slot.info.InterfaceID;
   }
   const NetworkInterfaceInfo info = slot.info;
@@ -181,7 +182,8 @@ bool is_link_local(const mDNSAddr& address) {
   if (address.type == mDNSAddrType_IPv4) {
     return address.ip.v4.b[0] == 169 && address.ip.v4.b[1] == 254;
   }
-  return address.type == mDNSAddrType_IPv6 && address.ip.v6.b[0] == 0xFE && (address.ip.v6.b[1] & 0xC0) == 0x80;
+  return address.type == mDNSAddrType_IPv6 && address.ip.v6.b[0] == 0xFE &&
+         (address.ip.v6.b[1] & 0xC0) == 0x80;
 }
 
 int prefix_length_from_mask(const uint8_t* mask, size_t bytes) {
@@ -274,7 +276,7 @@ bool interface_source_on_link(const InterfaceRecord& info, const mDNSAddr& sourc
 }
 
 InterfaceRecord* snapshot_entry(InterfaceSnapshot& snapshot, const char* name, uint32_t ifindex,
-                                     const InterfaceFlags& flags) {
+                                const InterfaceFlags& flags) {
   for (size_t i = 0; i < snapshot.count; ++i) {
     if (std::strncmp(snapshot.entries[i].info.ifname, name, mDNS_IfNameSize) == 0) {
       return &snapshot.entries[i];
@@ -360,6 +362,10 @@ mDNSInterfaceID interface_id_of_slot(size_t slot) {
 void reconcile_interfaces(InterfaceRecord (&table)[mDNS_MaxInterfaces], const InterfaceSnapshot& snapshot,
                           Membership& membership, NetworkInterfaceInfo** head, InterfaceChanges& changes) {
   bool seen[mDNS_MaxInterfaces] = {};
+  bool listed[mDNS_MaxInterfaces] = {};
+  for (size_t i = 0; i < mDNS_MaxInterfaces; ++i) {
+    listed[i] = table[i].present;
+  }
   for (size_t i = 0; i < snapshot.count; ++i) {
     const InterfaceRecord& entry = snapshot.entries[i];
     if (!entry.v4usable && !entry.v6usable) {
@@ -388,6 +394,7 @@ void reconcile_interfaces(InterfaceRecord (&table)[mDNS_MaxInterfaces], const In
   }
   for (size_t i = 0; i < mDNS_MaxInterfaces; ++i) {
     if (table[i].ifindex != 0 && !seen[i]) {
+      table[i].present = listed[i];
       release_slot(table[i], membership, changes);
     }
   }
@@ -405,7 +412,8 @@ void clear_interfaces(InterfaceRecord (&table)[mDNS_MaxInterfaces], Membership& 
   *head = nullptr;
 }
 
-const InterfaceRecord* find_interface(const InterfaceRecord (&table)[mDNS_MaxInterfaces], mDNSInterfaceID id) {
+const InterfaceRecord* find_interface(const InterfaceRecord (&table)[mDNS_MaxInterfaces],
+                                      mDNSInterfaceID id) {
   const uintptr_t slot = reinterpret_cast<uintptr_t>(id);
   if (slot == 0 || slot > mDNS_MaxInterfaces || !table[slot - 1].present) {
     return nullptr;

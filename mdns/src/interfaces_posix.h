@@ -69,7 +69,7 @@ struct InterfaceSnapshot {
 
 // The entry for an interface name, created when new; null when the table is full.
 InterfaceRecord* snapshot_entry(InterfaceSnapshot& snapshot, const char* name, uint32_t ifindex,
-                                     const InterfaceFlags& flags);
+                                const InterfaceFlags& flags);
 // Reads the host's interfaces with getifaddrs.  False when they cannot be read.
 bool read_host_interfaces(InterfaceSnapshot& snapshot);
 // Sets v4usable / v6usable: up, multicast, with an address of that family;
@@ -102,9 +102,8 @@ struct InterfaceChanges {
 // its name while absent, so an interface that comes back under the same name
 // keeps its ID; new names take slots never used before, then absent ones.  A
 // family whose join fails is not usable.
-void reconcile_interfaces(InterfaceRecord (&table)[mDNS_MaxInterfaces],
-                          const InterfaceSnapshot& snapshot, Membership& membership,
-                          NetworkInterfaceInfo** head, InterfaceChanges& changes);
+void reconcile_interfaces(InterfaceRecord (&table)[mDNS_MaxInterfaces], const InterfaceSnapshot& snapshot,
+                          Membership& membership, NetworkInterfaceInfo** head, InterfaceChanges& changes);
 
 // Leaves every group and empties the table.
 void clear_interfaces(InterfaceRecord (&table)[mDNS_MaxInterfaces], Membership& membership,

@@ -16,7 +16,11 @@ constexpr size_t kMaxPointerOffset = 0x3FFF;
 }  // namespace
 
 QueryWriter::QueryWriter(uint8_t* buffer, size_t capacity, uint16_t id, uint16_t flags)
-    : buf_(buffer), cap_(capacity), pos_(capacity < kHeaderSize ? capacity : kHeaderSize), id_(id), flags_(flags) {}
+    : buf_(buffer),
+      cap_(capacity),
+      pos_(capacity < kHeaderSize ? capacity : kHeaderSize),
+      id_(id),
+      flags_(flags) {}
 
 bool QueryWriter::rollback(Mark m) {
   pos_ = m.pos;

@@ -202,7 +202,7 @@ bool platform_send_multicast(mDNS* m, Transport transport, mDNSInterfaceID inter
   }
   const bool one_shot = transport == Transport::kOneShot;
   const int fd = family == mDNSAddrType_IPv4 ? (one_shot ? p.one_shot_v4 : p.sock_v4)
-                                              : (one_shot ? p.one_shot_v6 : p.sock_v6);
+                                             : (one_shot ? p.one_shot_v6 : p.sock_v6);
   return send_to_group(fd, family, record->ifindex, message, length);
 }
 

@@ -25,7 +25,7 @@ struct PlatformState {
   int sock_v6;
   int one_shot_v4;  // ephemeral ports
   int one_shot_v6;
-  int netlink;  // interface changes; -1 without
+  int netlink;                                     // interface changes; -1 without
   InterfaceRecord interfaces[mDNS_MaxInterfaces];  // the live table; HostInterfaces links into it
 
   // Test mode.

@@ -47,7 +47,8 @@ void drain_socket(mDNS* m, int fd, Transport transport) {
     // Only interfaces the core uses: the reuse of the port also brings traffic
     // that arrived elsewhere.
     const mDNSInterfaceID interface_id = platform_interface_of_index(m, datagram.ifindex);
-    if (datagram.truncated || datagram.source.type == mDNSAddrType_None || interface_id == mDNSInterface_Any) {
+    if (datagram.truncated || datagram.source.type == mDNSAddrType_None ||
+        interface_id == mDNSInterface_Any) {
       count_platform_drop(m);
       continue;
     }

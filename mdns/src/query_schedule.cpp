@@ -37,8 +37,8 @@ void plan_first_query(mDNS* m, DNSQuestion* leader, int32_t from) {
   QuestionState& s = state_of(leader);
   s.phase = Phase::kFirstQueryDue;
   s.refresh_wanted = false;
-  const int32_t delay = static_cast<int32_t>(
-      random_between(core.random_state, kFirstQueryMinDelayMs, kFirstQueryMaxDelayMs));
+  const int32_t delay =
+      static_cast<int32_t>(random_between(core.random_state, kFirstQueryMinDelayMs, kFirstQueryMaxDelayMs));
   s.next_query_time = time_add(from, delay);
   if (time_diff(s.next_query_time, core.now) < 0) {
     s.next_query_time = core.now;
@@ -172,9 +172,10 @@ class PacketBuilder {
       write_remembered_answers(q);
       return;
     }
-    for (CacheRecord* rr = cache_first(core_, state_of(q).name_hash); rr != nullptr; rr = cache_next(core_, rr)) {
-      if (rr->expiring || rr->known_answer_mark == core_.send_serial || rr->resrec.InterfaceID != interface_id_ ||
-          !question_answered_by(*q, rr->resrec)) {
+    for (CacheRecord* rr = cache_first(core_, state_of(q).name_hash); rr != nullptr;
+         rr = cache_next(core_, rr)) {
+      if (rr->expiring || rr->known_answer_mark == core_.send_serial ||
+          rr->resrec.InterfaceID != interface_id_ || !question_answered_by(*q, rr->resrec)) {
         continue;
       }
       rr->known_answer_mark = core_.send_serial;
@@ -189,7 +190,8 @@ class PacketBuilder {
     RData rdata{};
     for (int i = browse_answers_first(core_, q); i >= 0; i = browse_answers_next(core_, i)) {
       const BrowseAnswer& a = core_.answers[i];
-      if (interface_from_number(a.interface_slot) != interface_id_ || !browse_answer_name(core_, i, rdata.u.name)) {
+      if (interface_from_number(a.interface_slot) != interface_id_ ||
+          !browse_answer_name(core_, i, rdata.u.name)) {
         continue;
       }
       rdata.length = static_cast<mDNSu16>(name_length(rdata.u.name));

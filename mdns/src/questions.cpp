@@ -19,12 +19,14 @@ bool same_group(const DNSQuestion& a, const DNSQuestion& b) {
   const QuestionState& sa = state_of(&a);
   const QuestionState& sb = state_of(&b);
   return sa.name_hash == sb.name_hash && a.qtype == b.qtype && a.qclass == b.qclass &&
-         a.InterfaceID == b.InterfaceID && (sa.kind == QuestionKind::kBrowse) == (sb.kind == QuestionKind::kBrowse) &&
+         a.InterfaceID == b.InterfaceID &&
+         (sa.kind == QuestionKind::kBrowse) == (sb.kind == QuestionKind::kBrowse) &&
          names_equal(a.qname, b.qname);
 }
 
 DNSQuestion* find_leader(CoreState& core, const DNSQuestion& q) {
-  for (DNSQuestion* it = bucket_head(core, state_of(&q).name_hash); it != nullptr; it = state_of(it).bucket_next) {
+  for (DNSQuestion* it = bucket_head(core, state_of(&q).name_hash); it != nullptr;
+       it = state_of(it).bucket_next) {
     if (it != &q && state_of(it).leader == nullptr && same_group(*it, q)) {
       return it;
     }
@@ -130,7 +132,8 @@ bool is_unique_type(uint16_t rrtype) {
 }
 
 uint32_t question_key(const domainname& name, uint16_t qtype, uint16_t qclass) {
-  return name_hash(name) ^ (static_cast<uint32_t>(qtype) * 2654435761u) ^ (static_cast<uint32_t>(qclass) << 7);
+  return name_hash(name) ^ (static_cast<uint32_t>(qtype) * 2654435761u) ^
+         (static_cast<uint32_t>(qclass) << 7);
 }
 
 bool name_is_link_local(const domainname& name) {

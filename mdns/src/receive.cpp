@@ -1,4 +1,5 @@
 // The receive path: acceptance checks, cache update, then answer events.
+#include "receive.h"
 #include "cache.h"
 #include "cache_policy.h"
 #include "clock.h"
@@ -10,7 +11,6 @@
 #include "one_shot.h"
 #include "platform.h"
 #include "questions.h"
-#include "receive.h"
 
 namespace mdns {
 namespace {
@@ -136,7 +136,8 @@ void store_record(mDNS* m, const ParsedRecord& rec, const RecordOrigin& origin) 
     if (!make_room(m)) {
       return;
     }
-    rr = cache_insert(core, rec, hash, data_hash, origin.interface_id, origin.source, origin.sender, core.now);
+    rr =
+        cache_insert(core, rec, hash, data_hash, origin.interface_id, origin.source, origin.sender, core.now);
     if (rr == nullptr) {
       return;
     }
@@ -161,8 +162,8 @@ void engine_receive(mDNS* m, const uint8_t* message, size_t length, const Arriva
   MessageParser parser(message, length);
   MessageHeader header;
   const bool one_shot = arrival.transport == Transport::kOneShot;
-  if (port_of(arrival.source_port) != kMdnsPort || !parser.read_header(header) || !acceptable_header(header) ||
-      !platform_source_on_link(m, arrival.interface_id, arrival.source) ||
+  if (port_of(arrival.source_port) != kMdnsPort || !parser.read_header(header) ||
+      !acceptable_header(header) || !platform_source_on_link(m, arrival.interface_id, arrival.source) ||
       (one_shot && !one_shot_expected(m, header, arrival))) {
     core.counters.packets_dropped++;
     return;

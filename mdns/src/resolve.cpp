@@ -148,8 +148,10 @@ void adopt(mDNS* m, ServiceInfoQuery* query, const rdataSRV& srv) {
 // Another cached SRV of the instance than `gone`, or null.
 const ResourceRecord* other_cached_srv(mDNS* m, ResolveState& rs, const ResourceRecord* gone) {
   CoreState& core = core_of(m);
-  for (CacheRecord* rr = cache_first(core, name_hash(rs.srv.qname)); rr != nullptr; rr = cache_next(core, rr)) {
-    if (&rr->resrec != gone && !rr->expiring && !rr->add_pending && question_answered_by(rs.srv, rr->resrec)) {
+  for (CacheRecord* rr = cache_first(core, name_hash(rs.srv.qname)); rr != nullptr;
+       rr = cache_next(core, rr)) {
+    if (&rr->resrec != gone && !rr->expiring && !rr->add_pending &&
+        question_answered_by(rs.srv, rr->resrec)) {
       return &rr->resrec;
     }
   }
@@ -191,7 +193,8 @@ void on_txt(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_resu
     return;
   }
   ServiceInfo* info = query_of(q)->info;
-  const size_t n = answer->rdata->length < sizeof(info->TXTinfo) ? answer->rdata->length : sizeof(info->TXTinfo);
+  const size_t n =
+      answer->rdata->length < sizeof(info->TXTinfo) ? answer->rdata->length : sizeof(info->TXTinfo);
   std::memcpy(info->TXTinfo, answer->rdata->u.data, n);
   info->TXTlen = static_cast<mDNSu16>(n);
 }

@@ -147,7 +147,8 @@ bool in_bailiwick(const ParsedRecord& rec, const DNSQuestion& q) {
   if (rec.section == Section::kAnswer) {
     return rec.rrtype == q.qtype && rec.rrclass == q.qclass && names_equal(rec.name, q.qname);
   }
-  return rec.section == Section::kAdditional && rec.rrclass == kDNSClass_IN && name_is_under(rec.name, q.qname);
+  return rec.section == Section::kAdditional && rec.rrclass == kDNSClass_IN &&
+         name_is_under(rec.name, q.qname);
 }
 
 // Records of the question's set that this answer no longer holds have gone.
@@ -169,7 +170,9 @@ int32_t poll_interval(uint32_t shortest_ttl) {
     return kEmptyAnswerPollMs;
   }
   const int64_t ms = static_cast<int64_t>(shortest_ttl) * 800;
-  return ms < kMinPollMs ? kMinPollMs : ms > kMaxQueryIntervalMs ? kMaxQueryIntervalMs : static_cast<int32_t>(ms);
+  return ms < kMinPollMs            ? kMinPollMs
+         : ms > kMaxQueryIntervalMs ? kMaxQueryIntervalMs
+                                    : static_cast<int32_t>(ms);
 }
 
 // An answer from the server asked, with the ID and question sent.
@@ -178,7 +181,8 @@ void accept_answer(mDNS* m, UnicastQuery& u, MessageParser& parser) {
   DNSQuestion* leader = u.question;
   core.counters.packets_accepted++;
   core.packet_seq++;
-  RecordOrigin origin{mDNSInterface_Any, Source::kUnicastDns, sender_slot(core, core.servers[u.server].address)};
+  RecordOrigin origin{mDNSInterface_Any, Source::kUnicastDns,
+                      sender_slot(core, core.servers[u.server].address)};
   uint32_t shortest = 0;
   ParsedRecord rec;
   for (MessageParser::Result r; (r = parser.next_record(rec)) != MessageParser::Result::kEnd;) {
@@ -203,8 +207,9 @@ void handle_message(mDNS* m, UnicastQuery& u, const uint8_t* message, size_t len
   CoreState& core = core_of(m);
   MessageParser parser(message, length);
   MessageHeader header;
-  if (!parser.read_header(header) || (header.flags & kFlagResponse) == 0 || ((header.flags >> 11) & 0xF) != 0 ||
-      header.id != u.id || !repeats_question(parser, header, *u.question)) {
+  if (!parser.read_header(header) || (header.flags & kFlagResponse) == 0 ||
+      ((header.flags >> 11) & 0xF) != 0 || header.id != u.id ||
+      !repeats_question(parser, header, *u.question)) {
     core.counters.packets_dropped++;
     return;
   }
@@ -256,14 +261,16 @@ void tcp_write(mDNS* m, UnicastQuery& u) {
 
 void tcp_read(mDNS* m, UnicastQuery& u) {
   CoreState& core = core_of(m);
-  const size_t want = u.tcp_done < 2 ? 2 : 2 + (static_cast<size_t>(core.tcp_buffer[0]) << 8 | core.tcp_buffer[1]);
+  const size_t want =
+      u.tcp_done < 2 ? 2 : 2 + (static_cast<size_t>(core.tcp_buffer[0]) << 8 | core.tcp_buffer[1]);
   const long got = platform_dns_receive(m, u.fd, core.tcp_buffer + u.tcp_done, want - u.tcp_done);
   if (got < 0) {
     give_up(m, u);
     return;
   }
   u.tcp_done += static_cast<uint32_t>(got);
-  if (u.tcp_done >= 2 && u.tcp_done == 2 + (static_cast<size_t>(core.tcp_buffer[0]) << 8 | core.tcp_buffer[1])) {
+  if (u.tcp_done >= 2 &&
+      u.tcp_done == 2 + (static_cast<size_t>(core.tcp_buffer[0]) << 8 | core.tcp_buffer[1])) {
     handle_message(m, u, core.tcp_buffer + 2, u.tcp_done - 2);
     if (u.stage == UnicastStage::kTcpReading) {
       give_up(m, u);  // not an acceptable answer: TCP gets one chance

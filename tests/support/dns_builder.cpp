@@ -13,8 +13,8 @@ struct TypeName {
   const char* name;
   uint16_t code;
 };
-constexpr TypeName kTypes[] = {{"A", 1},    {"NS", 2},    {"CNAME", 5},  {"SOA", 6},    {"PTR", 12},
-                               {"TXT", 16}, {"AAAA", 28}, {"SRV", 33},   {"NSEC", 47},  {"ANY", 255}};
+constexpr TypeName kTypes[] = {{"A", 1},    {"NS", 2},    {"CNAME", 5}, {"SOA", 6},   {"PTR", 12},
+                               {"TXT", 16}, {"AAAA", 28}, {"SRV", 33},  {"NSEC", 47}, {"ANY", 255}};
 
 Bytes address_bytes(int family, const std::string& text) {
   Bytes out(family == AF_INET ? 4 : 16);

@@ -152,7 +152,8 @@ class Replay {
     mdns::platform_set_send_hook(&p_, &Replay::capture, this);
     mdns::platform_test_set_name_servers(&p_, servers.data(), ports.data(), static_cast<int>(servers.size()));
     mdns::engine_set_fake_clock(m_.get(), kEpoch);
-    if (mDNS_Init(m_.get(), &p_, cache_.data(), s.cache_entries, mDNSfalse, nullptr, nullptr) != mStatus_NoError) {
+    if (mDNS_Init(m_.get(), &p_, cache_.data(), s.cache_entries, mDNSfalse, nullptr, nullptr) !=
+        mStatus_NoError) {
       throw std::runtime_error("mDNS_Init failed");
     }
     mdns::core_of(m_.get()).random_state = 0x2545f491;
@@ -206,8 +207,8 @@ class Replay {
     }
     for (const Event& e : events_) {
       if (!e.consumed && !s_.allow_extra_events) {
-        failures_.push_back("unexpected: event at " + std::to_string(e.time) + " " + e.id + " " + e.kind + " " +
-                            e.text);
+        failures_.push_back("unexpected: event at " + std::to_string(e.time) + " " + e.id + " " + e.kind +
+                            " " + e.text);
       }
     }
     return failures_;
@@ -223,7 +224,8 @@ class Replay {
     return out;
   }
 
-  static std::string option(const std::vector<std::string>& w, const std::string& key, const std::string& dflt) {
+  static std::string option(const std::vector<std::string>& w, const std::string& key,
+                            const std::string& dflt) {
     const auto it = std::find(w.begin(), w.end(), key);
     return it != w.end() && it + 1 != w.end() ? *(it + 1) : dflt;
   }
@@ -251,7 +253,8 @@ class Replay {
     mdns::interface_reset(*entry, w[0].c_str(), index);
     for (size_t i = 1; i < w.size(); ++i) {
       const size_t slash = w[i].find('/');
-      mdns::interface_add_address(*entry, address_from(w[i].substr(0, slash)), std::stoi(w[i].substr(slash + 1)));
+      mdns::interface_add_address(*entry, address_from(w[i].substr(0, slash)),
+                                  std::stoi(w[i].substr(slash + 1)));
     }
     entry->v4usable = mdns::interface_has_family(*entry, mDNSAddrType_IPv4);
     entry->v6usable = mdns::interface_has_family(*entry, mDNSAddrType_IPv6);
@@ -448,12 +451,14 @@ class Replay {
         msg.question(f.at(1), type_code(f.at(2)));
         continue;
       }
-      const DnsMessage::Section section =
-          f[0] == "an" ? DnsMessage::kAnswer : f[0] == "ns" ? DnsMessage::kAuthority : DnsMessage::kAdditional;
+      const DnsMessage::Section section = f[0] == "an"   ? DnsMessage::kAnswer
+                                          : f[0] == "ns" ? DnsMessage::kAuthority
+                                                         : DnsMessage::kAdditional;
       const bool flush = f.size() > 4 && f[4] == "flush";
       const uint16_t type = type_code(f.at(2));
       const std::vector<std::string> data(f.begin() + (flush ? 5 : 4), f.end());
-      msg.add(section, {f[1], type, static_cast<uint32_t>(std::stoul(f.at(3))), record_data(type, data), flush});
+      msg.add(section,
+              {f[1], type, static_cast<uint32_t>(std::stoul(f.at(3))), record_data(type, data), flush});
     }
     return msg.bytes();
   }
@@ -462,8 +467,10 @@ class Replay {
     const auto& w = line.words;
     begin_pass();
     if (w[2] == "recv-dns") {
-      const Sent* asked = flag(w, "for") ? last_asking(option(w, "for", ""), w.at(std::find(w.begin(), w.end(), "for") - w.begin() + 2))
-                                         : last_sent(mdns::Transport::kUnicastDns, mdns::Transport::kUnicastTcp);
+      const Sent* asked =
+          flag(w, "for")
+              ? last_asking(option(w, "for", ""), w.at(std::find(w.begin(), w.end(), "for") - w.begin() + 2))
+              : last_sent(mdns::Transport::kUnicastDns, mdns::Transport::kUnicastTcp);
       if (asked == nullptr) {
         throw std::runtime_error("no unicast query to answer");
       }
@@ -473,8 +480,7 @@ class Replay {
       mdns::unicast_receive(m_.get(), asked->socket, from, port, bytes.data(), bytes.size());
     } else {
       const bool one_shot = flag(w, "oneshot");
-      const Bytes bytes =
-          message_of(line, last_sent(mdns::Transport::kOneShot, mdns::Transport::kOneShot));
+      const Bytes bytes = message_of(line, last_sent(mdns::Transport::kOneShot, mdns::Transport::kOneShot));
       mdns::Arrival arrival{};
       arrival.source = address_from(w.at(3));
       const int port = std::stoi(option(w, "port", "5353"));
@@ -619,8 +625,9 @@ class Replay {
       out += w.contains(s.time) ? s.describe() : "";
     }
     for (const Event& e : events_) {
-      out += w.contains(e.time) ? "  event at " + std::to_string(e.time) + " " + e.id + " " + e.kind + " " + e.text + "\n"
-                                : "";
+      out += w.contains(e.time)
+                 ? "  event at " + std::to_string(e.time) + " " + e.id + " " + e.kind + " " + e.text + "\n"
+                 : "";
     }
     return "seen in the window:\n" + (out.empty() ? "  nothing\n" : out);
   }
@@ -734,8 +741,9 @@ class Replay {
     }
     // A query's packets: those that ask, and their known-answer continuations.
     for (Sent& s : sent_) {
-      s.consumed |= asks(s) || (s.questions.empty() && s.transport == mdns::Transport::kMulticast &&
-                                std::any_of(asking.begin(), asking.end(), [&](Sent* a) { return a->time == s.time; }));
+      s.consumed |=
+          asks(s) || (s.questions.empty() && s.transport == mdns::Transport::kMulticast &&
+                      std::any_of(asking.begin(), asking.end(), [&](Sent* a) { return a->time == s.time; }));
     }
     return "";
   }
@@ -748,7 +756,6 @@ class Replay {
     }
     return "";
   }
-
 
   const Scenario& s_;
   std::unique_ptr<mDNS> m_;
@@ -795,7 +802,8 @@ TEST_P(ReplayTest, Scenario) {
 INSTANTIATE_TEST_SUITE_P(Replay, ReplayTest, ::testing::ValuesIn(scenario_files()),
                          [](const ::testing::TestParamInfo<std::string>& param) {
                            std::string name = param.param.substr(0, param.param.size() - 4);
-                           std::replace_if(name.begin(), name.end(), [](char c) { return !std::isalnum(c); }, '_');
+                           std::replace_if(
+                               name.begin(), name.end(), [](char c) { return !std::isalnum(c); }, '_');
                            return name;
                          });
 

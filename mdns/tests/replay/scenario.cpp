@@ -94,8 +94,9 @@ Scenario read_scenario(const std::string& path) {
   if (s.interfaces.empty()) {
     s.interfaces.push_back("eth0 192.168.1.10/24");
   }
-  std::stable_sort(s.actions.begin(), s.actions.end(),
-                   [](const Line& a, const Line& b) { return parse_time(a.words[1]) < parse_time(b.words[1]); });
+  std::stable_sort(s.actions.begin(), s.actions.end(), [](const Line& a, const Line& b) {
+    return parse_time(a.words[1]) < parse_time(b.words[1]);
+  });
   return s;
 }
 

@@ -40,9 +40,9 @@ TEST_F(Lifecycle, BrowsesOnlyForServiceTypesInADomain) {
     const char* domain;
     mStatus status;
   } cases[] = {
-      {"_http._tcp", "local.", mStatus_NoError}, {"_ipp._udp", "example.test.", mStatus_NoError},
-      {"", "local.", mStatus_BadParamErr},       {long_label.c_str(), "local.", mStatus_BadParamErr},
-      {"_http._tcp", "", mStatus_BadParamErr},   {"_http", "local.", mStatus_BadParamErr},
+      {"_http._tcp", "local.", mStatus_NoError},    {"_ipp._udp", "example.test.", mStatus_NoError},
+      {"", "local.", mStatus_BadParamErr},          {long_label.c_str(), "local.", mStatus_BadParamErr},
+      {"_http._tcp", "", mStatus_BadParamErr},      {"_http", "local.", mStatus_BadParamErr},
       {"http._tcp", "local.", mStatus_BadParamErr}, {"_http._sctp", "local.", mStatus_BadParamErr},
       {"_._tcp", "local.", mStatus_BadParamErr},
   };

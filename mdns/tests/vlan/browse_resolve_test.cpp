@@ -59,7 +59,8 @@ TEST_F(BrowseResolveOnLan, FindsResolvesAndFollowsTheDevice) {
   const mDNSu32 queries_before = engine_counters(&core->core()).queries_sent;
   ASSERT_EQ(core->resolve(resolve, "Office Printer", "_ipp._tcp"), mStatus_NoError);
   ASSERT_TRUE(core->run_until(
-      [&] { return resolve.has_family(mDNSAddrType_IPv4) && resolve.has_family(mDNSAddrType_IPv6); }, kFindMs));
+      [&] { return resolve.has_family(mDNSAddrType_IPv4) && resolve.has_family(mDNSAddrType_IPv6); },
+      kFindMs));
   EXPECT_EQ(resolve.queries_sent_at_first_result, queries_before);
   EXPECT_EQ(address_text(resolve.first_of(mDNSAddrType_IPv4)->ip), lan_->host_ipv4("printer"));
   EXPECT_EQ(address_text(resolve.first_of(mDNSAddrType_IPv6)->ip), lan_->host_ipv6_link_local("printer"));

@@ -16,8 +16,8 @@
 #include <thread>
 #include <vector>
 
-#include "mdns/mdns.h"
 #include "engine.h"
+#include "mdns/mdns.h"
 #include "platform_state.h"
 #include "virtual_lan_requirement.h"
 
@@ -144,16 +144,19 @@ TEST(CoreSockets, FallBackToLoopbackWhenItIsAllThereIsAndDropOversizeDatagrams) 
     // Our own query comes back over loopback and is counted (and then dropped).
     const uint8_t query[12] = {0x12, 0x34};
     const mDNSInterfaceID lo = m.HostInterfaces->InterfaceID;
-    EXPECT_TRUE(platform_send_multicast(&m, Transport::kMulticast, lo, mDNSAddrType_IPv4, query, sizeof query));
+    EXPECT_TRUE(
+        platform_send_multicast(&m, Transport::kMulticast, lo, mDNSAddrType_IPv4, query, sizeof query));
     // Without the multicast flag, loopback has no IPv6 multicast route.
-    EXPECT_FALSE(platform_send_multicast(&m, Transport::kMulticast, lo, mDNSAddrType_IPv6, query, sizeof query));
+    EXPECT_FALSE(
+        platform_send_multicast(&m, Transport::kMulticast, lo, mDNSAddrType_IPv6, query, sizeof query));
     send_to_group_on_loopback(1, kReceiveBufferSize + 100);
     for (int pass = 0; pass < 20 && engine_counters(&m).packets_received < 2; ++pass) {
       one_pass(m, 100);
     }
-    
+
     EXPECT_EQ(engine_counters(&m).packets_received, 2u);
-    EXPECT_EQ(engine_counters(&m).packets_dropped, 2u) << "our own query, and the datagram larger than the buffer";
+    EXPECT_EQ(engine_counters(&m).packets_dropped, 2u)
+        << "our own query, and the datagram larger than the buffer";
     EXPECT_EQ(engine_counters(&m).packets_accepted, 0u);
   });
 }
