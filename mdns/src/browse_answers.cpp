@@ -39,11 +39,11 @@ void set_times(CoreState& core, BrowseAnswer& a, uint32_t ttl, int32_t now) {
   note_time(core, a.refresh_at);
 }
 
-bool matches(const CoreState& core, const BrowseAnswer& a, const DNSQuestion* browse,
-             const domainname& instance, mDNSInterfaceID interface_id) {
-  domainname name;
+// The rest of an answer's name is its browse's: the first labels decide.
+bool matches(const BrowseAnswer& a, const DNSQuestion* browse, const domainlabel& instance,
+             mDNSInterfaceID interface_id) {
   return a.in_use && a.browse == browse && interface_from_number(a.interface_slot) == interface_id &&
-         browse_answer_name(core, static_cast<int>(&a - core.answers), name) && names_equal(name, instance);
+         a.label.c[0] == instance.c[0] && wire_equal(a.label.c, instance.c, 1 + instance.c[0]);
 }
 
 // The sender holding the most remembered answers.
@@ -76,11 +76,10 @@ bool browse_answer_name(const CoreState& core, int index, domainname& out) {
   return a.browse != nullptr && prepend_label(out, a.label, a.browse->qname);
 }
 
-int browse_answer_find(CoreState& core, const DNSQuestion* browse, const domainname& instance,
+int browse_answer_find(CoreState& core, const DNSQuestion* browse, const domainlabel& instance, uint32_t hash,
                        mDNSInterfaceID interface_id) {
-  const uint32_t hash = name_hash(instance);
   for (int i = index_from(bucket_of(core, hash)); i >= 0; i = index_from(core.answers[i].bucket_next)) {
-    if (core.answers[i].hash == hash && matches(core, core.answers[i], browse, instance, interface_id)) {
+    if (core.answers[i].hash == hash && matches(core.answers[i], browse, instance, interface_id)) {
       return i;
     }
   }

@@ -13,8 +13,9 @@ namespace mdns {
 
 void browse_answers_reset(CoreState& core);
 
-// The remembered answer of `browse` for the instance `name` on the interface, or -1.
-int browse_answer_find(CoreState& core, const DNSQuestion* browse, const domainname& instance,
+// The remembered answer of `browse` for an instance on the interface, or -1.
+// `hash` is the full instance name's (the PTR record's data hash).
+int browse_answer_find(CoreState& core, const DNSQuestion* browse, const domainlabel& instance, uint32_t hash,
                        mDNSInterfaceID interface_id);
 
 // Makes room for and remembers a new answer.  When the memory is full, the

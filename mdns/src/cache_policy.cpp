@@ -139,8 +139,17 @@ CacheRecord* pop(mDNS* m, VictimList& list, int sender) {
 
 void note(mDNS* m, VictimList& list, CacheRecord* rr) {
   CoreState& core = core_of(m);
+  if (!list_current(core, list, list.sender)) {
+    return;
+  }
   const Importance importance = importance_of(m, rr);
-  if (!list_current(core, list, list.sender) || !belongs(list, *rr, importance)) {
+  if (!belongs(list, *rr, importance)) {
+    return;
+  }
+  const uint32_t last = list.count - 1;
+  if (list.count == kVictimListSize &&
+      !ahead(importance, rr->expiry, list.importance[last], list.expiry[last])) {
+    list.complete = false;
     return;
   }
   if (list.next > 0) {

@@ -74,7 +74,7 @@ void report_to_browse(mDNS* m, DNSQuestion* browse, CacheRecord* rr) {
   if (!split_first_label(target, browse->qname, instance)) {
     return;
   }
-  const int known = browse_answer_find(core, browse, target, rr->resrec.InterfaceID);
+  const int known = browse_answer_find(core, browse, instance, rr->rdata_hash, rr->resrec.InterfaceID);
   if (known >= 0) {
     if (!rr->expiring) {
       browse_answer_renew(core, known, rr->resrec.rroriginalttl, rr->received);
@@ -95,7 +95,7 @@ void report_to_browse(mDNS* m, DNSQuestion* browse, CacheRecord* rr) {
       return;
     }
   }
-  if (browse_answer_remember(core, browse, instance, name_hash(target), rr->resrec.InterfaceID, rr->sender,
+  if (browse_answer_remember(core, browse, instance, rr->rdata_hash, rr->resrec.InterfaceID, rr->sender,
                              rr->resrec.rroriginalttl, rr->received) < 0) {
     return;
   }
@@ -122,7 +122,10 @@ void report_gone(mDNS* m, DNSQuestion* q, CacheRecord* rr) {
   CoreState& core = core_of(m);
   QuestionState& s = state_of(q);
   if (s.kind == QuestionKind::kBrowse) {
-    const int known = browse_answer_find(core, q, rr->resrec.rdata->u.name, rr->resrec.InterfaceID);
+    domainlabel instance;
+    const int known = split_first_label(rr->resrec.rdata->u.name, q->qname, instance)
+                          ? browse_answer_find(core, q, instance, rr->rdata_hash, rr->resrec.InterfaceID)
+                          : -1;
     if (known >= 0) {
       report_answer_gone(m, known);
     }
@@ -206,7 +209,12 @@ void goodbye_for_uncached(mDNS* m, const ResourceRecord& goodbye) {
     if (state_of(q).kind != QuestionKind::kBrowse || !question_answered_by(*q, goodbye)) {
       continue;
     }
-    const int known = browse_answer_find(core, q, goodbye.rdata->u.name, goodbye.InterfaceID);
+    domainlabel instance;
+    if (!split_first_label(goodbye.rdata->u.name, q->qname, instance)) {
+      continue;
+    }
+    const int known =
+        browse_answer_find(core, q, instance, name_hash(goodbye.rdata->u.name), goodbye.InterfaceID);
     if (known >= 0) {
       browse_answer_expire_soon(core, known, core.now);
     }

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "constants.h"
 #include "names.h"
 
 namespace mdns {
@@ -34,22 +35,49 @@ bool nsec_equal(const RData& a, const RData& b) {
 
 }  // namespace
 
-bool names_equal(const domainname& a, const domainname& b) {
-  const size_t la = name_length(a);
-  if (la == 0 || la != name_length(b)) {
-    return false;
-  }
+bool wire_equal(const uint8_t* a, const uint8_t* b, size_t n) {
   // Length bytes are at most 63, below 'A', so lowering the whole wire form is safe.
-  for (size_t i = 0; i < la; ++i) {
-    if (ascii_lower(a.c[i]) != ascii_lower(b.c[i])) {
+  for (size_t i = 0; i < n; ++i) {
+    if (a[i] != b[i] && ascii_lower(a[i]) != ascii_lower(b[i])) {
       return false;
     }
   }
   return true;
 }
 
+// One pass over both, label by label: equal length bytes, equal labels, until
+// the root; false for a malformed name.
+bool names_equal(const domainname& a, const domainname& b) {
+  size_t i = 0;
+  for (;;) {
+    const uint8_t len = a.c[i];
+    if (len != b.c[i] || len > MAX_DOMAIN_LABEL || i + 1 + len > kMaxNameLength) {
+      return false;
+    }
+    if (len == 0) {
+      return true;
+    }
+    if (!wire_equal(a.c + i + 1, b.c + i + 1, len)) {
+      return false;
+    }
+    i += 1 + static_cast<size_t>(len);
+  }
+}
+
 uint32_t name_hash(const domainname& name) {
-  return fnv1a_lowered(name.c, name_length(name));
+  uint32_t h = 2166136261u;
+  size_t i = 0;
+  for (;;) {
+    const uint8_t len = name.c[i];
+    if (len > MAX_DOMAIN_LABEL || i + 1 + len > kMaxNameLength) {
+      return 0;  // malformed: equal to nothing anyway
+    }
+    h = fnv1a_lowered(name.c + i, 1 + static_cast<size_t>(len), h);
+    if (len == 0) {
+      return h;
+    }
+    i += 1 + static_cast<size_t>(len);
+  }
 }
 
 bool rdata_equal(uint16_t rrtype, const RData& a, const RData& b) {

@@ -4,6 +4,7 @@
 // its equality holds.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "mdns/mdns.h"
@@ -11,6 +12,8 @@
 namespace mdns {
 
 bool names_equal(const domainname& a, const domainname& b);
+// Wire bytes (labels with their length bytes) equal without regard to ASCII case.
+bool wire_equal(const uint8_t* a, const uint8_t* b, size_t n);
 uint32_t name_hash(const domainname& name);
 
 bool rdata_equal(uint16_t rrtype, const RData& a, const RData& b);
