@@ -14,14 +14,11 @@ bool ci_compare_pred(unsigned char, unsigned char) {
 }
 
 int main() {
-  sorvalen::MDNSSearch search;  // the facade alone reads the filter; no network
+  sorvalen::MDNSSearch search;  // the facade alone cuts the filter; no network
   search.Start("tv,,speaker", "_http._tcp", "local.", 1, "");
-  const bool filter_ok = sorvalen::MDNSSearch::names_ == std::vector<std::string>{"tv", "", "speaker"};
-  const bool compare_ok = ci_compare("TV", "tv");
-  search.Stop();
-  if (!filter_ok)
-    std::puts("FAIL: the search cut its filter with the application's split");
-  if (!compare_ok)
-    std::puts("FAIL: ci_compare called the application's ci_compare_pred");
-  return filter_ok && compare_ok ? 0 : 1;
+  const bool own =
+      sorvalen::MDNSSearch::names_ == std::vector<std::string>{"tv", "", "speaker"} && ci_compare("TV", "tv");
+  std::puts(own ? "the library calls its own split and ci_compare_pred"
+                : "FAIL: the application's were called");
+  return own ? 0 : 1;
 }
