@@ -85,7 +85,8 @@ const std::vector<CommandHelp> kCommands = {
          {"output",
           {"For an answer with a PTR and an SRV record: ok address=A port=P name=\"N\", where quotes, "
            "backslashes and control characters in N are escaped. Otherwise a line on stderr tells whether no "
-           "answer came within 5 s, or the device answered (and how soon) but no PTR and SRV record could be "
+           "answer came within 5 seconds, or the device answered (and how soon) but no PTR and SRV record "
+           "could be "
            "read from its answer.",
            "The name is the target of the last PTR record of the answer and the port that of its last SRV "
            "record. A device with several instances of the service answers with several of each, so the "
