@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config git
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev
-  iproute2 procps tcpdump util-linux dbus
+  iproute2 procps tcpdump util-linux dbus groff-base
   avahi-daemon avahi-utils python3 python3-zeroconf
 )
 

@@ -1,40 +1,55 @@
 // sorvalen-mdns: finds devices on the local network.
 #include <cstdio>
 #include <cstring>
+#include <string>
 
+#include "command_line.h"
 #include "commands.h"
+#include "help_text.h"
 
 namespace {
 
-void print_usage(FILE* out) {
-  std::fprintf(out,
-               "usage: sorvalen-mdns <command> [options]\n"
-               "\n"
-               "commands:\n"
-               "  search   browse the local link for a service type and print the devices found\n"
-               "  lookup   ask one device, by unicast to its port 5353, for the PTR records of a name\n"
-               "\n"
-               "Run 'sorvalen-mdns <command> --help' for the options of a command.\n");
+bool is_help(const char* word) {
+  return std::strcmp(word, "--help") == 0 || std::strcmp(word, "-h") == 0 || std::strcmp(word, "help") == 0;
+}
+
+// 'help' alone, or 'help COMMAND'.
+int run_help(int argc, char** argv) {
+  if (argc < 3) {
+    print_overview(stdout);
+    return 0;
+  }
+  const CommandHelp* help = find_command_help(argv[2]);
+  if (help == nullptr || argc > 3) {
+    std::fprintf(stderr, "sorvalen-mdns help: no command '%s'; the commands are search and lookup\n",
+                 argv[2]);
+    return 2;
+  }
+  print_command_help(stdout, *help);
+  return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc < 2) {
-    print_usage(stderr);
+    print_overview(stderr);
     return 2;
   }
   const char* command = argv[1];
-  if (std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0 ||
-      std::strcmp(command, "help") == 0) {
-    print_usage(stdout);
+  if (is_help(command))
+    return run_help(argc, argv);
+  if (std::strcmp(command, "--version") == 0 || std::strcmp(command, "-V") == 0) {
+    print_version(stdout);
     return 0;
   }
   if (std::strcmp(command, "search") == 0)
     return run_search_command(argc - 1, argv + 1);
   if (std::strcmp(command, "lookup") == 0)
     return run_lookup_command(argc - 1, argv + 1);
-  std::fprintf(stderr, "sorvalen-mdns: unknown command '%s'; run 'sorvalen-mdns --help' for the list\n",
+  std::fprintf(stderr,
+               "sorvalen-mdns: unknown command '%s'; the commands are search and lookup (see 'sorvalen-mdns "
+               "--help')\n",
                command);
   return 2;
 }

@@ -1,94 +1,212 @@
 // The 'search' command: one device search through the library's public
-// interface, printing each endpoint as it is found.
+// interface, printing endpoints as they appear, move and go away.
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <strings.h>
+
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
-#include <tuple>
 #include <vector>
 
-#include "argument_reader.h"
+#include "command_line.h"
 #include "commands.h"
+#include "device_view.h"
+#include "help_text.h"
+#include "interfaces.h"
 #include "sorvalen/mdns_search.h"
+#include "text_output.h"
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 struct SearchOptions {
   std::string type;
   std::string domain = "local.";
-  std::string names = ",";  // one empty word: every instance
+  std::vector<std::string> names;  // empty: every instance
   int timeout_seconds = 10;
   std::string interface_name;
   bool json = false;
-  bool help = false;
 };
 
-// One endpoint as the tool shows it.
-struct Endpoint {
-  std::string name;
-  std::string type;
-  std::string domain;
-  std::string address;
-  int family = 4;
-  unsigned port = 0;
-
-  bool operator<(const Endpoint& other) const {
-    return std::tie(name, type, domain, address, port) <
-           std::tie(other.name, other.type, other.domain, other.address, other.port);
+bool is_service_name(const std::string& text) {
+  if (text.empty() || text.size() > 62 || text.front() == '-' || text.back() == '-')
+    return false;
+  for (const char c : text) {
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-')
+      return false;
   }
-};
+  return true;
+}
 
-// Returns 0 on success, else the exit status (after printing why).
+bool is_protocol(const std::string& label) {
+  return strcasecmp(label.c_str(), "_tcp") == 0 || strcasecmp(label.c_str(), "_udp") == 0;
+}
+
+std::vector<std::string> labels_of(std::string name) {
+  if (!name.empty() && name.back() == '.')
+    name.pop_back();
+  std::vector<std::string> labels;
+  size_t start = 0;
+  for (size_t dot; (dot = name.find('.', start)) != std::string::npos; start = dot + 1)
+    labels.push_back(name.substr(start, dot - start));
+  labels.push_back(name.substr(start));
+  return labels;
+}
+
+// Empty when TYPE is _name._tcp or _name._udp, else what is wrong with it.
+std::string type_problem(const std::string& type) {
+  const std::vector<std::string> labels = labels_of(type);
+  const bool service = labels[0].size() > 1 && labels[0][0] == '_' && is_service_name(labels[0].substr(1));
+  if (service && labels.size() > 2 && is_protocol(labels[1])) {
+    const std::string domain = type.substr(labels[0].size() + labels[1].size() + 2);
+    return "'" + escape_text(type) + "' includes the domain; give the type alone, " + labels[0] + "." +
+           labels[1] + ", and the domain with --domain " + escape_text(domain);
+  }
+  if (service && labels.size() == 2 && is_protocol(labels[1]))
+    return "";
+  const std::string example = is_service_name(type) ? "_" + type + "._tcp" : "_http._tcp";
+  return "'" + escape_text(type) + "' is not a service type; write it as _name._tcp or _name._udp, e.g. " +
+         example;
+}
+
+std::string domain_problem(const std::string& domain) {
+  if (domain.empty())
+    return "the domain is empty; leave --domain out to search in local.";
+  const std::vector<std::string> labels = labels_of(domain);
+  if (labels[0].size() > 1 && labels[0][0] == '_')
+    return "'" + escape_text(domain) + "' is a service type, not a domain; give a domain such as local.";
+  for (const std::string& label : labels) {
+    if (label.empty() || label.size() > 63 || domain.size() > 254)
+      return "'" + escape_text(domain) + "' is not a domain name; give one such as local.";
+  }
+  return "";
+}
+
+// The words of --names, each without blanks around it; empty words are dropped.
+std::vector<std::string> filter_words(const std::string& text) {
+  std::vector<std::string> words;
+  size_t start = 0;
+  while (start <= text.size()) {
+    const size_t comma = std::min(text.find(',', start), text.size());
+    const std::string word = text.substr(start, comma - start);
+    const size_t first = word.find_first_not_of(" \t");
+    if (first != std::string::npos)
+      words.push_back(word.substr(first, word.find_last_not_of(" \t") - first + 1));
+    start = comma + 1;
+  }
+  return words;
+}
+
+enum : int { kHelp = 'h', kJson = 'j', kNames = 'n', kDomain = 'd', kTimeout = 't', kInterface = 'i' };
+
+// Returns 0 with usable options, -1 after printing the help, else the exit status.
 int parse_options(int argc, char** argv, SearchOptions* options) {
-  ArgumentReader args("search", argc, argv);
+  static const option kLongOptions[] = {{"help", no_argument, nullptr, kHelp},
+                                        {"json", no_argument, nullptr, kJson},
+                                        {"names", required_argument, nullptr, kNames},
+                                        {"domain", required_argument, nullptr, kDomain},
+                                        {"timeout", required_argument, nullptr, kTimeout},
+                                        {"interface", required_argument, nullptr, kInterface},
+                                        {nullptr, 0, nullptr, 0}};
+  bool help = false;
   std::vector<std::string> positional;
-  while (args.next()) {
-    const std::string& arg = args.current();
-    if (args.is_help()) {
-      options->help = true;
+  const int status = read_command_line(
+      "search", argc, argv, "hjn:d:t:i:", kLongOptions,
+      [&](int option, const char* value) {
+        long seconds = 0;
+        switch (option) {
+          case kHelp:
+            help = true;
+            break;
+          case kJson:
+            options->json = true;
+            break;
+          case kNames:
+            options->names = filter_words(value);
+            if (options->names.empty())
+              return usage_error("search", "--names has no word; leave it out to show every instance");
+            break;
+          case kDomain:
+            options->domain = value;
+            break;
+          case kTimeout:
+            if (!parse_bounded_number(value, 10, 86400, &seconds)) {
+              return usage_error("search", "--timeout takes whole seconds from 0 (no limit) to 86400, not '" +
+                                               escape_text(value) + "'");
+            }
+            options->timeout_seconds = static_cast<int>(seconds);
+            break;
+          case kInterface:
+            if (*value == '\0')
+              return usage_error("search", "--interface needs the name of an interface, e.g. eth0");
+            options->interface_name = value;
+            break;
+        }
+        return 0;
+      },
+      &positional);
+  if (status != 0)
+    return status;
+  if (help) {
+    print_command_help(stdout, *find_command_help("search"));
+    return -1;
+  }
+  if (positional.size() != 1) {
+    return usage_error("search", positional.empty()
+                                     ? "give the service type to search for, e.g. _http._tcp"
+                                     : "give one service type, not " + std::to_string(positional.size()));
+  }
+  options->type = positional[0];
+  std::string problem = type_problem(options->type);
+  if (problem.empty())
+    problem = domain_problem(options->domain);
+  return problem.empty() ? 0 : usage_error("search", problem);
+}
+
+// The interface whose name completes link-local addresses ("" when unknown),
+// or the exit status 2 after saying why mDNS cannot run here.
+int choose_interface(const SearchOptions& options, std::string* zone) {
+  const std::vector<InterfaceVerdict> verdicts = judge_interfaces();
+  const std::vector<std::string> usable = usable_interfaces(verdicts);
+  if (!options.interface_name.empty()) {
+    for (const InterfaceVerdict& verdict : verdicts) {
+      if (verdict.name != options.interface_name)
+        continue;
+      if (!verdict.unusable_because.empty()) {
+        std::fprintf(stderr, "sorvalen-mdns search: mDNS cannot use interface '%s': %s; usable: %s\n",
+                     verdict.name.c_str(), verdict.unusable_because.c_str(), joined(usable).c_str());
+        return 2;
+      }
+      *zone = verdict.name;
       return 0;
     }
-    if (arg == "--json") {
-      options->json = true;
-    } else if (arg == "--domain" || arg == "--names" || arg == "--interface") {
-      std::string* target = arg == "--domain"  ? &options->domain
-                            : arg == "--names" ? &options->names
-                                               : &options->interface_name;
-      if (!args.take_value(target))
-        return 2;
-    } else if (arg == "--timeout") {
-      std::string text;
-      long seconds = 0;
-      if (!args.take_value(&text))
-        return 2;
-      if (!parse_bounded_number(text, 10, 86400, &seconds))
-        return args.fail("--timeout takes whole seconds from 0 (no limit) to 86400, not '" + text + "'");
-      options->timeout_seconds = static_cast<int>(seconds);
-    } else if (args.is_option()) {
-      return args.fail("unknown option '" + arg + "'");
-    } else {
-      positional.push_back(arg);
-    }
+    return usage_error("search", "there is no network interface '" + escape_text(options.interface_name) +
+                                     "'; usable: " + joined(usable));
   }
-  if (positional.size() != 1)
-    return args.fail(positional.empty() ? "give the service type to search for, e.g. _http._tcp"
-                                        : "give exactly one service type");
-  options->type = positional[0];
-  if (options->type.empty())
-    return args.fail("the service type is empty; give one such as _http._tcp");
-  if (options->domain.empty())
-    return args.fail("the domain is empty; leave --domain out to search in local.");
+  if (usable.empty()) {
+    std::string why;
+    for (const InterfaceVerdict& verdict : verdicts)
+      why += (why.empty() ? "" : ", ") + verdict.name + ": " + verdict.unusable_because;
+    std::fprintf(
+        stderr,
+        "sorvalen-mdns search: mDNS is unavailable: no usable network interface (%s); one must be up, "
+        "with multicast and an IPv4 or IPv6 address\n",
+        why.empty() ? "none at all" : why.c_str());
+    return 2;
+  }
+  if (usable.size() == 1)
+    *zone = usable[0];
   return 0;
 }
 
@@ -111,143 +229,82 @@ std::string ipv6_text(const uint16_t (&groups)[8]) {
   return text;
 }
 
-// Length of the valid UTF-8 sequence at text[i], or 0 when the byte there does
-// not start one.
-size_t utf8_sequence_length(const std::string& text, size_t i) {
-  const auto byte = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
-  const unsigned char lead = byte(i);
-  size_t length = 0;
-  uint32_t minimum = 0;
-  uint32_t code = 0;
-  if (lead >= 0xc2 && lead <= 0xdf) {
-    length = 2, minimum = 0x80, code = lead & 0x1fu;
-  } else if (lead >= 0xe0 && lead <= 0xef) {
-    length = 3, minimum = 0x800, code = lead & 0x0fu;
-  } else if (lead >= 0xf0 && lead <= 0xf4) {
-    length = 4, minimum = 0x10000, code = lead & 0x07u;
-  } else {
-    return 0;
-  }
-  if (i + length > text.size())
-    return 0;
-  for (size_t k = 1; k < length; ++k) {
-    if ((byte(i + k) & 0xc0) != 0x80)
-      return 0;
-    code = (code << 6) | (byte(i + k) & 0x3fu);
-  }
-  if (code < minimum || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff))
-    return 0;
-  return length;
-}
-
-// A JSON string literal; bytes that are not valid UTF-8 become U+FFFD.
-std::string json_string(const std::string& text) {
-  std::string out = "\"";
-  for (size_t i = 0; i < text.size();) {
-    const unsigned char c = static_cast<unsigned char>(text[i]);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c == '\n') {
-      out += "\\n";
-    } else if (c == '\r') {
-      out += "\\r";
-    } else if (c == '\t') {
-      out += "\\t";
-    } else if (c < 0x20 || c == 0x7f) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-      out += escaped;
-    } else if (c < 0x80) {
-      out += static_cast<char>(c);
-    } else {
-      const size_t length = utf8_sequence_length(text, i);
-      if (length == 0) {
-        out += "\\ufffd";
-        ++i;
-        continue;
-      }
-      out.append(text, i, length);
-      i += length;
-      continue;
-    }
-    ++i;
-  }
-  return out + "\"";
+bool is_link_local(const Endpoint& endpoint) {
+  in6_addr address{};
+  return endpoint.family == 6 && inet_pton(AF_INET6, endpoint.address.c_str(), &address) == 1 &&
+         IN6_IS_ADDR_LINKLOCAL(&address);
 }
 
 class SearchDisplay {
  public:
-  SearchDisplay(bool json, bool status_line, int timeout_seconds)
-      : json_(json), status_line_(status_line), timeout_seconds_(timeout_seconds) {}
+  SearchDisplay(const SearchOptions& options, std::string zone)
+      : json_(options.json),
+        status_line_(isatty(STDERR_FILENO) == 1),
+        timeout_seconds_(options.timeout_seconds),
+        zone_(std::move(zone)) {}
 
-  // Prints the endpoints not shown before.
-  void Show(const std::vector<Endpoint>& endpoints) {
-    for (const Endpoint& endpoint : endpoints) {
-      if (!shown_.insert(endpoint).second)
-        continue;
-      ClearStatus();
-      if (json_) {
-        std::printf(
-            "{\"name\":%s,\"type\":%s,\"domain\":%s,\"family\":\"ipv%d\",\"address\":\"%s\",\"port\":%u}\n",
-            json_string(endpoint.name).c_str(), json_string(endpoint.type).c_str(),
-            json_string(endpoint.domain).c_str(), endpoint.family, endpoint.address.c_str(), endpoint.port);
-      } else {
-        const bool v6 = endpoint.family == 6;
-        std::printf("%s  %s%s  %s%s%s:%u\n", endpoint.name.c_str(), endpoint.type.c_str(),
-                    endpoint.domain.c_str(), v6 ? "[" : "", endpoint.address.c_str(), v6 ? "]" : "",
-                    endpoint.port);
-      }
-      std::fflush(stdout);
+  void Print(const Event& event) {
+    ClearStatus();
+    const Endpoint& e = event.endpoint;
+    if (json_) {
+      static const char* const kNames[] = {"add", "remove", "update"};
+      std::printf(
+          "{\"event\":\"%s\",\"name\":%s,\"type\":%s,\"domain\":%s,\"family\":\"ipv%d\",\"address\":\"%s\","
+          "\"port\":%u,\"interface\":%s",
+          kNames[static_cast<int>(event.kind)], json_string(e.name).c_str(), json_string(e.type).c_str(),
+          json_string(e.domain).c_str(), e.family, e.address.c_str(), e.port,
+          zone_.empty() ? "null" : json_string(zone_).c_str());
+      if (event.kind == EventKind::kUpdate)
+        std::printf(",\"old_port\":%u", event.old_port);
+      std::printf("}\n");
+    } else {
+      static const char kMarks[] = {'+', '-', '~'};
+      std::string endpoint = e.address;
+      if (is_link_local(e) && !zone_.empty())
+        endpoint += "%" + zone_;
+      if (e.family == 6)
+        endpoint = "[" + endpoint + "]";
+      std::printf("%c\t%s\t%s%s\t%s:%u\n", kMarks[static_cast<int>(event.kind)], escape_text(e.name).c_str(),
+                  escape_text(e.type).c_str(), escape_text(e.domain).c_str(), endpoint.c_str(), e.port);
     }
+    std::fflush(stdout);
   }
 
-  void ShowStatus(double elapsed_seconds) {
+  void ShowStatus(double elapsed_seconds, size_t shown) {
     if (!status_line_)
       return;
     if (timeout_seconds_ > 0) {
-      std::fprintf(stderr, "\r\033[Ksearching... %.1f s of %d s, %zu found", elapsed_seconds,
-                   timeout_seconds_, shown_.size());
+      std::fprintf(stderr, "\r\033[Ksearching... %.1f s of %d s, %zu shown", elapsed_seconds,
+                   timeout_seconds_, shown);
     } else {
-      std::fprintf(stderr, "\r\033[Ksearching... %.1f s (Ctrl-C to stop), %zu found", elapsed_seconds,
-                   shown_.size());
+      std::fprintf(stderr, "\r\033[Ksearching... %.1f s (Ctrl-C to stop), %zu shown", elapsed_seconds, shown);
     }
     status_shown_ = true;
   }
 
   void ClearStatus() {
-    if (!status_shown_)
-      return;
-    std::fprintf(stderr, "\r\033[K");
+    if (status_shown_)
+      std::fprintf(stderr, "\r\033[K");
     status_shown_ = false;
   }
-
-  size_t found() const { return shown_.size(); }
 
  private:
   bool json_;
   bool status_line_;
   int timeout_seconds_;
+  std::string zone_;
   bool status_shown_ = false;
-  std::set<Endpoint> shown_;
 };
 
-std::vector<Endpoint> collect_endpoints(const sorvalen::MDNSSearch& search) {
-  std::vector<Endpoint> endpoints;
+// The search's two lists as they are now.
+void read_lists(const sorvalen::MDNSSearch& search, std::vector<Endpoint> (&lists)[2]) {
+  lists[0].clear();
+  lists[1].clear();
   std::lock_guard<std::mutex> lock(sorvalen::MDNSSearch::address_list_mutex_);
-  for (const sorvalen::IPAddressV4& record : search.GetAddressList()) {
-    endpoints.push_back({record.name, record.type, record.domain, ipv4_text(record.address), 4, record.port});
-  }
-  for (const sorvalen::IPAddressV6& record : search.GetAddressV6List()) {
-    endpoints.push_back({record.name, record.type, record.domain, ipv6_text(record.address), 6, record.port});
-  }
-  return endpoints;
-}
-
-// Waits up to `milliseconds` for SIGINT or SIGTERM (both blocked); true if one came.
-bool wait_for_stop_signal(const sigset_t& signals, long milliseconds) {
-  const timespec wait{0, milliseconds * 1000000L};
-  return sigtimedwait(&signals, nullptr, &wait) > 0;
+  for (const sorvalen::IPAddressV4& r : search.GetAddressList())
+    lists[0].push_back({r.name, r.type, r.domain, 4, ipv4_text(r.address), r.port});
+  for (const sorvalen::IPAddressV6& r : search.GetAddressV6List())
+    lists[1].push_back({r.name, r.type, r.domain, 6, ipv6_text(r.address), r.port});
 }
 
 struct SearchDeleter {
@@ -258,15 +315,20 @@ struct SearchDeleter {
   }
 };
 
-int run_search(const SearchOptions& options) {
-  if (!options.interface_name.empty() && if_nametoindex(options.interface_name.c_str()) == 0) {
-    return usage_error("search",
-                       "there is no network interface '" + options.interface_name + "' (see 'ip link')");
-  }
+std::string joined_names(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& word : words)
+    text += (text.empty() ? "" : " or ") + json_string(word);
+  return text;
+}
 
-  // The signals are taken by sigtimedwait below, never by a handler: blocked
-  // here, they stay blocked in the library's thread, whose wait they must not
-  // interrupt.
+int run_search(const SearchOptions& options) {
+  std::string zone;
+  if (const int status = choose_interface(options, &zone); status != 0)
+    return status;
+
+  // SIGINT and SIGTERM are taken by sigtimedwait below, never by a handler:
+  // blocked here, they stay blocked in the library's thread too.
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
   sigaddset(&stop_signals, SIGINT);
@@ -277,72 +339,77 @@ int run_search(const SearchOptions& options) {
   if (!search->Init()) {
     std::fprintf(
         stderr,
-        "sorvalen-mdns search: cannot start the mDNS querier: UDP port 5353 or multicast is not "
-        "available here; check that the network is up and that nothing holds the port exclusively\n");
+        "sorvalen-mdns search: mDNS is unavailable: cannot open UDP port 5353 with multicast; another "
+        "program may hold the port exclusively\n");
     return 2;
   }
-  if (!search->Start(options.names, options.type, options.domain, options.timeout_seconds,
-                     options.interface_name)) {
-    std::fprintf(
-        stderr,
-        "sorvalen-mdns search: cannot search on '%s'%s; check the interface and the service type "
-        "'%s' in domain '%s'\n",
-        options.interface_name.c_str(),
-        options.interface_name.empty() ? " (all interfaces)" : ": it is not up with multicast and an address",
-        options.type.c_str(), options.domain.c_str());
+  std::string filter = options.names.empty() ? "," : "";  // one empty word admits every instance
+  for (const std::string& word : options.names)
+    filter += (filter.empty() ? "" : ",") + word;
+  // No time limit for the library: this loop keeps the deadline itself.
+  if (!search->Start(filter, options.type, options.domain, 0, options.interface_name)) {
+    std::fprintf(stderr, "sorvalen-mdns search: mDNS is unavailable: the search could not start on %s\n",
+                 options.interface_name.empty() ? "any interface" : options.interface_name.c_str());
     return 2;
   }
 
-  SearchDisplay display(options.json, isatty(STDERR_FILENO) == 1, options.timeout_seconds);
-  const auto started = std::chrono::steady_clock::now();
-  bool interrupted = false;
-  while (search->GetRunning() && !interrupted) {
-    display.Show(collect_endpoints(*search));
-    display.ShowStatus(std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
-    interrupted = wait_for_stop_signal(stop_signals, 100);
+  SearchDisplay display(options, zone);
+  DeviceView view;
+  std::vector<Endpoint> lists[2];
+  const auto show_changes = [&] {
+    read_lists(*search, lists);
+    for (const Event& event : view.Follow(lists))
+      display.Print(event);
+  };
+  const Clock::time_point started = Clock::now();
+  const Clock::time_point deadline = started + std::chrono::seconds(options.timeout_seconds);
+  int stop_signal = 0;
+  bool loop_failed = false;
+  for (;;) {
+    show_changes();
+    const Clock::time_point now = Clock::now();
+    if (options.timeout_seconds > 0 && now >= deadline)
+      break;
+    if (!search->GetRunning()) {
+      loop_failed = true;
+      break;
+    }
+    display.ShowStatus(std::chrono::duration<double>(now - started).count(), view.shown());
+    auto wait = std::chrono::nanoseconds(std::chrono::milliseconds(100));
+    if (options.timeout_seconds > 0)
+      wait = std::min(wait, std::chrono::nanoseconds(deadline - now));
+    const timespec wait_time{0, static_cast<long>(wait.count())};
+    stop_signal = sigtimedwait(&stop_signals, nullptr, &wait_time);
+    if (stop_signal > 0)
+      break;
   }
-  search->Stop();
-  display.Show(collect_endpoints(*search));
+  const double searched = std::chrono::duration<double>(Clock::now() - started).count();
+  show_changes();  // what came after the deadline, while the search stops, is not shown
   display.ClearStatus();
-  return display.found() > 0 ? 0 : 1;
+  search->Stop();
+
+  if (loop_failed) {
+    std::fprintf(stderr, "sorvalen-mdns search: the mDNS querier stopped: waiting on its sockets failed\n");
+    return 2;
+  }
+  if (!view.ever_found() && stop_signal <= 0) {
+    std::fprintf(stderr, "sorvalen-mdns search: found no %s service in %s%s%s%s%s within %.1f s\n",
+                 escape_text(options.type).c_str(), escape_text(options.domain).c_str(),
+                 options.names.empty() ? "" : " whose name contains ", joined_names(options.names).c_str(),
+                 options.interface_name.empty() ? "" : " on ", escape_text(options.interface_name).c_str(),
+                 searched);
+  }
+  if (stop_signal > 0)
+    return 128 + stop_signal;
+  return view.ever_found() ? 0 : 1;
 }
 
 }  // namespace
-
-void print_search_help() {
-  std::printf(
-      "usage: sorvalen-mdns search TYPE [options]\n"
-      "\n"
-      "Browses the local link by multicast DNS for services of TYPE (e.g. _http._tcp),\n"
-      "resolves the instances whose names contain one of the filter words and prints\n"
-      "each endpoint once, as it is found: instance, type and domain, address:port.\n"
-      "\n"
-      "options:\n"
-      "  --domain D      domain to browse in (default: local.)\n"
-      "  --names W1,W2   comma-separated words; an instance is shown when its name\n"
-      "                  contains one of them, ignoring case.  Blanks count.  The\n"
-      "                  default ',' (one empty word) shows every instance; an empty\n"
-      "                  text shows none.\n"
-      "  --timeout S     stop after S whole seconds (default: 10; 0: until Ctrl-C)\n"
-      "  --interface IF  search only on network interface IF (default: all)\n"
-      "  --json          one JSON object per endpoint and line: name, type, domain,\n"
-      "                  family (ipv4/ipv6), address, port\n"
-      "  -h, --help      this text\n"
-      "\n"
-      "On a terminal, the time searched so far is shown on stderr.  Ctrl-C stops the\n"
-      "search cleanly.  Needs UDP port 5353 (shared with a running mDNS daemon).\n"
-      "\n"
-      "exit status: 0 devices found, 1 none found, 2 bad input or mDNS unavailable\n");
-}
 
 int run_search_command(int argc, char** argv) {
   SearchOptions options;
   const int status = parse_options(argc, argv, &options);
   if (status != 0)
-    return status;
-  if (options.help) {
-    print_search_help();
-    return 0;
-  }
+    return status < 0 ? 0 : status;
   return run_search(options);
 }

@@ -1,25 +1,42 @@
 #!/bin/bash
-# Installs the build into a temporary prefix and builds a small application
-# against it twice: with CMake's find_package and with pkg-config.
-# Usage: install_test.sh <build dir> <consumer source dir>
-set -eu
-build=$1 consumer=$2
+# Installs the build into a temporary prefix and uses it as a user would, with no LD_LIBRARY_PATH: runs the
+# tool, renders its manual page, builds and runs an application with CMake's find_package and one with
+# pkg-config as C++20, and builds the README's example.  Usage: install_test.sh BUILD CONSUMER README
+set -euo pipefail
+build=$1 consumer=$2 readme=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
+unset LD_LIBRARY_PATH
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
-libdir=$(dirname "$(find "$prefix" -name 'libsorvalen_mdns_search.so.2' | head -1)")
-export LD_LIBRARY_PATH=$libdir
+tool=$prefix/bin/sorvalen-mdns
+# The manual page renders cleanly and lists every option that the tool's help lists.
+manual=$(groff -man -Tascii -ww "$prefix/share/man/man1/sorvalen-mdns.1" 2>"$work/warnings" | sed 's/.\x08//g')
+[ ! -s "$work/warnings" ] || { cat "$work/warnings" >&2; exit 1; }
+for command in search lookup; do
+  "$tool" help "$command" | sed -n 's/^  \(-[^ ]*\( [^ ]\+\)*\)  .*/\1/p' | while read -r flags; do
+    grep -qF -- "$flags" <<<"$manual" || { echo "the manual page lacks $flags" >&2; exit 1; }
+  done
+done
 
 cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
 "$work/cmake-build/consumer"
 
-# The .pc file finds the prefix relative to itself.
-export PKG_CONFIG_PATH=$libdir/pkgconfig
+# The .pc file finds the prefix relative to itself, leaves the language
+# standard to the application and names libmdns only for static linking.
+export PKG_CONFIG_PATH
+PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name sorvalen_mdns_search.pc)")
 flags=$(pkg-config --cflags --libs sorvalen_mdns_search)
 case "$flags" in *"-I$prefix/"*) ;; *) echo "pkg-config flags miss the prefix: $flags" >&2; exit 1 ;; esac
+case "$flags" in *-std=* | *-lmdns*) echo "pkg-config flags force too much: $flags" >&2; exit 1 ;; esac
+rpath=-Wl,-rpath,$(pkg-config --variable=libdir sorvalen_mdns_search)
 # shellcheck disable=SC2086
-c++ -o "$work/pc-consumer" "$consumer/main.cpp" $flags
+c++ -std=c++20 -o "$work/pc-consumer" "$consumer/main.cpp" $flags "$rpath"
 "$work/pc-consumer"
+
+# The first C++ example of the README compiles and links as it stands.
+awk '/^```cpp$/ { inside = 1; next } /^```$/ && inside { exit } inside' "$readme" >"$work/example.cpp"
+# shellcheck disable=SC2086
+c++ -std=c++17 -o "$work/example" "$work/example.cpp" $flags "$rpath"

@@ -1,0 +1,15 @@
+// How names that devices chose are written, so that no name can break a line,
+// a column or the terminal.
+#pragma once
+
+#include <string>
+
+// For text output: backslash, control characters (C0, DEL and C1), the
+// characters that reorder text (bidirectional controls) and bytes that are not
+// UTF-8 become escapes (\\, \n, \r, \t, \xHH for a byte, \uHHHH for a
+// character); everything else stays as it is.  The result holds no tab and no
+// line break.
+std::string escape_text(const std::string& text);
+
+// A JSON string literal, quotes included; bytes that are not UTF-8 become U+FFFD.
+std::string json_string(const std::string& text);
