@@ -48,6 +48,7 @@
 #                                           With it running, dns-address, dns-service and
 #                                           dns-remove-service reload the zone and wait until the server
 #                                           serves the change
+#   vlan.sh dns-zone RUN HOST               prints the zone file that it serves
 #   vlan.sh stop-dns RUN HOST               stops it
 #   vlan.sh destroy RUN                     kills every process of the run, deletes everything
 #   vlan.sh cleanup-stale                   destroys the runs whose owner process is gone
@@ -457,6 +458,14 @@ CONF
   fi
 }
 
+cmd_dns_zone() {
+  require_host "$1" "$2"
+  local file
+  file="$(dns_dir "$1" "$2")/zone"
+  [ -e "$file" ] || die "no DNS server was started on $2"
+  cat "$file"
+}
+
 cmd_stop_dns() {
   require_host "$1" "$2"
   stop_pid "$(dns_dir "$1" "$2")/named.pid"
@@ -774,6 +783,7 @@ case "$command" in
   dns-service) cmd_dns_service "$@" ;;
   dns-remove-service) cmd_dns_remove_service "$@" ;;
   start-dns) cmd_start_dns "$@" ;;
+  dns-zone) cmd_dns_zone "$@" ;;
   stop-dns) cmd_stop_dns "$@" ;;
   destroy) cmd_destroy "$@" ;;
   cleanup-stale) cmd_cleanup_stale ;;
