@@ -58,7 +58,10 @@ ResolverScope::~ResolverScope() {
 void ResolverScope::Leave() {
   // As in NetnsScope: a thread that cannot go back would read the wrong
   // resolver file later on; better to stop the test program at once.
-  if (setns(previous_, CLONE_NEWNS) != 0 || fchdir(cwd_) != 0)
+  // Threads created inside the scope share this thread's file-system context
+  // (a sanitizer's helper thread may live on), and a thread can only change
+  // mount namespace with a context of its own.
+  if (unshare(CLONE_FS) != 0 || setns(previous_, CLONE_NEWNS) != 0 || fchdir(cwd_) != 0)
     std::abort();
   ::close(previous_);
   ::close(cwd_);

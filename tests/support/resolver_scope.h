@@ -11,10 +11,9 @@ namespace sorvalen::test {
 // on destruction.  The machine's /etc/resolv.conf is never changed: the mount
 // exists only in that namespace, and no mount event goes back to the machine's.
 //
-// Threads created inside the scope share the view, so create the mDNS core or
-// a search (which read the file at Init) inside it, and end them (join their
-// threads) before the scope ends: a thread leaves a mount namespace only while
-// it shares its file-system context with no other thread.
+// Threads created inside the scope share the view and keep it, so create the
+// mDNS core or a search (which read the file at Init and at interface refresh)
+// inside the scope, and end them before it ends.
 class ResolverScope {
  public:
   explicit ResolverScope(const std::string& resolver_file);  // throws std::runtime_error
