@@ -735,8 +735,8 @@ cmd_destroy() {
     [ -z "$pids" ] || kill -KILL $pids 2>/dev/null || true
     ip netns delete "$ns" 2>/dev/null || true
   done
+  # $NETNS_ETC itself stays: another run may be adding its files there.
   rm -rf "$dir" "$NETNS_ETC/$run"-*
-  rmdir "$NETNS_ETC" 2>/dev/null || true
 }
 
 run_owner_alive() {
