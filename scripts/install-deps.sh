@@ -8,7 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev
   iproute2 procps tcpdump util-linux dbus groff-base
-  avahi-daemon avahi-utils python3 python3-zeroconf
+  avahi-daemon avahi-utils python3 python3-zeroconf bind9
 )
 
 missing=()

@@ -35,11 +35,37 @@
 #   vlan.sh capture-count RUN HOST IFACE SRC
 #                                           prints "PACKETS BYTES" sent by SRC to udp port 5353
 #                                           (BYTES = sum of UDP payload sizes)
+#   vlan.sh use-dns RUN HOST SERVER         points HOST's resolver file at the DNS server of host SERVER
+#                                           (its eth0 IPv4 address, the only name server listed)
+#   vlan.sh dns-address RUN HOST NAME ADDRESS...
+#                                           A / AAAA records of NAME (a name inside the zone, e.g.
+#                                           "printer") in the zone of HOST's DNS server
+#   vlan.sh dns-service RUN HOST NAME TYPE PORT TARGET [TXT...]
+#                                           a DNS-SD service in that zone (PTR, SRV to TARGET, TXT),
+#                                           replacing one of the same NAME and TYPE
+#   vlan.sh dns-remove-service RUN HOST NAME TYPE
+#                                           takes it out of the zone
+#   vlan.sh start-dns RUN HOST [--zone ZONE] [--ttl SECONDS]
+#                                           starts BIND 9 (named) on HOST, authoritative for ZONE
+#                                           (default example.test.) with the records above, each with
+#                                           TTL SECONDS (default 10), and waits until it serves them.
+#                                           With it running, dns-address, dns-service and
+#                                           dns-remove-service reload the zone and wait until the server
+#                                           serves the change
+#   vlan.sh dns-zone RUN HOST               prints the zone file that it serves
+#   vlan.sh stop-dns RUN HOST               stops it
 #   vlan.sh destroy RUN                     kills every process of the run, deletes everything
 #   vlan.sh cleanup-stale                   destroys the runs whose owner process is gone
+#
+# Resolver files: every host gets its own /etc/netns/RUN-HOST/resolv.conf, which
+# `ip netns exec` (and so `vlan.sh exec`) mounts over /etc/resolv.conf for the
+# program it starts.  It lists no name server until use-dns names one of the
+# run's DNS servers, so no program of a run ever asks the machine's own
+# resolver.  (A program that enters a namespace by setns alone does not get it.)
 set -euo pipefail
 
 STATE_ROOT=${SV_VLAN_STATE_ROOT:-/tmp/sorvalen-vlan}
+NETNS_ETC=/etc/netns
 RUN_PATTERN='^sv[0-9]+(x[0-9]+)?$'
 
 die() {
@@ -175,6 +201,7 @@ cmd_add_host() {
   echo "$index" >"$dir/host_count"
   ns=$(host_ns "$run" "$host")
   ip netns add "$ns"
+  resolver_init "$run" "$host"
   ip -n "$ns" link set lo up
   # Link-local addresses must be usable at once: no duplicate address detection.
   ip netns exec "$ns" sysctl -q -w net.ipv6.conf.all.accept_dad=0 net.ipv6.conf.default.accept_dad=0 \
@@ -252,6 +279,236 @@ cmd_exec() {
   ns=$(host_ns "$1" "$2")
   shift 2
   exec ip netns exec "$ns" "$@"
+}
+
+resolver_file() { echo "$NETNS_ETC/$(host_ns "$1" "$2")/resolv.conf"; }
+
+# Made with the namespace, before any program starts there; only where the
+# machine has an /etc/resolv.conf for `ip netns exec` to mount it over.
+resolver_init() {
+  [ -e /etc/resolv.conf ] || return 0
+  local file
+  file=$(resolver_file "$1" "$2")
+  mkdir -p "$(dirname "$file")"
+  echo "# run $1, host $2: no name server (vlan.sh use-dns sets one)" >"$file"
+}
+
+cmd_use_dns() {
+  [ $# -eq 3 ] || die "use-dns RUN HOST SERVER"
+  require_host "$1" "$2"
+  require_host "$1" "$3"
+  [ -e /etc/resolv.conf ] || die "this machine has no /etc/resolv.conf for ip netns exec to mount $2's own over"
+  local file server
+  file=$(resolver_file "$1" "$2")
+  server=$(cmd_ipv4 "$1" "$3")
+  mkdir -p "$(dirname "$file")"
+  # Rewritten in place: programs already running there see the change too.
+  echo "nameserver $server" >"$file"
+  [ "$(ip netns exec "$(host_ns "$1" "$2")" cat /etc/resolv.conf)" = "nameserver $server" ] ||
+    die "ip netns exec does not show $file as /etc/resolv.conf"
+  echo "$file"
+}
+
+dns_dir() { echo "$(host_dir "$1" "$2")/dns"; }
+
+dns_pid() {
+  local f
+  f="$(dns_dir "$1" "$2")/named.pid"
+  [ -s "$f" ] && kill -0 "$(cat "$f")" 2>/dev/null && cat "$f"
+}
+
+# A label in zone-file form: letters, digits, '-' and '_' as they are, every
+# other byte as \DDD.
+zone_label() {
+  local LC_ALL=C
+  local s=$1 out='' c i
+  for ((i = 0; i < ${#s}; i++)); do
+    c=${s:i:1}
+    case "$c" in
+      [A-Za-z0-9_-]) out+=$c ;;
+      *) out+=$(printf '\\%03d' "'$c") ;;
+    esac
+  done
+  printf '%s' "$out"
+}
+
+zone_string() {
+  local s=$1
+  s=${s//\\/\\\\}
+  s=${s//\"/\\\"}
+  printf '"%s"' "$s"
+}
+
+check_zone_name() { # a name inside the zone, e.g. printer or host.site
+  [[ $1 =~ ^[A-Za-z0-9-]{1,63}(\.[A-Za-z0-9-]{1,63})*$ ]] ||
+    die "bad name '$1' (labels of letters, digits and -, relative to the zone)"
+}
+
+dns_service_file() { # RUN HOST NAME TYPE
+  echo "$(dns_dir "$1" "$2")/records/service-$(printf '%s|%s' "$3" "$4" | md5sum | cut -c1-16).rr"
+}
+
+# Writes the zone file out of the records with the next serial, checked.
+write_zone() {
+  local dir origin ttl serial f
+  dir=$(dns_dir "$1" "$2")
+  origin=$(cat "$dir/origin")
+  ttl=$(cat "$dir/ttl")
+  serial=$(($(cat "$dir/serial" 2>/dev/null || echo 0) + 1))
+  {
+    echo "\$ORIGIN $origin"
+    echo "\$TTL $ttl"
+    echo "@ SOA ns hostmaster $serial 60 60 600 $ttl"
+    echo "@ NS ns"
+    echo "ns A $(cmd_ipv4 "$1" "$2")"
+    for f in "$dir"/records/*.rr; do
+      [ ! -e "$f" ] || cat "$f"
+    done
+    # Service type enumeration (RFC 6763 section 9).
+    for f in "$dir"/records/service-*.rr; do
+      [ ! -e "$f" ] || sed -n 's/^; type //p' "$f"
+    done | sort -u | sed 's/^/_services._dns-sd._udp PTR /'
+  } >"$dir/zone.tmp"
+  named-checkzone -q "$origin" "$dir/zone.tmp" ||
+    die "the zone does not load: $(named-checkzone "$origin" "$dir/zone.tmp" 2>&1 | head -n 5)"
+  mv "$dir/zone.tmp" "$dir/zone"
+  echo "$serial" >"$dir/serial"
+}
+
+dns_loaded_since() { # LOG OFFSET ZONE SERIAL
+  log_since "$1" "$2" | grep -qF "zone ${3%.}/IN: loaded serial $4"
+}
+
+# After a change of the records: with the server running, reloads the zone and
+# waits until the server serves the new serial.
+reload_zone() {
+  local dir pid offset
+  dir=$(dns_dir "$1" "$2")
+  pid=$(dns_pid "$1" "$2") || return 0
+  write_zone "$1" "$2"
+  offset=$(stat -c %s "$dir/named.log")
+  kill -HUP "$pid"
+  wait_for 100 dns_loaded_since "$dir/named.log" "$offset" "$(cat "$dir/origin")" "$(cat "$dir/serial")" ||
+    die "the DNS server on $2 did not load serial $(cat "$dir/serial"): $(tail -n 5 "$dir/named.log")"
+}
+
+cmd_dns_address() {
+  [ $# -ge 4 ] || die "dns-address RUN HOST NAME ADDRESS..."
+  require_host "$1" "$2"
+  check_zone_name "$3"
+  local run=$1 host=$2 name=$3 dir address
+  shift 3
+  dir=$(dns_dir "$run" "$host")
+  mkdir -p "$dir/records"
+  for address in "$@"; do
+    if [[ $address =~ ^[0-9.]+$ ]]; then
+      echo "$name A $address"
+    elif [[ $address =~ ^[0-9A-Fa-f:.]+$ ]]; then
+      echo "$name AAAA $address"
+    else
+      die "bad address '$address'"
+    fi
+  done >"$dir/records/address-$name.rr"
+  reload_zone "$run" "$host"
+}
+
+cmd_dns_service() {
+  [ $# -ge 6 ] || die "dns-service RUN HOST NAME TYPE PORT TARGET [TXT...]"
+  require_host "$1" "$2"
+  local run=$1 host=$2 name=$3 type=$4 port=$5 target=$6
+  shift 6
+  [ -n "$name" ] && [ "${#name}" -le 63 ] || die "bad instance name '$name' (1 to 63 bytes)"
+  [[ $type =~ ^_[A-Za-z0-9-]+\._(tcp|udp)$ ]] || die "bad service type '$type'"
+  [[ $port =~ ^[0-9]+$ ]] && [ "$port" -le 65535 ] || die "bad port '$port'"
+  check_zone_name "$target"
+  local file instance txt="" t
+  file=$(dns_service_file "$run" "$host" "$name" "$type")
+  mkdir -p "$(dirname "$file")"
+  instance="$(zone_label "$name").$type"
+  for t in "$@"; do
+    txt+=" $(zone_string "$t")"
+  done
+  {
+    echo "; type $type"
+    echo "$type PTR $instance"
+    echo "$instance SRV 0 0 $port $target"
+    echo "$instance TXT${txt:- \"\"}"
+  } >"$file"
+  reload_zone "$run" "$host"
+}
+
+cmd_dns_remove_service() {
+  [ $# -eq 4 ] || die "dns-remove-service RUN HOST NAME TYPE"
+  require_host "$1" "$2"
+  local file
+  file=$(dns_service_file "$@")
+  [ -e "$file" ] || die "no service '$3' of type $4 in the zone of $2"
+  rm -f "$file"
+  reload_zone "$1" "$2"
+}
+
+cmd_start_dns() {
+  require_host "$1" "$2"
+  local run=$1 host=$2 zone=example.test. ttl=10
+  shift 2
+  while [ $# -gt 0 ]; do
+    case "$1" in
+      --zone) zone=$2; shift ;;
+      --ttl) ttl=$2; shift ;;
+      *) die "start-dns: unknown option $1" ;;
+    esac
+    shift
+  done
+  zone=${zone%.}.
+  [[ $zone =~ ^([A-Za-z0-9-]{1,63}\.)+$ ]] || die "bad zone '$zone'"
+  [[ $ttl =~ ^[0-9]+$ ]] && [ "$ttl" -ge 1 ] && [ "$ttl" -le 86400 ] || die "bad TTL '$ttl' (1 to 86400 seconds)"
+  ! dns_pid "$run" "$host" >/dev/null || die "a DNS server runs already on $host"
+  local dir ns
+  dir=$(dns_dir "$run" "$host")
+  ns=$(host_ns "$run" "$host")
+  mkdir -p "$dir/records"
+  echo "$zone" >"$dir/origin"
+  echo "$ttl" >"$dir/ttl"
+  write_zone "$run" "$host"
+  # Authoritative only: no recursion, no notifies, no control channel, no
+  # file written outside the run's folder.
+  cat >"$dir/named.conf" <<CONF
+options {
+  directory "$dir";
+  pid-file none;
+  lock-file none;
+  session-keyfile "$dir/session.key";
+  managed-keys-directory "$dir";
+  listen-on { any; };
+  listen-on-v6 { any; };
+  recursion no;
+  notify no;
+  dnssec-validation no;
+  allow-query { any; };
+};
+controls { };
+zone "$zone" { type primary; file "$dir/zone"; };
+CONF
+  setsid ip netns exec "$ns" named -g -n 1 -c "$dir/named.conf" </dev/null >"$dir/named.log" 2>&1 &
+  echo $! >"$dir/named.pid"
+  if ! wait_for 150 grep -q " running$" "$dir/named.log" ||
+    ! dns_loaded_since "$dir/named.log" 0 "$zone" "$(cat "$dir/serial")"; then
+    tail -n 20 "$dir/named.log" >&2
+    die "the DNS server did not start on $host"
+  fi
+}
+
+cmd_dns_zone() {
+  require_host "$1" "$2"
+  local file
+  file="$(dns_dir "$1" "$2")/zone"
+  [ -e "$file" ] || die "no DNS server was started on $2"
+  cat "$file"
+}
+
+cmd_stop_dns() {
+  require_host "$1" "$2"
+  stop_pid "$(dns_dir "$1" "$2")/named.pid"
 }
 
 xml_escape() {
@@ -518,7 +775,8 @@ cmd_destroy() {
     [ -z "$pids" ] || kill -KILL $pids 2>/dev/null || true
     ip netns delete "$ns" 2>/dev/null || true
   done
-  rm -rf "$dir"
+  # $NETNS_ETC itself stays: another run may be adding its files there.
+  rm -rf "$dir" "$NETNS_ETC/$run"-*
 }
 
 run_owner_alive() {
@@ -532,7 +790,8 @@ run_owner_alive() {
 cmd_cleanup_stale() {
   local run
   for run in $( (ip netns list | awk '{ print $1 }' | sed -n -E 's/^(sv[0-9]+(x[0-9]+)?)-.*/\1/p'
-    [ -d "$STATE_ROOT" ] && ls "$STATE_ROOT") | sort -u); do
+    [ -d "$STATE_ROOT" ] && ls "$STATE_ROOT"
+    [ -d "$NETNS_ETC" ] && ls "$NETNS_ETC" | sed -n -E 's/^(sv[0-9]+(x[0-9]+)?)-.*/\1/p') | sort -u); do
     [[ $run =~ $RUN_PATTERN ]] || continue
     run_owner_alive "$run" || cmd_destroy "$run"
   done
@@ -561,6 +820,13 @@ case "$command" in
   capture-start) cmd_capture_start "$@" ;;
   capture-stop) cmd_capture_stop "$@" ;;
   capture-count) cmd_capture_count "$@" ;;
+  use-dns) cmd_use_dns "$@" ;;
+  dns-address) cmd_dns_address "$@" ;;
+  dns-service) cmd_dns_service "$@" ;;
+  dns-remove-service) cmd_dns_remove_service "$@" ;;
+  start-dns) cmd_start_dns "$@" ;;
+  dns-zone) cmd_dns_zone "$@" ;;
+  stop-dns) cmd_stop_dns "$@" ;;
   destroy) cmd_destroy "$@" ;;
   cleanup-stale) cmd_cleanup_stale ;;
   *) die "unknown command '$command'" ;;

@@ -147,6 +147,33 @@ void VirtualLan::stop_avahi(const std::string& host) {
   script({"stop-avahi", host});
 }
 
+void VirtualLan::start_dns(const std::string& host, const std::string& zone, int ttl_seconds) {
+  script({"start-dns", host, "--zone", zone, "--ttl", std::to_string(ttl_seconds)});
+}
+
+void VirtualLan::dns_address(const std::string& host, const std::string& name,
+                             const std::vector<std::string>& addresses) {
+  std::vector<std::string> args = {"dns-address", host, name};
+  args.insert(args.end(), addresses.begin(), addresses.end());
+  script(args);
+}
+
+void VirtualLan::dns_service(const std::string& host, const ServiceSpec& service, const std::string& target) {
+  std::vector<std::string> args = {
+      "dns-service", host, service.name, service.type, std::to_string(service.port), target};
+  args.insert(args.end(), service.txt.begin(), service.txt.end());
+  script(args);
+}
+
+void VirtualLan::dns_remove_service(const std::string& host, const std::string& name,
+                                    const std::string& type) {
+  script({"dns-remove-service", host, name, type});
+}
+
+std::string VirtualLan::use_dns(const std::string& host, const std::string& server) {
+  return script({"use-dns", host, server});
+}
+
 std::string VirtualLan::browse(const std::string& host, const std::string& type) const {
   return script({"browse", host, type});
 }

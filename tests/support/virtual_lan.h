@@ -62,6 +62,24 @@ class VirtualLan {
   void remove_service(const std::string& host, const std::string& name, const std::string& type);
   void stop_avahi(const std::string& host);
 
+  // A DNS server (BIND 9) on the host, authoritative for `zone`, every record
+  // with `ttl_seconds`; returns once it serves the records given before.  A
+  // change of the records while it runs reloads the zone and returns once the
+  // server serves the change.
+  void start_dns(const std::string& host, const std::string& zone = "example.test.", int ttl_seconds = 10);
+  // A and AAAA records of `name` (relative to the zone, e.g. "printer").
+  void dns_address(const std::string& host, const std::string& name,
+                   const std::vector<std::string>& addresses);
+  // PTR, SRV (to `target`, relative to the zone) and TXT records of a service,
+  // replacing those of a service of the same name and type.
+  void dns_service(const std::string& host, const ServiceSpec& service, const std::string& target);
+  void dns_remove_service(const std::string& host, const std::string& name, const std::string& type);
+  // Points the host's resolver file at the DNS server on `server` (its only
+  // name server) and returns the file's path: `ip netns exec` (so exec())
+  // shows it as /etc/resolv.conf; a thread inside a NetnsScope needs a
+  // ResolverScope for that.
+  std::string use_dns(const std::string& host, const std::string& server);
+
   // `avahi-browse -rpt TYPE` on a host whose daemon was started with dbus.
   std::string browse(const std::string& host, const std::string& type) const;
 
