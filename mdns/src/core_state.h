@@ -58,7 +58,7 @@ struct QuestionState {
   bool refresh_wanted;  // a cached answer reached a refresh point
   bool one_shot_wanted;
   bool spilled;  // its known answers filled more than one packet
-  bool listed;   // on the waiting, delivering or one-shot list
+  bool listed;   // on the waiting, delivering, one-shot or unicast waiting list
 };
 static_assert(sizeof(QuestionState) <= mDNS_QuestionPrivateSize, "question state outgrew its storage");
 
@@ -201,7 +201,8 @@ struct UnicastQuery {
 
 struct NameServer {
   mDNSAddr address;
-  uint16_t port;  // host order
+  uint16_t port;   // host order
+  uint32_t scope;  // the interface index of a link-local IPv6 server, else 0
 };
 
 // ---- The core -------------------------------------------------------------------
@@ -281,6 +282,7 @@ struct CoreState {
   NameServer servers[kMaxNameServers];
   uint8_t server_count;
   UnicastQuery unicast[kMaxUnicastQueries];
+  DNSQuestion* unicast_waiting;  // groups waiting for a free query, in order
   uint8_t tcp_buffer[kTcpMessageSize + 2];
 
   // The records of the packet being processed, delivered once it is all cached.

@@ -18,6 +18,7 @@ namespace mdns {
 
 struct CoreState;
 struct InterfaceSnapshot;
+struct NameServer;
 
 // How a message leaves or arrives.
 enum class Transport : uint8_t {
@@ -57,9 +58,9 @@ bool platform_send_multicast(mDNS* m, Transport transport, mDNSInterfaceID inter
 // ---- Unicast DNS sockets (non-blocking; -1 on failure) ----
 
 // A UDP socket on a fresh random port, connected to the server.
-int platform_open_dns_udp(mDNS* m, const mDNSAddr& server, uint16_t port);
+int platform_open_dns_udp(mDNS* m, const NameServer& server);
 // A TCP socket connecting to the server (the connect completes later).
-int platform_open_dns_tcp(mDNS* m, const mDNSAddr& server, uint16_t port);
+int platform_open_dns_tcp(mDNS* m, const NameServer& server);
 void platform_close_dns(mDNS* m, int fd);
 // Sends / receives on such a socket; the count, 0 when it would block, -1 on error.
 long platform_dns_send(mDNS* m, int fd, const uint8_t* data, size_t length);
@@ -76,7 +77,7 @@ uint32_t platform_random_seed();
 uint16_t platform_random_id();
 
 // Name servers of the resolver configuration; returns how many were read.
-int platform_read_name_servers(mDNS* m, mDNSAddr* servers, uint16_t* ports, int capacity);
+int platform_read_name_servers(mDNS* m, NameServer* servers, int capacity);
 
 // ---- Test mode ----
 

@@ -1,4 +1,5 @@
 // The POSIX platform: sockets, interfaces, clock and randomness for the engine.
+#include <net/if.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -86,18 +87,21 @@ bool open_sockets(PlatformState& p) {
   return p.sock_v4 >= 0 || p.sock_v6 >= 0;
 }
 
-bool parse_name_server(const char* line, mDNSAddr& out) {
+bool parse_name_server(const char* line, NameServer& out) {
   char keyword[16];
   char address[64];
   if (std::sscanf(line, " %15s %63s", keyword, address) != 2 || std::strcmp(keyword, "nameserver") != 0) {
     return false;
   }
-  char* zone = std::strchr(address, '%');  // a scoped IPv6 address: the scope is not kept
+  out = NameServer{};
+  out.port = kDnsPort;
+  char* zone = std::strchr(address, '%');  // a link-local IPv6 server names its interface
   if (zone != nullptr) {
     *zone = '\0';
+    out.scope = if_nametoindex(zone + 1);
   }
-  out = address_from_text(address);
-  return out.type != mDNSAddrType_None;
+  out.address = address_from_text(address);
+  return out.address.type != mDNSAddrType_None;
 }
 
 }  // namespace
@@ -208,22 +212,24 @@ bool platform_send_multicast(mDNS* m, Transport transport, mDNSInterfaceID inter
 
 namespace {
 
-int open_test_socket(PlatformState& p, const mDNSAddr& server, uint16_t port, bool tcp) {
+int open_test_socket(PlatformState& p, const NameServer& server, bool tcp) {
   const uint32_t n = p.next_test_socket++ % kTestSockets;
-  p.test_sockets[n] = TestSocket{server, port, tcp};
+  p.test_sockets[n] = TestSocket{server.address, server.port, tcp};
   return kTestSocketBase + static_cast<int>(n);
 }
 
 }  // namespace
 
-int platform_open_dns_udp(mDNS* m, const mDNSAddr& server, uint16_t port) {
+int platform_open_dns_udp(mDNS* m, const NameServer& server) {
   PlatformState& p = platform_of(m);
-  return p.test_mode ? open_test_socket(p, server, port, false) : open_dns_socket(server, port, false);
+  return p.test_mode ? open_test_socket(p, server, false)
+                     : open_dns_socket(server.address, server.port, server.scope, false);
 }
 
-int platform_open_dns_tcp(mDNS* m, const mDNSAddr& server, uint16_t port) {
+int platform_open_dns_tcp(mDNS* m, const NameServer& server) {
   PlatformState& p = platform_of(m);
-  return p.test_mode ? open_test_socket(p, server, port, true) : open_dns_socket(server, port, true);
+  return p.test_mode ? open_test_socket(p, server, true)
+                     : open_dns_socket(server.address, server.port, server.scope, true);
 }
 
 bool platform_test_socket(mDNS* m, int socket, mDNSAddr& server, uint16_t& port, bool& tcp) {
@@ -311,13 +317,12 @@ uint16_t platform_random_id() {
   return static_cast<uint16_t>(platform_random_seed());
 }
 
-int platform_read_name_servers(mDNS* m, mDNSAddr* servers, uint16_t* ports, int capacity) {
+int platform_read_name_servers(mDNS* m, NameServer* servers, int capacity) {
   PlatformState& p = platform_of(m);
   if (p.test_mode) {
     const int n = p.test_server_count < capacity ? p.test_server_count : capacity;
     for (int i = 0; i < n; ++i) {
-      servers[i] = p.test_name_servers[i].address;
-      ports[i] = p.test_name_servers[i].port;
+      servers[i] = p.test_name_servers[i];
     }
     return n;
   }
@@ -328,9 +333,7 @@ int platform_read_name_servers(mDNS* m, mDNSAddr* servers, uint16_t* ports, int 
   int n = 0;
   char line[512];
   while (n < capacity && std::fgets(line, sizeof line, file) != nullptr) {
-    if (parse_name_server(line, servers[n])) {
-      ports[n++] = kDnsPort;
-    }
+    n += parse_name_server(line, servers[n]) ? 1 : 0;
   }
   std::fclose(file);
   return n;
@@ -353,7 +356,7 @@ void platform_test_set_name_servers(mDNS_PlatformSupport* p, const mDNSAddr* ser
   PlatformState& state = *reinterpret_cast<PlatformState*>(p->Private.storage);
   state.test_server_count = count < kMaxNameServers ? count : kMaxNameServers;
   for (int i = 0; i < state.test_server_count; ++i) {
-    state.test_name_servers[i] = NameServer{servers[i], ports[i]};
+    state.test_name_servers[i] = NameServer{servers[i], ports[i], 0};
   }
 }
 

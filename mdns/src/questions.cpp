@@ -224,7 +224,7 @@ void question_stop(mDNS* m, DNSQuestion* q) {
   QuestionState& s = state_of(q);
   if (s.listed) {
     (void)(unlink_from_list(core.waiting_head, q) || unlink_from_list(core.delivering_head, q) ||
-           unlink_from_list(core.one_shot_head, q));
+           unlink_from_list(core.one_shot_head, q) || unlink_from_list(core.unicast_waiting, q));
   }
   if (!s.listening) {
     change_asking(m, q, -1);

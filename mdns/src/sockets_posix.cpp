@@ -142,7 +142,7 @@ int open_one_shot_socket(int family) {
   return fd;
 }
 
-int open_dns_socket(const mDNSAddr& server, uint16_t port, bool tcp) {
+int open_dns_socket(const mDNSAddr& server, uint16_t port, uint32_t scope, bool tcp) {
   sockaddr_storage to{};
   socklen_t to_length = 0;
   if (server.type == mDNSAddrType_IPv4) {
@@ -156,6 +156,7 @@ int open_dns_socket(const mDNSAddr& server, uint16_t port, bool tcp) {
     sin6->sin6_family = AF_INET6;
     sin6->sin6_port = htons(port);
     std::memcpy(&sin6->sin6_addr, server.ip.v6.b, 16);
+    sin6->sin6_scope_id = scope;
     to_length = sizeof(sockaddr_in6);
   } else {
     return -1;

@@ -19,7 +19,7 @@ int open_one_shot_socket(int family);
 // A non-blocking socket to a unicast DNS server: UDP from a fresh ephemeral
 // port, connected (the kernel then drops datagrams from anyone else), or TCP
 // with its connect under way.
-int open_dns_socket(const mDNSAddr& server, uint16_t port, bool tcp);
+int open_dns_socket(const mDNSAddr& server, uint16_t port, uint32_t scope, bool tcp);
 // 1 when a TCP connect has completed, 0 while it goes on, -1 when it failed.
 int connect_result(int fd);
 // Watches the kernel's interface and address changes; -1 when unavailable.

@@ -99,9 +99,8 @@ void send_udp(mDNS* m, UnicastQuery& u) {
   CoreState& core = core_of(m);
   close_socket(m, u);
   u.server = static_cast<uint8_t>(u.attempts % core.server_count);
-  const NameServer& server = core.servers[u.server];
   u.id = platform_random_id();
-  u.fd = platform_open_dns_udp(m, server.address, server.port);
+  u.fd = platform_open_dns_udp(m, core.servers[u.server]);
   u.stage = UnicastStage::kUdp;
   u.deadline = time_add(core.now, static_cast<int64_t>(kFirstTimeoutMs) << u.attempts);
   u.attempts++;
@@ -118,8 +117,7 @@ void send_udp(mDNS* m, UnicastQuery& u) {
 void start_tcp(mDNS* m, UnicastQuery& u) {
   CoreState& core = core_of(m);
   close_socket(m, u);
-  const NameServer& server = core.servers[u.server];
-  u.fd = platform_open_dns_tcp(m, server.address, server.port);
+  u.fd = platform_open_dns_tcp(m, core.servers[u.server]);
   u.stage = UnicastStage::kTcpConnecting;
   u.tcp_done = 0;
   u.deadline = time_add(core.now, kTcpTimeoutMs);
@@ -215,8 +213,13 @@ void handle_message(mDNS* m, UnicastQuery& u, const uint8_t* message, size_t len
   }
   const unsigned code = header.flags & 0xF;
   if (code != 0 && code != kRcodeNameError) {
-    // The server could not answer: the next one is asked at once.
-    u.deadline = core.now;
+    // The server cannot answer (SERVFAIL, REFUSED...): the next one is asked
+    // at once; asking the same one again would only repeat it.
+    if (core.server_count > 1 && u.attempts < kMaxAttempts) {
+      u.deadline = core.now;
+    } else {
+      give_up(m, u);
+    }
     return;
   }
   if ((header.flags & kFlagTruncated) != 0 && u.stage == UnicastStage::kUdp) {
@@ -228,6 +231,21 @@ void handle_message(mDNS* m, UnicastQuery& u, const uint8_t* message, size_t len
     return;
   }
   accept_answer(m, u, parser);
+}
+
+// Every query busy: the group goes out as soon as one is free, in turn.
+void wait_for_slot(CoreState& core, DNSQuestion* leader) {
+  QuestionState& s = state_of(leader);
+  if (s.listed) {
+    return;
+  }
+  DNSQuestion** tail = &core.unicast_waiting;
+  while (*tail != nullptr) {
+    tail = &state_of(*tail).next_in_list;
+  }
+  *tail = leader;
+  s.next_in_list = nullptr;
+  s.listed = true;
 }
 
 UnicastQuery* slot_of_socket(CoreState& core, int socket) {
@@ -306,13 +324,8 @@ void step(mDNS* m, UnicastQuery& u) {
 
 void unicast_reset(mDNS* m) {
   CoreState& core = core_of(m);
-  mDNSAddr addresses[kMaxNameServers];
-  uint16_t ports[kMaxNameServers];
-  const int n = platform_read_name_servers(m, addresses, ports, kMaxNameServers);
+  const int n = platform_read_name_servers(m, core.servers, kMaxNameServers);
   core.server_count = static_cast<uint8_t>(n < 0 ? 0 : n);
-  for (int i = 0; i < core.server_count; ++i) {
-    core.servers[i] = NameServer{addresses[i], ports[i]};
-  }
   for (UnicastQuery& u : core.unicast) {
     if (u.stage == UnicastStage::kFree) {
       u.fd = -1;
@@ -326,6 +339,7 @@ void unicast_close_all(mDNS* m) {
       release(m, u);
     }
   }
+  core_of(m).unicast_waiting = nullptr;
 }
 
 void unicast_question_ready(mDNS* m, DNSQuestion* leader, bool answered) {
@@ -344,10 +358,13 @@ void unicast_ask_now(mDNS* m, DNSQuestion* leader) {
     return;
   }
   s.phase = Phase::kAwaitingReply;
+  if (core.server_count == 0) {
+    plan_ask(m, leader, time_add(core.now, kRetryAfterFailureMs));  // nobody to ask yet
+    return;
+  }
   UnicastQuery* u = free_slot(core);
-  if (u == nullptr || core.server_count == 0) {
-    // Every slot busy, or nobody to ask: later.
-    plan_ask(m, leader, time_add(core.now, core.server_count == 0 ? kRetryAfterFailureMs : kFirstTimeoutMs));
+  if (u == nullptr) {
+    wait_for_slot(core, leader);
     return;
   }
   PairingHeap<DNSQuestion, ScheduleAccess>(core.schedule_root).remove(leader);
@@ -371,10 +388,19 @@ void unicast_cancel(mDNS* m, DNSQuestion* leader) {
 }
 
 void unicast_run(mDNS* m) {
-  for (UnicastQuery& u : core_of(m).unicast) {
+  CoreState& core = core_of(m);
+  for (UnicastQuery& u : core.unicast) {
     if (u.stage != UnicastStage::kFree) {
       step(m, u);
     }
+  }
+  while (core.unicast_waiting != nullptr && free_slot(core) != nullptr) {
+    DNSQuestion* next = core.unicast_waiting;
+    QuestionState& s = state_of(next);
+    core.unicast_waiting = s.next_in_list;
+    s.next_in_list = nullptr;
+    s.listed = false;
+    unicast_ask_now(m, next);
   }
 }
 
