@@ -129,12 +129,12 @@ TEST(SearchUnicastOnLanTest, FindsTheZonesServicesFollowsAReloadAndLocalKeepsWor
   const std::string dev = lan.host_ipv4("dev");
   CommandResult r = lan.exec("querier", {SORVALEN_TOOL, "search", "_http._tcp", "--timeout", "5"}, 60);
   EXPECT_EQ(r.exit_status, 0) << r.err;
-  EXPECT_THAT(r.out, HasSubstr("Living Room TV  _http._tcp.local.  " + dev + ":8080\n"));
+  EXPECT_THAT(r.out, HasSubstr("+\tLiving Room TV\t_http._tcp.local.\t" + dev + ":8080\n"));
   r = lan.exec("querier",
                {SORVALEN_TOOL, "search", "_http._tcp", "--domain", "example.test.", "--timeout", "3"}, 60);
   EXPECT_EQ(r.exit_status, 0) << r.err;
-  EXPECT_THAT(r.out, HasSubstr("Office Printer  _http._tcp.example.test.  198.51.100.50:631\n"));
-  EXPECT_THAT(r.out, HasSubstr("Door Camera  _http._tcp.example.test.  [2001:db8::60]:8554\n"));
+  EXPECT_THAT(r.out, HasSubstr("+\tOffice Printer\t_http._tcp.example.test.\t198.51.100.50:631\n"));
+  EXPECT_THAT(r.out, HasSubstr("+\tDoor Camera\t_http._tcp.example.test.\t[2001:db8::60]:8554\n"));
 
   const std::vector<std::string> before = endpoints();
   for (const std::string& endpoint : before)
