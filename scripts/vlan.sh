@@ -577,7 +577,13 @@ cmd_capture_count() {
   [ $# -eq 4 ] || { [ $# -eq 5 ] && [ "$5" = queries ]; } || die "capture-count RUN HOST IFACE SRC [queries]"
   local base filter="src host $4 and udp dst port 5353"
   base=$(capture_base "$1" "$2" "$3")
-  [ $# -eq 4 ] || filter="$filter and udp[10] & 0x80 = 0"
+  # The flags byte after the UDP header (no IPv6 extension headers on this LAN).
+  if [ $# -eq 5 ]; then
+    case "$4" in
+      *:*) filter="$filter and ip6[50] & 0x80 = 0" ;;
+      *) filter="$filter and udp[10] & 0x80 = 0" ;;
+    esac
+  fi
   [ -e "$base.pcap" ] || die "no capture on $2 $3"
   # The file may still grow; a cut-off last packet is not an error here.
   { tcpdump -r "$base.pcap" -n -q "$filter" 2>/dev/null || true; } |
