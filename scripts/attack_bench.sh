@@ -126,6 +126,7 @@ for entry in $attacks; do
     apid=$!
     sleep 2
   fi
+  : >"$work/watch.log"
   "${vlan[@]}" exec "$run" querier "$watch" --type "$type" --filter bench --seconds "$watch_seconds" \
     --real "Bench dev" --watch "$late" >"$work/watch.log" 2>&1 &
   wpid=$!
@@ -141,7 +142,8 @@ for entry in $attacks; do
   fi
   sleep 10
   announced=$(now_ms)
-  "${vlan[@]}" add-service "$run" late "$late" "$type" 8081 >/dev/null
+  # Under a flood the late device's own daemon may take longer than add-service waits.
+  "${vlan[@]}" add-service "$run" late "$late" "$type" 8081 >/dev/null 2>&1 || echo "   (the late device's avahi-daemon was slow to publish)"
   [ -z "$apid" ] || wait "$apid" || true
   apid=
   wait "$wpid" || { echo "the search ended with status $?"; cat "$work/watch.log"; }
@@ -180,6 +182,7 @@ for extra in $extras; do
     iface)
       # Deleted 3 s into the search, created again 1 s later; a new instance
       # is published at 8 s; a later Start in the same process at 25 s.
+      : >"$work/watch.log"
       "${vlan[@]}" exec "$run" querier "$watch" --type "$type" --filter bench --seconds 40 --real "Bench dev" \
         --watch "Late iface Bench" --restart-at 25 >"$work/watch.log" 2>&1 &
       wpid=$!
