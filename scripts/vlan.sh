@@ -35,6 +35,7 @@
 #                                           a python3-zeroconf responder (bench/zeroconf_responder.py)
 #                                           for the services added so far, instead of avahi-daemon;
 #                                           waits until it has registered them
+#   vlan.sh wait-zeroconf RUN HOST          waits for a responder started with --no-wait
 #   vlan.sh stop-zeroconf RUN HOST          stops it (it sends goodbyes)
 #   vlan.sh recreate-iface RUN HOST IFACE   deletes the interface and creates it again: same name,
 #                                           MAC, address and LAN
