@@ -1,10 +1,15 @@
 // Times device searches for scripts/bench.sh; run it only inside a network
 // namespace of a virtual LAN.
 //
-//   search_time TYPE EXPECTED RUNS   time from Start until EXPECTED distinct
-//                                    instances are in the IPv4 list, RUNS times,
-//                                    each with a fresh core (empty cache)
-//   search_time TYPE hold SECONDS    one search that runs for SECONDS
+//   search_time TYPE EXPECTED RUNS   time from Start until the first and until
+//                                    EXPECTED distinct instances are in the IPv4
+//                                    list, RUNS times, each with a fresh core
+//                                    (empty cache): "run N: ALL ms first FIRST ms"
+//                                    (ALL -1: not all within 60 s)
+//   search_time TYPE hold SECONDS    one search that runs for SECONDS; prints
+//                                    "found EVER end AT_END lost GONE": instances
+//                                    ever listed, listed at the end, and listed
+//                                    once but missing later
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -22,33 +27,41 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-size_t distinct_instances() {
+std::set<std::string> listed_instances() {
   std::set<std::string> names;
   std::lock_guard<std::mutex> lock(sorvalen::MDNSSearch::address_list_mutex_);
   for (const auto& record : sorvalen::MDNSSearch::address_list_)
     names.insert(record.name);
-  return names.size();
+  return names;
 }
 
-// Milliseconds until `expected` instances are listed, or -1 after 60 s.
-double time_one_search(const std::string& type, size_t expected) {
+struct Timing {
+  double all_ms = -1, first_ms = -1;  // -1: not within 60 s; -2: the search did not start
+  size_t found = 0;
+};
+
+Timing time_one_search(const std::string& type, size_t expected) {
+  Timing timing;
   std::unique_ptr<sorvalen::MDNSSearch> search(sorvalen::MDNSSearch::CreateMDNSSearch());
   if (!search->Init())
-    return -2;
+    return {-2, -2, 0};
   const auto start = Clock::now();
   if (!search->Start(",", type, "local.", 0, ""))
-    return -2;
-  double elapsed = -1;
+    return {-2, -2, 0};
   while (Clock::now() - start < std::chrono::seconds(60)) {
-    if (distinct_instances() >= expected) {
-      elapsed = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    timing.found = listed_instances().size();
+    const double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    if (timing.first_ms < 0 && timing.found > 0)
+      timing.first_ms = ms;
+    if (timing.found >= expected) {
+      timing.all_ms = ms;
       break;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   search->Stop();
   search->Destroy();
-  return elapsed;
+  return timing;
 }
 
 int hold(const std::string& type, int seconds) {
@@ -57,9 +70,17 @@ int hold(const std::string& type, int seconds) {
     return 2;
   std::printf("started\n");
   std::fflush(stdout);
-  while (search->GetRunning())
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  std::printf("found %zu\n", distinct_instances());
+  std::set<std::string> ever, gone, now;
+  while (search->GetRunning()) {
+    now = listed_instances();
+    for (const std::string& name : ever) {
+      if (now.count(name) == 0)
+        gone.insert(name);
+    }
+    ever.insert(now.begin(), now.end());
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  std::printf("found %zu end %zu lost %zu\n", ever.size(), listed_instances().size(), gone.size());
   return 0;
 }
 
@@ -78,15 +99,16 @@ int main(int argc, char** argv) {
   const int runs = std::atoi(argv[3]);
   std::vector<double> times;
   for (int run = 0; run < runs; ++run) {
-    const double ms = time_one_search(type, expected);
-    std::printf("run %d: %.1f ms\n", run + 1, ms);
+    const Timing t = time_one_search(type, expected);
+    std::printf("run %d: %.1f ms first %.1f ms found %zu\n", run + 1, t.all_ms, t.first_ms, t.found);
     std::fflush(stdout);
-    if (ms < 0)
-      return 1;
-    times.push_back(ms);
+    if (t.all_ms >= 0)
+      times.push_back(t.all_ms);
     // Lets the responders' rate limits and the last goodbyes settle.
     std::this_thread::sleep_for(std::chrono::seconds(2));
   }
+  if (times.empty())
+    return 1;
   std::sort(times.begin(), times.end());
   const double median = times.size() % 2 ? times[times.size() / 2]
                                          : (times[times.size() / 2 - 1] + times[times.size() / 2]) / 2;

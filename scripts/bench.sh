@@ -1,32 +1,44 @@
 #!/usr/bin/env bash
 # Device-search benchmark on a virtual LAN built on this machine (nothing is
-# sent on the real interfaces).  For each scenario (devices x services, all
-# announced by avahi-daemon) it measures:
-#   - time from Start until every instance is in the lists: median and worst
-#     over RUNS runs (default 10), each with an empty cache;
-#   - mDNS packets and bytes the querier sent in the first 10 s and in 60 s
-#     (tcpdump in the querier's namespace);
-# for our search (bench/search_time) and for python3-zeroconf's
-# ServiceBrowser + get_service_info in the same scenarios, and prints a table
-# with the ratios (ours / zeroconf).
+# sent on the real interfaces).  Three queriers in the same run:
+#   ours      bench/search_time (the library through its public interface)
+#   zeroconf  python3-zeroconf: ServiceBrowser + get_service_info (bench/zeroconf_search.py)
+#   avahi     avahi-browse -rp through a private D-Bus and an avahi-daemon of its
+#             own host (bench/avahi_search.py), restarted for every run; that
+#             daemon publishes none of the test services
+# and responders of two kinds: avahi-daemon and python3-zeroconf
+# (bench/zeroconf_responder.py).  For each scenario and querier it measures:
+#   - time from Start until every instance is listed: median and worst over
+#     RUNS runs (default 10), each with an empty cache; the median time until
+#     the first instance is listed;
+#   - mDNS queries and bytes the querier sent in the first 10 s and in HOLD s
+#     (default 60; tcpdump in the querier's namespace);
+#   - in that HOLD-second search: instances found / still listed at the end /
+#     listed once and missing later.
 #
-#   sudo bash scripts/bench.sh                 everything (about 10 minutes)
-#   RUNS=5 HOLD=30 sudo bash scripts/bench.sh  shorter
-#   SCENARIOS="1x1 5x10" ...                    only some scenarios
+#   sudo bash scripts/bench.sh                      everything (about 25 minutes)
+#   RUNS=2 HOLD=15 SCENARIOS=1x1 sudo bash scripts/bench.sh     short
+#   SEARCH_TIME=/other/build/bench/search_time ...  measures another build of ours
+#   QUERIERS="ours zeroconf" ...                     only some queriers
+#
+# Scenarios (SCENARIOS, default "1x1 5x10 1x200 5x10mixed"): DxS is D devices
+# with S services each, all answered by avahi-daemon; DxSmixed answers with
+# avahi-daemon on 3 of every 5 devices and python3-zeroconf on the others.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 runs=${RUNS:-10}
 hold=${HOLD:-60}
+queriers=${QUERIERS:-ours zeroconf avahi}
 build=${BUILD:-$root/build/bench}
 vlan=(bash "$root/scripts/vlan.sh")
 type=_sorvbench._tcp
-py=/usr/bin/python3  # Debian's, which has python3-zeroconf
+py=/usr/bin/python3 # Debian's, which has python3-zeroconf
 
 [ "$(id -u)" -eq 0 ] || { echo "needs root (network namespaces): sudo bash scripts/bench.sh" >&2; exit 1; }
 bash "$root/scripts/install-deps.sh"
 
-timer=${SEARCH_TIME:-}  # an already built bench/search_time, if given
+timer=${SEARCH_TIME:-} # an already built bench/search_time, if given
 if [ -z "$timer" ]; then
   echo "== building bench/search_time (Release, $build)"
   cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DSORVALEN_BUILD_TESTS=OFF >/dev/null
@@ -35,154 +47,141 @@ if [ -z "$timer" ]; then
 fi
 
 work=$(mktemp -d)
-zc="$work/zeroconf_search.py"
-cat >"$zc" <<'PY'
-# Same measurements with python3-zeroconf: browse, then resolve every instance.
-import sys, threading, time
-from zeroconf import IPVersion, ServiceBrowser, ServiceStateChange, Zeroconf
-
-full_type = sys.argv[1] + ".local."
-
-def search(expected, limit):
-    zc = Zeroconf(ip_version=IPVersion.All)
-    resolved, lock, done, closing = set(), threading.Lock(), threading.Event(), threading.Event()
-
-    # Retried until it succeeds, as our resolves keep running until Stop.
-    def resolve(name):
-        while not closing.is_set():
-            info = zc.get_service_info(full_type, name, timeout=3000)
-            if info is not None and info.addresses:
-                with lock:
-                    resolved.add(name)
-                    if expected and len(resolved) >= expected:
-                        done.set()
-                return
-
-    def on_change(zeroconf, service_type, name, state_change):
-        if state_change is ServiceStateChange.Added:
-            threading.Thread(target=resolve, args=(name,), daemon=True).start()
-
-    start = time.monotonic()
-    browser = ServiceBrowser(zc, full_type, handlers=[on_change])
-    if expected:
-        ok = done.wait(limit)
-    else:
-        print("started", flush=True)
-        time.sleep(limit)
-        ok = True
-    elapsed = (time.monotonic() - start) * 1000
-    closing.set()
-    browser.cancel()
-    zc.close()
-    return elapsed if ok else -1, len(resolved)
-
-if sys.argv[2] == "hold":
-    _, found = search(0, int(sys.argv[3]))
-    print("found %d" % found)
-    sys.exit(0)
-expected, runs = int(sys.argv[2]), int(sys.argv[3])
-times = []
-for run in range(runs):
-    ms, found = search(expected, 60)
-    print("run %d: %.1f ms" % (run + 1, ms), flush=True)
-    if ms < 0:
-        print("only %d of %d instances resolved in 60 s" % (found, expected), flush=True)
-        sys.exit(1)
-    times.append(ms)
-    time.sleep(2)
-times.sort()
-n = len(times)
-median = times[n // 2] if n % 2 else (times[n // 2 - 1] + times[n // 2]) / 2
-print("median %.1f worst %.1f" % (median, times[-1]))
-PY
-
 run="sv$$x1"
 cleanup() { "${vlan[@]}" destroy "$run" >/dev/null 2>&1 || true; rm -rf "$work"; }
 trap cleanup EXIT
 
-# Builds the LAN for one scenario: querier plus DEVICES hosts with SERVICES each.
+# Builds the LAN for one scenario: the queriers' hosts (querier for ours and
+# zeroconf, avq for avahi-browse) plus DEVICES hosts with SERVICES each, the
+# last ZEROCONF of them answered by python3-zeroconf.
 build_scenario() {
-  local devices=$1 services=$2 d s
+  local devices=$1 services=$2 zeroconf=$3 d
   "${vlan[@]}" destroy "$run" >/dev/null 2>&1 || true
   "${vlan[@]}" create "$run" >/dev/null
   "${vlan[@]}" add-lan "$run" 1 >/dev/null
   "${vlan[@]}" add-host "$run" querier 1 >/dev/null
+  "${vlan[@]}" add-host "$run" avq 1 >/dev/null
   for ((d = 1; d <= devices; d++)); do
     "${vlan[@]}" add-host "$run" "dev$d" 1 >/dev/null
-    for ((s = 1; s <= services; s++)); do
-      "${vlan[@]}" add-service "$run" "dev$d" "Bench $d-$s" "$type" $((8000 + s)) >/dev/null
-    done
-    "${vlan[@]}" start-avahi "$run" "dev$d" >/dev/null
+    "${vlan[@]}" add-services "$run" "dev$d" "Bench $d" "$type" 8000 "$services" >/dev/null
+    if ((d > devices - zeroconf)); then
+      "${vlan[@]}" start-zeroconf "$run" "dev$d" >/dev/null
+    else
+      "${vlan[@]}" start-avahi "$run" "dev$d" --no-wait >/dev/null
+    fi
   done
-  # Probing and announcing take a few seconds per daemon; let every one finish.
-  local log i
-  for ((d = 1; d <= devices; d++)); do
-    log="${SV_VLAN_STATE_ROOT:-/tmp/sorvalen-vlan}/$run/hosts/dev$d/avahi.log"
-    for ((i = 0; i < 600; i++)); do
-      [ "$(grep -c 'successfully established' "$log" 2>/dev/null || echo 0)" -ge "$services" ] && break
-      sleep 0.1
-    done
-  done
-  sleep 3
+  for ((d = 1; d <= devices - zeroconf; d++)); do "${vlan[@]}" wait-avahi "$run" "dev$d" >/dev/null; done
+  sleep 3 # the last announcements
 }
 
-# Packets and bytes the querier sent to port 5353 so far (IPv4 and IPv6 sources).
-sent_so_far() {
+# The avahi querier: a fresh daemon (empty cache) for each run.
+avahi_up() { "${vlan[@]}" start-avahi "$run" avq --dbus >/dev/null; }
+avahi_down() { "${vlan[@]}" stop-avahi "$run" avq >/dev/null; }
+
+# Prints the run lines "run N: ALL ms first FIRST ms found F" of one querier.
+time_querier() { # QUERIER EXPECTED
+  local i
+  case "$1" in
+    ours) "${vlan[@]}" exec "$run" querier "$timer" "$type" "$2" "$runs" || true ;;
+    zeroconf) "${vlan[@]}" exec "$run" querier "$py" "$root/bench/zeroconf_search.py" "$type" "$2" "$runs" || true ;;
+    avahi)
+      for ((i = 1; i <= runs; i++)); do
+        avahi_up
+        "${vlan[@]}" exec-avahi "$run" avq "$py" "$root/bench/avahi_search.py" "$type" "$2" "$i" || true
+        avahi_down
+        sleep 2
+      done
+      ;;
+  esac
+}
+
+# Queries and bytes that HOST sent to port 5353 so far (IPv4 and IPv6 sources).
+sent_so_far() { # HOST
   local v4 v6 a b c d
-  v4=$("${vlan[@]}" ipv4 "$run" querier)
-  v6=$("${vlan[@]}" ipv6ll "$run" querier)
-  read -r a b < <("${vlan[@]}" capture-count "$run" querier eth0 "$v4")
-  read -r c d < <("${vlan[@]}" capture-count "$run" querier eth0 "${v6%%%*}")
-  echo "$((a + c)) $((b + d))"
+  v4=$("${vlan[@]}" ipv4 "$run" "$1")
+  v6=$("${vlan[@]}" ipv6ll "$run" "$1")
+  read -r a b < <("${vlan[@]}" capture-count "$run" "$1" eth0 "$v4" queries)
+  read -r c d < <("${vlan[@]}" capture-count "$run" "$1" eth0 "${v6%%%*}" queries)
+  echo "$((a + c))/$((b + d))"
 }
 
-# Runs one querier for $hold seconds under capture; prints "P10 B10 P60 B60".
-traffic() {
-  local start p10 p60
-  "${vlan[@]}" capture-start "$run" querier eth0 >/dev/null
-  "${vlan[@]}" exec "$run" querier "$@" >"$work/hold.log" 2>&1 &
+# One HOLD-second search under capture; prints "P10/B10 PHOLD/BHOLD FOUND END LOST".
+hold_querier() { # QUERIER TOTAL
+  local host=querier cmd p10 phold
+  case "$1" in
+    ours) cmd=("${vlan[@]}" exec "$run" querier "$timer" "$type" hold "$hold") ;;
+    zeroconf) cmd=("${vlan[@]}" exec "$run" querier "$py" "$root/bench/zeroconf_search.py" "$type" hold "$hold") ;;
+    avahi)
+      host=avq
+      avahi_up
+      sleep 2 # the daemon's own announcements are over
+      cmd=("${vlan[@]}" exec-avahi "$run" avq "$py" "$root/bench/avahi_search.py" "$type" hold "$hold")
+      ;;
+  esac
+  "${vlan[@]}" capture-start "$run" "$host" eth0 >/dev/null
+  "${cmd[@]}" >"$work/hold.log" 2>&1 &
   local pid=$!
-  start=$(date +%s.%N)
   sleep 10
-  p10=$(sent_so_far)
+  p10=$(sent_so_far "$host")
   wait "$pid" || true
   sleep 1
-  p60=$(sent_so_far)
-  "${vlan[@]}" capture-stop "$run" querier eth0 >/dev/null
-  echo "$p10 $p60"
+  phold=$(sent_so_far "$host")
+  "${vlan[@]}" capture-stop "$run" "$host" eth0 >/dev/null
+  [ "$1" != avahi ] || avahi_down
+  local found end lost
+  read -r found end lost < <(awk '/^found/ { print $2, ($4 == "" ? "-" : $4), ($6 == "" ? "-" : $6) }' "$work/hold.log")
+  echo "$p10 $phold ${found:--} ${end:--} ${lost:--}"
 }
 
-timing() { # prints "MEDIAN WORST" from a run log on stdin
-  awk '/^median/ { print $2, $4 }'
+# From run lines: "MEDIAN WORST FIRST_MEDIAN FAILED" (times of the runs that listed everything).
+summarise() {
+  awk '
+    function median(a, n,   i, j, t) {
+      for (i = 2; i <= n; i++) { t = a[i]; for (j = i - 1; j >= 1 && a[j] > t; j--) a[j + 1] = a[j]; a[j + 1] = t }
+      return n % 2 ? a[(n + 1) / 2] : (a[n / 2] + a[n / 2 + 1]) / 2
+    }
+    /^run [0-9]+:/ {
+      if ($3 >= 0) { all[++n] = $3; if ($3 > worst) worst = $3 } else failed++
+      if ($6 >= 0) first[++m] = $6
+    }
+    END {
+      printf "%s %s %s %d\n", n ? sprintf("%.0f", median(all, n)) : "-", n ? sprintf("%.0f", worst) : "-",
+        m ? sprintf("%.0f", median(first, m)) : "-", failed
+    }'
 }
 
 declare -a rows
-for scenario in ${SCENARIOS:-1x1 5x10 1x200}; do
-  devices=${scenario%x*}
-  services=${scenario#*x}
+for scenario in ${SCENARIOS:-1x1 5x10 1x200 5x10mixed}; do
+  [[ $scenario =~ ^([0-9]+)x([0-9]+)(mixed)?$ ]] || { echo "bad scenario '$scenario'" >&2; exit 2; }
+  devices=${BASH_REMATCH[1]}
+  services=${BASH_REMATCH[2]}
+  zeroconf=0
+  if [ -n "${BASH_REMATCH[3]}" ]; then
+    zeroconf=$((devices * 2 / 5))
+    ((zeroconf > 0)) || zeroconf=1
+  fi
   total=$((devices * services))
-  echo "== scenario: $devices device(s) x $services service(s)"
-  build_scenario "$devices" "$services"
-
-  "${vlan[@]}" exec "$run" querier "$timer" "$type" "$total" "$runs" | tee "$work/ours.log"
-  read -r our_median our_worst < <(timing <"$work/ours.log")
-  "${vlan[@]}" exec "$run" querier "$py" "$zc" "$type" "$total" "$runs" | tee "$work/zc.log"
-  read -r zc_median zc_worst < <(timing <"$work/zc.log")
-
-  read -r our_p10 our_b10 our_p60 our_b60 < <(traffic "$timer" "$type" hold "$hold")
-  read -r zc_p10 zc_b10 zc_p60 zc_b60 < <(traffic "$py" "$zc" "$type" hold "$hold")
-  rows+=("$devices x $services|$our_median|$our_worst|$zc_median|$zc_worst|$our_p10/$our_b10|$zc_p10/$zc_b10|$our_p60/$our_b60|$zc_p60/$zc_b60")
+  echo "== scenario $scenario: $devices device(s) x $services service(s), $((devices - zeroconf)) avahi-daemon, $zeroconf python3-zeroconf"
+  build_scenario "$devices" "$services" "$zeroconf"
+  for querier in $queriers; do
+    echo "-- $querier: $runs runs"
+    time_querier "$querier" "$total" | tee "$work/$querier.log"
+    read -r median worst first failed < <(summarise <"$work/$querier.log")
+    echo "-- $querier: one search of ${hold} s under capture"
+    read -r p10 phold found end lost < <(hold_querier "$querier" "$total")
+    rows+=("$scenario|$querier|$median|$worst|$first|$failed|$p10|$phold|$found/$end/$lost|$total")
+  done
 done
 
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else printf "-" }'; }
-
 echo
-echo "Time from Start until every instance is listed (ms, $runs runs, empty cache each),"
-echo "and mDNS packets/bytes the querier sent in the first 10 s and in ${hold} s."
-printf '%-10s | %9s %9s | %9s %9s | %5s | %13s %13s | %13s %13s\n' scenario "our med" "our worst" \
-  "zc med" "zc worst" ratio "ours 10s" "zc 10s" "ours ${hold}s" "zc ${hold}s"
+echo "Time from Start until every instance is listed (ms; median and worst of $runs runs with an empty"
+echo "cache each, runs that did not list everything within 60 s counted as failed), median time until"
+echo "the first instance is listed; mDNS queries/bytes the querier sent in the first 10 s and in ${hold} s;"
+echo "in that ${hold}-second search: instances found / listed at the end / listed once and missing later."
+printf '%-10s %-8s | %7s %7s %7s %6s | %12s %12s | %14s\n' scenario querier median worst first failed \
+  "10 s" "${hold} s" "found/end/lost"
 for row in "${rows[@]}"; do
-  IFS='|' read -r name om ow zm zw o10 z10 o60 z60 <<<"$row"
-  printf '%-10s | %9s %9s | %9s %9s | %5s | %13s %13s | %13s %13s\n' "$name" "$om" "$ow" "$zm" "$zw" \
-    "$(ratio "$om" "$zm")" "$o10" "$z10" "$o60" "$z60"
+  IFS='|' read -r s q m w f x p10 ph fel total <<<"$row"
+  printf '%-10s %-8s | %7s %7s %7s %6s | %12s %12s | %14s\n' "$s" "$q" "$m" "$w" "$f" "$x/$runs" "$p10" "$ph" \
+    "$fel of $total"
 done

@@ -17,8 +17,6 @@
 #   vlan.sh exec RUN HOST CMD...            runs CMD inside the host's namespace
 #   vlan.sh set-ipv4 RUN HOST IFACE ADDR/LEN  replaces the interface's IPv4 address (e.g. a
 #                                           169.254/16 one, as a device without DHCP takes)
-#   vlan.sh recreate-iface RUN HOST IFACE   deletes the interface and makes it again: same name,
-#                                           LAN and addresses, a new index
 #   vlan.sh start-avahi RUN HOST [--dbus] [--name DEVICE] [--interfaces eth0,eth1] [--no-wait]
 #                                           starts avahi-daemon and waits until it has announced its
 #                                           services; --dbus gives it a private system bus so that
@@ -30,11 +28,27 @@
 #                                           withdraws it (the daemon sends goodbye packets)
 #   vlan.sh stop-avahi RUN HOST             stops the daemon (withdraws everything)
 #   vlan.sh browse RUN HOST TYPE            avahi-browse -rpt TYPE via the host's --dbus daemon
-#   vlan.sh capture-start RUN HOST IFACE    tcpdump of udp port 5353 into a pcap
+#   vlan.sh exec-avahi RUN HOST CMD...      runs CMD beside the host's --dbus daemon (its /run and
+#                                           bus), e.g. a long-running avahi-browse
+#   vlan.sh add-services RUN HOST PREFIX TYPE PORT COUNT
+#                                           publishes COUNT services "PREFIX 1".."PREFIX COUNT" at
+#                                           once (one reload; waits if the daemon runs)
+#   vlan.sh start-zeroconf RUN HOST [--name DEVICE] [--no-wait]
+#                                           a python3-zeroconf responder (bench/zeroconf_responder.py)
+#                                           for the services added so far, instead of avahi-daemon;
+#                                           waits until it has registered them
+#   vlan.sh wait-zeroconf RUN HOST          waits for a responder started with --no-wait
+#   vlan.sh stop-zeroconf RUN HOST          stops it (it sends goodbyes)
+#   vlan.sh recreate-iface RUN HOST IFACE [GAP_SECONDS]
+#                                           deletes the interface and creates it again after GAP (1 s):
+#                                           same name, MAC, address and LAN, a new index
+#   vlan.sh capture-start RUN HOST IFACE [EXPR]
+#                                           tcpdump of udp port 5353 (and EXPR) into a pcap
 #   vlan.sh capture-stop RUN HOST IFACE
-#   vlan.sh capture-count RUN HOST IFACE SRC
+#   vlan.sh capture-count RUN HOST IFACE SRC [queries]
 #                                           prints "PACKETS BYTES" sent by SRC to udp port 5353
-#                                           (BYTES = sum of UDP payload sizes)
+#                                           (BYTES = sum of UDP payload sizes); "queries": only
+#                                           DNS queries (QR clear), not responses
 #   vlan.sh use-dns RUN HOST SERVER         points HOST's resolver file at the DNS server of host SERVER
 #                                           (its eth0 IPv4 address, the only name server listed)
 #   vlan.sh dns-address RUN HOST NAME ADDRESS...
@@ -66,6 +80,8 @@ set -euo pipefail
 
 STATE_ROOT=${SV_VLAN_STATE_ROOT:-/tmp/sorvalen-vlan}
 NETNS_ETC=/etc/netns
+BENCH_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")/../bench" && pwd)
+PYTHON=/usr/bin/python3 # Debian's, which has python3-zeroconf
 RUN_PATTERN='^sv[0-9]+(x[0-9]+)?$'
 
 die() {
@@ -199,6 +215,7 @@ cmd_add_host() {
   : >"$hdir/ifaces"
   index=$(($(cat "$dir/host_count") + 1))
   echo "$index" >"$dir/host_count"
+  echo "$index" >"$hdir/index"
   ns=$(host_ns "$run" "$host")
   ip netns add "$ns"
   resolver_init "$run" "$host"
@@ -211,11 +228,33 @@ cmd_add_host() {
     attach "$run" "$host" "$ns" "eth$n" "$lan" "$index"
     n=$((n + 1))
   done
+  local i
   # Senders that pick no interface reach the first LAN.
   ip -n "$ns" route add 224.0.0.0/4 dev eth0
   for ((i = 0; i < n; i++)); do
     wait_for 100 link_local_ready "$ns" "eth$i" || die "no link-local address on eth$i of $host"
   done
+}
+
+cmd_recreate_iface() {
+  require_host "$1" "$2"
+  [ $# -ge 3 ] || die "recreate-iface RUN HOST IFACE [GAP_SECONDS]"
+  local run=$1 host=$2 iface=$3 gap=${4:-1} hdir ns sw lan addr mac port
+  hdir=$(host_dir "$run" "$host")
+  ns=$(host_ns "$run" "$host")
+  sw=$(switch_ns "$run")
+  read -r _ lan addr _ < <(awk -v i="$iface" '$1 == i' "$hdir/ifaces") || die "no interface $iface on $host"
+  mac=$(ip -n "$ns" -o link show dev "$iface" | sed -n 's:.*link/ether \([0-9a-f:]*\).*:\1:p')
+  port="h$(cat "$hdir/index")l$lan"
+  ip -n "$ns" link del "$iface" # takes the switch's end and the routes with it
+  sleep "$gap"
+  ip -n "$ns" link add "$iface" address "$mac" type veth peer name "$port" netns "$sw"
+  ip -n "$sw" link set "$port" master "br$lan"
+  ip -n "$sw" link set "$port" up
+  ip -n "$ns" addr add "$addr/$([[ $addr == 169.254.* ]] && echo 16 || echo 24)" dev "$iface"
+  ip -n "$ns" link set "$iface" multicast on up
+  [ "$iface" != eth0 ] || ip -n "$ns" route replace 224.0.0.0/4 dev eth0
+  wait_for 100 link_local_ready "$ns" "$iface" || die "no link-local address on $iface of $host"
 }
 
 cmd_netns() {
@@ -250,27 +289,6 @@ cmd_set_ipv4() {
   # Senders that pick no interface still reach the LAN.
   ip -n "$ns" route replace 224.0.0.0/4 dev "$3" 2>/dev/null || true
   mv "$hdir/ifaces.tmp" "$hdir/ifaces"
-}
-
-cmd_recreate_iface() {
-  require_host "$1" "$2"
-  [ $# -eq 3 ] || die "recreate-iface RUN HOST IFACE"
-  local run=$1 host=$2 iface=$3 ns sw hdir line lan addr port mac
-  ns=$(host_ns "$run" "$host")
-  sw=$(switch_ns "$run")
-  hdir=$(host_dir "$run" "$host")
-  line=$(grep "^$iface " "$hdir/ifaces") || die "no interface $iface on $host"
-  read -r _ lan addr port <<<"$line"
-  mac=$(ip -n "$ns" -o link show dev "$iface" | grep -o 'link/ether [0-9a-f:]*' | awk '{ print $2 }')
-  # Deleting one end of the pair deletes the other: a new pair in the same place.
-  ip -n "$ns" link del "$iface"
-  ip -n "$ns" link add "$iface" address "$mac" type veth peer name "$port" netns "$sw"
-  ip -n "$sw" link set "$port" master "br$lan"
-  ip -n "$sw" link set "$port" up
-  ip -n "$ns" addr add "$addr/$([[ $addr == 169.254.* ]] && echo 16 || echo 24)" dev "$iface"
-  ip -n "$ns" link set "$iface" multicast on up
-  [ "$iface" != eth0 ] || ip -n "$ns" route replace 224.0.0.0/4 dev eth0
-  wait_for 100 link_local_ready "$ns" "$iface" || die "no link-local address on $iface of $host"
 }
 
 cmd_exec() {
@@ -583,6 +601,41 @@ cmd_add_service() {
   fi
 }
 
+cmd_add_services() {
+  require_host "$1" "$2"
+  [ $# -eq 6 ] || die "add-services RUN HOST PREFIX TYPE PORT COUNT"
+  local run=$1 host=$2 hdir pid offset
+  hdir=$(host_dir "$run" "$host")
+  [[ $4 =~ ^_[A-Za-z0-9-]+\._(tcp|udp)$ ]] || die "bad service type '$4'"
+  [[ $5 =~ ^[0-9]+$ ]] && [ "$5" -le 65535 ] || die "bad port '$5'"
+  [[ $6 =~ ^[0-9]+$ ]] && [ "$6" -le 5000 ] || die "bad count '$6' (at most 5000)"
+  offset=$(log_size "$run" "$host" 2>/dev/null || echo 0)
+  # One process writes them all, named as add-service names each file.
+  "$PYTHON" - "$hdir/services" "$3" "$4" "$5" "$6" <<'PY'
+import hashlib, os, sys
+from xml.sax.saxutils import escape
+folder, prefix, stype, port, count = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4], int(sys.argv[5])
+for n in range(1, count + 1):
+    name = "%s %d" % (prefix, n)
+    slug = hashlib.md5(("%s|%s" % (name, stype)).encode()).hexdigest()[:16]
+    path = os.path.join(folder, slug + ".service")
+    with open(path + ".tmp", "w") as f:
+        f.write('<?xml version="1.0" standalone="no"?>\n<!DOCTYPE service-group SYSTEM "avahi-service.dtd">\n'
+                "<service-group>\n  <name>%s</name>\n  <service protocol=\"any\">\n    <type>%s</type>\n"
+                "    <port>%s</port>\n  </service>\n</service-group>\n" % (escape(name), stype, port))
+    os.rename(path + ".tmp", path)
+PY
+  if pid=$(daemon_pid "$run" "$host"); then
+    kill -HUP "$pid"
+    wait_for $((100 + $6)) established_count "$hdir/avahi.log" "$offset" "$6" ||
+      die "not every service was established on $host"
+  fi
+}
+
+established_count() { # LOGFILE OFFSET AT_LEAST
+  [ "$(log_since "$1" "$2" | grep -c 'successfully established')" -ge "$3" ]
+}
+
 cmd_remove_service() {
   require_host "$1" "$2"
   [ $# -eq 4 ] || die "remove-service RUN HOST NAME TYPE"
@@ -661,6 +714,10 @@ cmd_wait_avahi() {
     cat "$hdir/avahi.log" >&2
     die "avahi-daemon did not start on $host"
   fi
+  # Many services: one count of the log instead of a look per name.
+  local count
+  count=$(find "$hdir/services" -name '*.service' | wc -l)
+  [ "$count" -lt 20 ] || ! wait_for $((100 + count)) established_count "$hdir/avahi.log" 0 "$count" || return 0
   local f name
   for f in "$hdir"/services/*.service; do
     [ -e "$f" ] || continue
@@ -691,6 +748,63 @@ cmd_stop_avahi() {
   stop_pid "$hdir/dbus.pid"
 }
 
+cmd_exec_avahi() {
+  require_host "$1" "$2"
+  [ $# -ge 3 ] || die "exec-avahi RUN HOST CMD..."
+  local hdir pid
+  hdir=$(host_dir "$1" "$2")
+  pid=$(daemon_pid "$1" "$2") || die "no avahi-daemon runs on $2"
+  [ -s "$hdir/dbus.pid" ] || die "the daemon on $2 was started without --dbus"
+  shift 2
+  exec nsenter -t "$pid" -m -n "$@"
+}
+
+zeroconf_pid() {
+  local f
+  f="$(host_dir "$1" "$2")/zeroconf.pid"
+  [ -s "$f" ] && kill -0 "$(cat "$f")" 2>/dev/null && cat "$f"
+}
+
+cmd_start_zeroconf() {
+  require_host "$1" "$2"
+  local run=$1 host=$2 device=$2 wait=yes
+  shift 2
+  while [ $# -gt 0 ]; do
+    case "$1" in
+      --no-wait) wait=no ;;
+      --name) device=$2; shift ;;
+      *) die "start-zeroconf: unknown option $1" ;;
+    esac
+    shift
+  done
+  local hdir ns addresses=() iface
+  hdir=$(host_dir "$run" "$host")
+  ns=$(host_ns "$run" "$host")
+  ! zeroconf_pid "$run" "$host" >/dev/null || die "a zeroconf responder already runs on $host"
+  for iface in $(awk '{ print $1 }' "$hdir/ifaces"); do
+    addresses+=("$(cmd_ipv4 "$run" "$host" "$iface")" "$(cmd_ipv6ll "$run" "$host" "$iface")")
+  done
+  setsid ip netns exec "$ns" "$PYTHON" "$BENCH_DIR/zeroconf_responder.py" "$hdir/services" "$device" \
+    "${addresses[@]}" </dev/null >"$hdir/zeroconf.log" 2>&1 &
+  echo $! >"$hdir/zeroconf.pid"
+  [ "$wait" = no ] || cmd_wait_zeroconf "$run" "$host"
+}
+
+cmd_wait_zeroconf() {
+  require_host "$1" "$2"
+  local hdir
+  hdir=$(host_dir "$1" "$2")
+  if ! wait_for 600 grep -q '^registered' "$hdir/zeroconf.log"; then
+    cat "$hdir/zeroconf.log" >&2
+    die "the zeroconf responder did not register its services on $2"
+  fi
+}
+
+cmd_stop_zeroconf() {
+  require_host "$1" "$2"
+  stop_pid "$(host_dir "$1" "$2")/zeroconf.pid"
+}
+
 cmd_browse() {
   require_host "$1" "$2"
   [ $# -eq 3 ] || die "browse RUN HOST TYPE"
@@ -705,13 +819,14 @@ capture_base() { echo "$(host_dir "$1" "$2")/capture-$3"; }
 
 cmd_capture_start() {
   require_host "$1" "$2"
-  [ $# -eq 3 ] || die "capture-start RUN HOST IFACE"
-  local base ns
-  base=$(capture_base "$@")
+  [ $# -eq 3 ] || [ $# -eq 4 ] || die "capture-start RUN HOST IFACE [EXPR]"
+  local base ns filter="udp port 5353"
+  base=$(capture_base "$1" "$2" "$3")
+  [ $# -eq 3 ] || filter="$filter and ($4)"
   ns=$(host_ns "$1" "$2")
   [ ! -s "$base.pid" ] || die "a capture runs already on $2 $3"
   rm -f "$base.pcap"
-  setsid ip netns exec "$ns" tcpdump -i "$3" -n -U -w "$base.pcap" udp port 5353 \
+  setsid ip netns exec "$ns" tcpdump -i "$3" -n -U -w "$base.pcap" "$filter" \
     </dev/null >"$base.log" 2>&1 &
   echo $! >"$base.pid"
   wait_for 100 grep -q "listening on" "$base.log" || die "tcpdump did not start on $2 $3"
@@ -735,12 +850,19 @@ cmd_capture_stop() {
 
 cmd_capture_count() {
   require_host "$1" "$2"
-  [ $# -eq 4 ] || die "capture-count RUN HOST IFACE SRC"
-  local base
+  [ $# -eq 4 ] || { [ $# -eq 5 ] && [ "$5" = queries ]; } || die "capture-count RUN HOST IFACE SRC [queries]"
+  local base filter="src host $4 and udp dst port 5353"
   base=$(capture_base "$1" "$2" "$3")
+  # The flags byte after the UDP header (no IPv6 extension headers on this LAN).
+  if [ $# -eq 5 ]; then
+    case "$4" in
+      *:*) filter="$filter and ip6[50] & 0x80 = 0" ;;
+      *) filter="$filter and udp[10] & 0x80 = 0" ;;
+    esac
+  fi
   [ -e "$base.pcap" ] || die "no capture on $2 $3"
   # The file may still grow; a cut-off last packet is not an error here.
-  { tcpdump -r "$base.pcap" -n -q "src host $4 and udp dst port 5353" 2>/dev/null || true; } |
+  { tcpdump -r "$base.pcap" -n -q "$filter" 2>/dev/null || true; } |
     awk '
       / UDP, length [0-9]+/ {
         packets++
@@ -817,6 +939,11 @@ case "$command" in
   remove-service) cmd_remove_service "$@" ;;
   stop-avahi) cmd_stop_avahi "$@" ;;
   browse) cmd_browse "$@" ;;
+  exec-avahi) cmd_exec_avahi "$@" ;;
+  add-services) cmd_add_services "$@" ;;
+  start-zeroconf) cmd_start_zeroconf "$@" ;;
+  wait-zeroconf) cmd_wait_zeroconf "$@" ;;
+  stop-zeroconf) cmd_stop_zeroconf "$@" ;;
   capture-start) cmd_capture_start "$@" ;;
   capture-stop) cmd_capture_stop "$@" ;;
   capture-count) cmd_capture_count "$@" ;;

@@ -139,6 +139,11 @@ void VirtualLan::add_service(const std::string& host, const ServiceSpec& service
   script(args);
 }
 
+void VirtualLan::add_services(const std::string& host, const std::string& prefix, const std::string& type,
+                              std::uint16_t port, int count) {
+  script({"add-services", host, prefix, type, std::to_string(port), std::to_string(count)});
+}
+
 void VirtualLan::remove_service(const std::string& host, const std::string& name, const std::string& type) {
   script({"remove-service", host, name, type});
 }

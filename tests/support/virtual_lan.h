@@ -58,6 +58,10 @@ class VirtualLan {
                    const AvahiOptions& options = {});
   // Publishes one more service; with the daemon running, returns once it is announced.
   void add_service(const std::string& host, const ServiceSpec& service);
+  // Publishes `count` services "PREFIX 1" ... "PREFIX count" of one type and
+  // port at once; with the daemon running, returns once they are announced.
+  void add_services(const std::string& host, const std::string& prefix, const std::string& type,
+                    std::uint16_t port, int count);
   // Withdraws a service; the daemon sends goodbye packets for it.
   void remove_service(const std::string& host, const std::string& name, const std::string& type);
   void stop_avahi(const std::string& host);
