@@ -28,12 +28,12 @@ int read_command_line(const char* command, int argc, char** argv, const char* sh
                       std::vector<std::string>* positional) {
   // '-': positional words come back in order as value 1, so options may follow
   // them whatever POSIXLY_CORRECT says; ':': a missing value is told apart.
-  const std::string spec = std::string("-:") + short_options;
+  const std::string option_letters = std::string("-:") + short_options;
   opterr = 0;
   optind = 0;  // glibc: start afresh
   for (;;) {
     const int at = optind == 0 ? 1 : optind;
-    const int result = getopt_long(argc, argv, spec.c_str(), long_options, nullptr);
+    const int result = getopt_long(argc, argv, option_letters.c_str(), long_options, nullptr);
     if (result == -1)
       break;
     if (result == 1) {
