@@ -14,9 +14,6 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
-build="$root/build/demo"
-tool="$build/tools/sorvalen-mdns"
-vlan=(bash "$root/scripts/vlan.sh")
 
 if [ "$(id -u)" -ne 0 ]; then
   cat >&2 <<EOF
@@ -34,27 +31,7 @@ EOF
   exit 1
 fi
 
-step() { printf '\n== %s\n' "$*"; }
-
-step "Installing what the demo needs"
-bash "$root/scripts/install-deps.sh"
-
-step "Building sorvalen-mdns (Release, into build/demo)"
-mkdir -p "$build"
-if ! { cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-  -DSORVALEN_BUILD_TESTS=OFF -DSORVALEN_BUILD_BENCH=OFF &&
-  cmake --build "$build" --target sorvalen-mdns -j "$(nproc)"; } >"$build/build.log" 2>&1; then
-  tail -n 30 "$build/build.log" >&2
-  echo "the build failed; the whole log is in $build/build.log" >&2
-  exit 1
-fi
-echo "built $tool"
-
-run="sv$$"
-cleanup() { "${vlan[@]}" destroy "$run" >/dev/null 2>&1 || true; }
-trap cleanup EXIT
-trap 'exit 130' INT TERM
-"${vlan[@]}" cleanup-stale
+source "$root/scripts/demo-common.sh"
 
 step "Creating a virtual LAN (192.0.2.0/24) with a querier and a DNS server"
 "${vlan[@]}" create "$run"

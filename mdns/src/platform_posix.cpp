@@ -104,6 +104,15 @@ bool parse_name_server(const char* line, NameServer& out) {
   return out.address.type != mDNSAddrType_None;
 }
 
+// Test mode: what would have been sent goes to the test.
+void hand_to_hook(const PlatformState& p, SentMessage& sent, const uint8_t* data, size_t length) {
+  if (p.send_hook != nullptr) {
+    sent.data = data;
+    sent.length = length;
+    p.send_hook(p.send_context, sent);
+  }
+}
+
 }  // namespace
 
 PlatformState& platform_of(mDNS* m) {
@@ -192,16 +201,12 @@ bool platform_send_multicast(mDNS* m, Transport transport, mDNSInterfaceID inter
     return false;
   }
   if (p.test_mode) {
-    if (p.send_hook != nullptr) {
-      SentMessage sent{};
-      sent.transport = transport;
-      sent.interface_id = interface_id;
-      sent.family = family;
-      sent.port = kMdnsPort;
-      sent.data = message;
-      sent.length = length;
-      p.send_hook(p.send_context, sent);
-    }
+    SentMessage sent{};
+    sent.transport = transport;
+    sent.interface_id = interface_id;
+    sent.family = family;
+    sent.port = kMdnsPort;
+    hand_to_hook(p, sent, message, length);
     return true;
   }
   const bool one_shot = transport == Transport::kOneShot;
@@ -256,15 +261,13 @@ long platform_dns_send(mDNS* m, int fd, const uint8_t* data, size_t length) {
     mDNSAddr server{};
     uint16_t port = 0;
     bool tcp = false;
-    if (p.send_hook != nullptr && platform_test_socket(m, fd, server, port, tcp)) {
+    if (platform_test_socket(m, fd, server, port, tcp)) {
       SentMessage sent{};
       sent.transport = tcp ? Transport::kUnicastTcp : Transport::kUnicastDns;
       sent.destination = server;
       sent.port = port;
       sent.socket = fd;
-      sent.data = data;
-      sent.length = length;
-      p.send_hook(p.send_context, sent);
+      hand_to_hook(p, sent, data, length);
     }
     return static_cast<long>(length);
   }
