@@ -442,6 +442,9 @@ class Replay {
         msg.question(text_of(q.name), q.type);
       }
     }
+    if (flag(w, "echo-id") && asked != nullptr) {
+      msg.set_id(asked->id);  // the ID only: the questions may then differ from what was asked
+    }
     if (flag(w, "id")) {
       msg.set_id(static_cast<uint16_t>(std::stoul(option(w, "id", "0"))));
     }

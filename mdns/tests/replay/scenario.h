@@ -15,7 +15,7 @@
 //   at T resolve ID NAME [iface NAME]
 //   at T query ID NAME TYPE
 //   at T stop ID
-//   at T recv FROM [port P] [iface NAME] [oneshot] [echo] [id N] [flags HEX] [raw HEX...]
+//   at T recv FROM [port P] [iface NAME] [oneshot] [echo|echo-id] [id N] [flags HEX] [raw HEX...]
 //     qd NAME TYPE
 //     an|ns|ar NAME TYPE TTL [flush] DATA...       a packet arrives (echo: repeats the last
 //   at T recv-dns [for NAME TYPE] [from ADDR] [port P] [echo] ...   one-shot's or unicast query's

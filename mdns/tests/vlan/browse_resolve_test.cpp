@@ -107,8 +107,8 @@ TEST_P(OneFamilyOnLan, FindsAndResolvesTheDevice) {
   EXPECT_EQ(core->interface_names(), std::vector<std::string>{"eth0"});
   const int family = GetParam();
   PlatformState& p = platform_of(&core->core());
-  for (int* other : family == mDNSAddrType_IPv4 ? std::initializer_list<int*>{&p.sock_v6, &p.one_shot_v6}
-                                                : std::initializer_list<int*>{&p.sock_v4, &p.one_shot_v4}) {
+  const bool v4 = family == mDNSAddrType_IPv4;
+  for (int* other : {v4 ? &p.sock_v6 : &p.sock_v4, v4 ? &p.one_shot_v6 : &p.one_shot_v4}) {
     close(*other);
     *other = -1;
   }
