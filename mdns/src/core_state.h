@@ -56,7 +56,6 @@ struct QuestionState {
   bool unicast;         // asked by unicast DNS (a name outside the link-local zones)
   bool listening;       // asks nothing itself any more, but still hears answers
   bool refresh_wanted;  // a cached answer reached a refresh point
-  bool one_shot_wanted;
   bool spilled;  // its known answers filled more than one packet
   bool listed;   // on the waiting, delivering, one-shot or unicast waiting list
 };
@@ -247,7 +246,6 @@ struct CoreState {
   DNSQuestion* walk_cursors[kMaxWalkDepth];  // where each walk goes next; moved on by stops
   int walk_depth;
   uint32_t question_generation;  // changes whenever what questions need changes
-  uint32_t active_questions;
 
   // Cache.
   CacheEntity* cache;
@@ -276,7 +274,6 @@ struct CoreState {
   OneShot one_shots[kMaxOneShots];
   uint32_t one_shot_next;
   DNSQuestion* one_shot_head;  // questions wanting one in this pass
-  int32_t next_refresh_check;
 
   // Unicast DNS.
   NameServer servers[kMaxNameServers];

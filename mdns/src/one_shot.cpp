@@ -85,7 +85,6 @@ void send_one_shots(mDNS* m) {
     wanted = s.next_in_list;
     s.next_in_list = nullptr;
     s.listed = false;
-    s.one_shot_wanted = false;
   }
   core.one_shot_head = nullptr;
 }

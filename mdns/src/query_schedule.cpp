@@ -258,7 +258,6 @@ void schedule_after_first_delivery(mDNS* m, DNSQuestion* leader, bool answered) 
   // Nothing cached: a one-shot query brings the answers at once (RFC 6762
   // section 5.1), while continuous querying starts as usual.
   if (!answered && !s.listed) {
-    s.one_shot_wanted = true;
     s.listed = true;
     s.next_in_list = core.one_shot_head;
     core.one_shot_head = leader;

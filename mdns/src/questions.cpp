@@ -212,7 +212,6 @@ mStatus question_start(mDNS* m, DNSQuestion* q, QuestionKind kind, int32_t now) 
   link_into_bucket(core, q);
   append_waiting(core, q);
   change_asking(m, q, +1);
-  core.active_questions++;
   return mStatus_NoError;
 }
 
@@ -236,7 +235,6 @@ void question_stop(mDNS* m, DNSQuestion* q) {
   if (s.kind == QuestionKind::kBrowse) {
     browse_answers_forget_all(core, q);
   }
-  core.active_questions--;
   core.question_generation++;
   std::memset(&q->Private, 0, sizeof q->Private);
 }
