@@ -10,6 +10,7 @@
 #include "one_shot.h"
 #include "platform.h"
 #include "query_schedule.h"
+#include "question_lists.h"
 #include "questions.h"
 #include "unicast_dns.h"
 
@@ -115,7 +116,7 @@ int32_t engine_time_to_next_event(mDNS* m, int32_t now) {
   if (!core.initialized) {
     return kMaxQueryIntervalMs;
   }
-  if (any_waiting(m) || core.one_shot_head != nullptr) {
+  if (any_waiting(m) || !list_empty(core, ListId::kOneShot)) {
     return 0;
   }
   int32_t next = time_add(now, kMaxQueryIntervalMs);

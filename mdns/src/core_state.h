@@ -32,13 +32,29 @@ enum class Phase : uint8_t {
 
 enum class QuestionKind : uint8_t { kPlain, kBrowse, kResolveSrv, kResolveTxt, kResolveAddress };
 
+// The lists a question waits on, one at a time (see question_lists.h).
+enum class ListId : uint8_t {
+  kNone,
+  kWaiting,         // started: its cached answers are delivered at the next pass
+  kDelivering,      // the round of first deliveries under way
+  kOneShot,         // wants a one-shot query in this pass
+  kUnicastWaiting,  // waits for a free unicast query
+  kCount,
+};
+
+struct QuestionList {
+  DNSQuestion* head;
+  DNSQuestion* tail;
+};
+
 struct QuestionState {
   uint32_t magic;
   mDNS* owner;
   DNSQuestion* bucket_prev;  // every active question, chained by name hash
   DNSQuestion* bucket_next;
-  DNSQuestion* leader;              // the twin that asks for this one; null when it asks itself
-  DNSQuestion* next_in_list;        // waiting for cached answers, then wanting a one-shot
+  DNSQuestion* leader;     // the twin that asks for this one; null when it asks itself
+  DNSQuestion* list_prev;  // on the list `list`
+  DNSQuestion* list_next;
   DNSQuestion* next_to_send;        // chosen for this pass's packets
   HeapLinks<DNSQuestion> schedule;  // group leaders, by when they next ask
   uint32_t name_hash;
@@ -56,8 +72,8 @@ struct QuestionState {
   bool unicast;         // asked by unicast DNS (a name outside the link-local zones)
   bool listening;       // asks nothing itself any more, but still hears answers
   bool refresh_wanted;  // a cached answer reached a refresh point
-  bool spilled;  // its known answers filled more than one packet
-  bool listed;   // on the waiting, delivering, one-shot or unicast waiting list
+  bool spilled;         // its known answers filled more than one packet
+  ListId list;
 };
 static_assert(sizeof(QuestionState) <= mDNS_QuestionPrivateSize, "question state outgrew its storage");
 
@@ -161,7 +177,7 @@ struct BrowseAnswer {
 
 constexpr int kBrowseAnswerBuckets = 1024;
 constexpr int kMaxWalkDepth = 8;
-constexpr int kQuestionBuckets = 1024;
+constexpr int kQuestionBuckets = 4096;
 constexpr int kCacheBuckets = 512;
 
 // ---- One-shot queries ----------------------------------------------------------
@@ -240,9 +256,8 @@ struct CoreState {
 
   // Questions.
   DNSQuestion* question_buckets[kQuestionBuckets];
-  DNSQuestion* schedule_root;                // leaders by next query time
-  DNSQuestion* waiting_head;                 // started, cached answers not yet delivered
-  DNSQuestion* delivering_head;              // the round being delivered now
+  DNSQuestion* schedule_root;  // leaders by next query time
+  QuestionList lists[static_cast<int>(ListId::kCount)];
   DNSQuestion* walk_cursors[kMaxWalkDepth];  // where each walk goes next; moved on by stops
   int walk_depth;
   uint32_t question_generation;  // changes whenever what questions need changes
@@ -273,13 +288,11 @@ struct CoreState {
   // One-shot queries.
   OneShot one_shots[kMaxOneShots];
   uint32_t one_shot_next;
-  DNSQuestion* one_shot_head;  // questions wanting one in this pass
 
   // Unicast DNS.
   NameServer servers[kMaxNameServers];
   uint8_t server_count;
   UnicastQuery unicast[kMaxUnicastQueries];
-  DNSQuestion* unicast_waiting;  // groups waiting for a free query, in order
   uint8_t tcp_buffer[kTcpMessageSize + 2];
 
   // The records of the packet being processed, delivered once it is all cached.

@@ -52,10 +52,26 @@ bool QueryWriter::put_u32(uint32_t v) {
   return put_bytes(b, 4);
 }
 
+namespace {
+
+// Of the bytes of an uncompressed name (or suffix): only equal ones can match.
+uint32_t suffix_hash(const uint8_t* suffix, size_t length) {
+  uint32_t h = 2166136261u;
+  for (size_t i = 0; i < length; ++i) {
+    h = (h ^ suffix[i]) * 16777619u;
+  }
+  return h;
+}
+
+}  // namespace
+
 // Finds an earlier written name (or suffix of one) equal byte for byte to the
 // uncompressed `suffix`; its message offset, or -1.
 int QueryWriter::find_target(const uint8_t* suffix, size_t length) const {
+  const uint32_t hash = suffix_hash(suffix, length);
   for (int i = 0; i < target_count_; ++i) {
+    if (target_hashes_[i] != hash)
+      continue;
     Reader r(buf_, pos_);
     domainname written;
     if (!r.seek(targets_[i]) || !r.read_name(written))
@@ -71,6 +87,7 @@ bool QueryWriter::write_name(const domainname& name) {
   if (length == 0)
     return false;
   uint16_t new_targets[MAX_DOMAIN_NAME / 2];
+  uint32_t new_hashes[MAX_DOMAIN_NAME / 2];
   int new_count = 0;
   size_t i = 0;
   while (name.c[i] != 0) {
@@ -83,14 +100,17 @@ bool QueryWriter::write_name(const domainname& name) {
     const size_t at = pos_;
     if (!put_bytes(name.c + i, 1 + name.c[i]))
       return false;
-    if (at <= kMaxPointerOffset)
+    if (at <= kMaxPointerOffset) {
+      new_hashes[new_count] = suffix_hash(name.c + i, length - i);
       new_targets[new_count++] = static_cast<uint16_t>(at);
+    }
     i += 1 + name.c[i];
   }
   if (name.c[i] == 0 && !put_u8(0))
     return false;
   // Registered only now, so that a name never points into itself.
   for (int k = 0; k < new_count && target_count_ < kMaxCompressionTargets; ++k) {
+    target_hashes_[target_count_] = new_hashes[k];
     targets_[target_count_++] = new_targets[k];
   }
   return true;

@@ -56,7 +56,8 @@ class QueryWriter {
   uint16_t ancount_ = 0;
   uint16_t id_;
   uint16_t flags_;
-  uint16_t targets_[kMaxCompressionTargets];  // offsets of names (and their suffixes) written
+  uint16_t targets_[kMaxCompressionTargets];        // offsets of names (and their suffixes) written
+  uint32_t target_hashes_[kMaxCompressionTargets];  // of each one's bytes, uncompressed
   int target_count_ = 0;
 };
 

@@ -8,6 +8,7 @@
 #include "message_reader.h"
 #include "message_writer.h"
 #include "platform.h"
+#include "question_lists.h"
 #include "questions.h"
 
 namespace mdns {
@@ -39,7 +40,7 @@ void send_on(mDNS* m, DNSQuestion* wanted, mDNSInterfaceID interface_id, int fam
     record = OneShot{};
     record.id = platform_random_id();
     QueryWriter writer(core.txbuf, kMaxQueryPayload, record.id);
-    for (; q != nullptr && record.question_count < kOneShotQuestions; q = state_of(q).next_in_list) {
+    for (; q != nullptr && record.question_count < kOneShotQuestions; q = list_next(q)) {
       if (!for_interface(*q, interface_id)) {
         continue;
       }
@@ -64,12 +65,11 @@ void send_on(mDNS* m, DNSQuestion* wanted, mDNSInterfaceID interface_id, int fam
 void one_shots_reset(CoreState& core) {
   std::memset(core.one_shots, 0, sizeof core.one_shots);
   core.one_shot_next = 0;
-  core.one_shot_head = nullptr;
 }
 
 void send_one_shots(mDNS* m) {
   CoreState& core = core_of(m);
-  DNSQuestion* wanted = core.one_shot_head;
+  DNSQuestion* wanted = list_first(core, ListId::kOneShot);
   if (wanted == nullptr) {
     return;
   }
@@ -80,13 +80,8 @@ void send_one_shots(mDNS* m) {
       }
     }
   }
-  while (wanted != nullptr) {
-    QuestionState& s = state_of(wanted);
-    wanted = s.next_in_list;
-    s.next_in_list = nullptr;
-    s.listed = false;
+  while (list_pop(core, ListId::kOneShot) != nullptr) {
   }
-  core.one_shot_head = nullptr;
 }
 
 bool one_shot_expected(mDNS* m, const MessageHeader& header, const Arrival& arrival) {

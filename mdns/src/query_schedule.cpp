@@ -9,6 +9,7 @@
 #include "message_writer.h"
 #include "names.h"
 #include "platform.h"
+#include "question_lists.h"
 #include "questions.h"
 #include "unicast_dns.h"
 
@@ -257,10 +258,8 @@ void schedule_after_first_delivery(mDNS* m, DNSQuestion* leader, bool answered) 
   }
   // Nothing cached: a one-shot query brings the answers at once (RFC 6762
   // section 5.1), while continuous querying starts as usual.
-  if (!answered && !s.listed) {
-    s.listed = true;
-    s.next_in_list = core.one_shot_head;
-    core.one_shot_head = leader;
+  if (!answered) {
+    list_append(core, ListId::kOneShot, leader);
   }
 }
 

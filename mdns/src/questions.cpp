@@ -6,6 +6,7 @@
 #include "identity.h"
 #include "names.h"
 #include "query_schedule.h"
+#include "question_lists.h"
 
 namespace mdns {
 namespace {
@@ -69,26 +70,6 @@ void unlink_from_bucket(CoreState& core, DNSQuestion* q) {
       core.walk_cursors[i] = s.bucket_next;
     }
   }
-}
-
-bool unlink_from_list(DNSQuestion*& head, DNSQuestion* q) {
-  for (DNSQuestion** link = &head; *link != nullptr; link = &state_of(*link).next_in_list) {
-    if (*link == q) {
-      *link = state_of(q).next_in_list;
-      return true;
-    }
-  }
-  return false;
-}
-
-void append_waiting(CoreState& core, DNSQuestion* q) {
-  DNSQuestion** link = &core.waiting_head;
-  while (*link != nullptr) {
-    link = &state_of(*link).next_in_list;
-  }
-  *link = q;
-  state_of(q).next_in_list = nullptr;
-  state_of(q).listed = true;
 }
 
 // The leader leaves: the first other member takes over the group's schedule.
@@ -210,7 +191,7 @@ mStatus question_start(mDNS* m, DNSQuestion* q, QuestionKind kind, int32_t now) 
   s.phase = Phase::kWaitingForCache;
   s.leader = find_leader(core, *q);
   link_into_bucket(core, q);
-  append_waiting(core, q);
+  list_append(core, ListId::kWaiting, q);
   change_asking(m, q, +1);
   return mStatus_NoError;
 }
@@ -221,10 +202,7 @@ void question_stop(mDNS* m, DNSQuestion* q) {
   }
   CoreState& core = core_of(m);
   QuestionState& s = state_of(q);
-  if (s.listed) {
-    (void)(unlink_from_list(core.waiting_head, q) || unlink_from_list(core.delivering_head, q) ||
-           unlink_from_list(core.one_shot_head, q) || unlink_from_list(core.unicast_waiting, q));
-  }
+  list_remove(core, q);
   if (!s.listening) {
     change_asking(m, q, -1);
   }
@@ -275,29 +253,17 @@ DNSQuestion* QuestionWalk::next() {
 }
 
 void begin_delivery_round(mDNS* m) {
-  CoreState& core = core_of(m);
-  // Left over from an earlier round (a callback stopped the pass): they go first.
-  DNSQuestion** tail = &core.delivering_head;
-  while (*tail != nullptr) {
-    tail = &state_of(*tail).next_in_list;
-  }
-  *tail = core.waiting_head;
-  core.waiting_head = nullptr;
+  // Left over from an earlier round (a callback stopped the pass) go first.
+  list_move_all(core_of(m), ListId::kWaiting, ListId::kDelivering);
 }
 
 DNSQuestion* next_to_deliver(mDNS* m) {
-  CoreState& core = core_of(m);
-  DNSQuestion* q = core.delivering_head;
-  if (q != nullptr) {
-    core.delivering_head = state_of(q).next_in_list;
-    state_of(q).next_in_list = nullptr;
-    state_of(q).listed = false;
-  }
-  return q;
+  return list_pop(core_of(m), ListId::kDelivering);
 }
 
 bool any_waiting(const mDNS* m) {
-  return core_of(m).waiting_head != nullptr || core_of(m).delivering_head != nullptr;
+  CoreState& core = core_of(const_cast<mDNS*>(m));
+  return !list_empty(core, ListId::kWaiting) || !list_empty(core, ListId::kDelivering);
 }
 
 }  // namespace mdns

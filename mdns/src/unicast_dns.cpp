@@ -10,6 +10,7 @@
 #include "message_writer.h"
 #include "names.h"
 #include "platform.h"
+#include "question_lists.h"
 #include "questions.h"
 #include "receive.h"
 
@@ -233,21 +234,6 @@ void handle_message(mDNS* m, UnicastQuery& u, const uint8_t* message, size_t len
   accept_answer(m, u, parser);
 }
 
-// Every query busy: the group goes out as soon as one is free, in turn.
-void wait_for_slot(CoreState& core, DNSQuestion* leader) {
-  QuestionState& s = state_of(leader);
-  if (s.listed) {
-    return;
-  }
-  DNSQuestion** tail = &core.unicast_waiting;
-  while (*tail != nullptr) {
-    tail = &state_of(*tail).next_in_list;
-  }
-  *tail = leader;
-  s.next_in_list = nullptr;
-  s.listed = true;
-}
-
 UnicastQuery* slot_of_socket(CoreState& core, int socket) {
   for (UnicastQuery& u : core.unicast) {
     if (u.stage != UnicastStage::kFree && u.fd == socket) {
@@ -339,7 +325,8 @@ void unicast_close_all(mDNS* m) {
       release(m, u);
     }
   }
-  core_of(m).unicast_waiting = nullptr;
+  while (list_pop(core_of(m), ListId::kUnicastWaiting) != nullptr) {
+  }
 }
 
 void unicast_question_ready(mDNS* m, DNSQuestion* leader, bool answered) {
@@ -364,7 +351,7 @@ void unicast_ask_now(mDNS* m, DNSQuestion* leader) {
   }
   UnicastQuery* u = free_slot(core);
   if (u == nullptr) {
-    wait_for_slot(core, leader);
+    list_append(core, ListId::kUnicastWaiting, leader);  // goes out as soon as one is free, in turn
     return;
   }
   PairingHeap<DNSQuestion, ScheduleAccess>(core.schedule_root).remove(leader);
@@ -394,13 +381,8 @@ void unicast_run(mDNS* m) {
       step(m, u);
     }
   }
-  while (core.unicast_waiting != nullptr && free_slot(core) != nullptr) {
-    DNSQuestion* next = core.unicast_waiting;
-    QuestionState& s = state_of(next);
-    core.unicast_waiting = s.next_in_list;
-    s.next_in_list = nullptr;
-    s.listed = false;
-    unicast_ask_now(m, next);
+  while (!list_empty(core, ListId::kUnicastWaiting) && free_slot(core) != nullptr) {
+    unicast_ask_now(m, list_pop(core, ListId::kUnicastWaiting));
   }
 }
 

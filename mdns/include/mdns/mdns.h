@@ -245,7 +245,7 @@ typedef void mDNSCallback(mDNS* const m, mStatus result);
 /* Service instances the browses remember having reported, whether or not
  * their records still fit the cache. */
 #define mDNS_MaxBrowseAnswers 3072
-#define mDNS_CorePrivateSize 425984
+#define mDNS_CorePrivateSize 450560
 
 struct mDNS_struct {
   NetworkInterfaceInfo* HostInterfaces; /* head of the list of usable interfaces */
