@@ -288,6 +288,8 @@ struct CoreState {
   // One-shot queries.
   OneShot one_shots[kMaxOneShots];
   uint32_t one_shot_next;
+  int32_t one_shot_tokens;  // packets that may go out now
+  int32_t one_shot_refilled;
 
   // Unicast DNS.
   NameServer servers[kMaxNameServers];

@@ -16,6 +16,27 @@ namespace {
 
 // So that a pass that starts thousands of questions stays bounded.
 constexpr int kMaxPacketsPerInterface = 2;
+// And so that what others send cannot make the core send without bound (a
+// storm of changed SRV records restarts address questions at its own pace):
+// one-shot packets come out of a bucket of this many, refilled at this rate.
+constexpr int32_t kOneShotBurst = 32;
+constexpr int32_t kOneShotsPerSecond = 16;
+
+bool take_token(CoreState& core) {
+  const int32_t elapsed = time_diff(core.now, core.one_shot_refilled);
+  if (elapsed >= 1000 / kOneShotsPerSecond) {
+    const int32_t earned = elapsed / (1000 / kOneShotsPerSecond);
+    core.one_shot_tokens =
+        core.one_shot_tokens + earned > kOneShotBurst ? kOneShotBurst : core.one_shot_tokens + earned;
+    core.one_shot_refilled =
+        time_add(core.one_shot_refilled, static_cast<int64_t>(earned) * (1000 / kOneShotsPerSecond));
+  }
+  if (core.one_shot_tokens == 0) {
+    return false;
+  }
+  core.one_shot_tokens--;
+  return true;
+}
 
 const OneShot* find(const CoreState& core, uint16_t id, const Arrival& arrival) {
   for (const OneShot& o : core.one_shots) {
@@ -35,7 +56,7 @@ bool for_interface(const DNSQuestion& q, mDNSInterfaceID interface_id) {
 void send_on(mDNS* m, DNSQuestion* wanted, mDNSInterfaceID interface_id, int family) {
   CoreState& core = core_of(m);
   DNSQuestion* q = wanted;
-  for (int packet = 0; packet < kMaxPacketsPerInterface && q != nullptr; ++packet) {
+  for (int packet = 0; packet < kMaxPacketsPerInterface && q != nullptr && take_token(core); ++packet) {
     OneShot& record = core.one_shots[core.one_shot_next++ % kMaxOneShots];
     record = OneShot{};
     record.id = platform_random_id();
@@ -65,6 +86,8 @@ void send_on(mDNS* m, DNSQuestion* wanted, mDNSInterfaceID interface_id, int fam
 void one_shots_reset(CoreState& core) {
   std::memset(core.one_shots, 0, sizeof core.one_shots);
   core.one_shot_next = 0;
+  core.one_shot_tokens = kOneShotBurst;
+  core.one_shot_refilled = core.now;
 }
 
 void send_one_shots(mDNS* m) {

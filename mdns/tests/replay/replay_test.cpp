@@ -193,6 +193,8 @@ class Replay {
         why = expect_series(line, w);
       } else if (verb == "count") {
         why = expect_count(line, w);
+      } else if (verb == "at-most") {
+        why = expect_at_most(line, w);
       } else {
         why = "unknown expectation";
       }
@@ -706,6 +708,18 @@ class Replay {
       }
     }
     return n == std::stoi(f.at(5)) ? "" : "counted " + std::to_string(n) + "\n";
+  }
+
+  // "expect at-most W N [oneshot|dns|tcp]": no more than N packets of that kind.
+  std::string expect_at_most(const Line& line, const Window& w) {
+    int n = 0;
+    for (Sent& s : sent_) {
+      if (w.contains(s.time) && s.transport == transport_of(line.words)) {
+        s.consumed = true;
+        ++n;
+      }
+    }
+    return n <= std::stoi(line.words.at(3)) ? "" : "sent " + std::to_string(n) + "\n";
   }
 
   // The multicast queries that ask one question in the window, one line each:

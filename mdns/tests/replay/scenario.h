@@ -29,6 +29,7 @@
 //   expect event T1..T2 ID add|remove DATA | resolved ADDRESS PORT
 //   expect noevent T1..T2 [ID [add|remove DATA | resolved ADDRESS PORT]]
 //   expect count T1..T2 ID kind N                  N events of that kind, of slots named ID...
+//   expect at-most T1..T2 N [oneshot|dns|tcp]      no more than N packets of that kind
 //
 // Times are milliseconds from the start; a window may be one time.  Every send
 // and event must be expected, unless the file allows extras.
