@@ -5,6 +5,7 @@
 #include <chrono>
 #include <future>
 #include <string>
+#include <tuple>
 
 #include "netns_scope.h"
 #include "sorvalen/dns_reverse_lookup.h"
@@ -13,12 +14,6 @@
 
 namespace sorvalen::test {
 namespace {
-
-struct Outcome {
-  unsigned short id;
-  bool ok;
-  IPAddressV4 record;
-};
 
 TEST(ReverseLookupOnLan, AvahiAnswersWithTheServiceOfTheDevice) {
   SV_REQUIRE_VIRTUAL_LAN();
@@ -29,8 +24,8 @@ TEST(ReverseLookupOnLan, AvahiAnswersWithTheServiceOfTheDevice) {
   lan.start_avahi("device", {{"Kitchen Speaker", "_http._tcp", 8080, {"path=/"}}});
   const std::string device_address = lan.host_ipv4("device");
 
+  using Outcome = std::tuple<unsigned short, bool, IPAddressV4>;
   std::promise<Outcome> outcome;
-  std::future<Outcome> arrived = outcome.get_future();
   DNSReverseLookup* lookup = DNSReverseLookup::CreateDNSReverseLookup();
   lookup->connect([&outcome](unsigned short id, bool ok, IPAddressV4 record) {
     outcome.set_value({id, ok, record});
@@ -41,18 +36,18 @@ TEST(ReverseLookupOnLan, AvahiAnswersWithTheServiceOfTheDevice) {
     ASSERT_TRUE(lookup->Init());
     ASSERT_TRUE(lookup->Lookup(0x2121, device_address, "_http._tcp.local"));
   }
+  std::future<Outcome> arrived = outcome.get_future();
   const bool answered = arrived.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
   lookup->Dispose();
   ASSERT_TRUE(answered);
-
-  const Outcome result = arrived.get();
+  const auto [id, ok, record] = arrived.get();
   in_addr expected{};
   inet_pton(AF_INET, device_address.c_str(), &expected);
-  EXPECT_EQ(result.id, 0x2121);
-  EXPECT_TRUE(result.ok);
-  EXPECT_EQ(result.record.address, expected.s_addr);
-  EXPECT_EQ(result.record.port, 8080);
-  EXPECT_EQ(result.record.name, "Kitchen Speaker._http._tcp.local");
+  EXPECT_EQ(id, 0x2121);
+  EXPECT_TRUE(ok);
+  EXPECT_EQ(record.address, expected.s_addr);
+  EXPECT_EQ(record.port, 8080);
+  EXPECT_EQ(record.name, "Kitchen Speaker._http._tcp.local");
 }
 
 }  // namespace

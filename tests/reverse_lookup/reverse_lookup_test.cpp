@@ -1,9 +1,16 @@
-// The reverse lookup end to end against a scripted device on loopback.
+// The reverse lookup: its answer and name decoders on well-formed and hostile
+// messages, and the whole lookup against a scripted device on a loopback of
+// its own (the tests own port 5353 there).
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -11,12 +18,123 @@
 #include <thread>
 #include <vector>
 
-#include "dns_message_builder.h"
+#include "reverse_lookup/answer_decoder.h"
 #include "scripted_peer.h"
-#include "sorvalen/dns_reverse_lookup.h"
+#include "sorvalen/dns_reverse_lookup_posix.h"
 
 namespace sorvalen::test {
 namespace {
+
+const Bytes kOwner = wire_name("x");
+
+// A PTR record whose target is labels of these lengths.
+Bytes ptr_of_labels(std::initializer_list<int> lengths) {
+  Bytes target;
+  for (int length : lengths) {
+    target.push_back(static_cast<uint8_t>(length));
+    target.insert(target.end(), static_cast<std::size_t>(length), 'x');
+  }
+  target.push_back(0);
+  return rr(kOwner, 12, target);
+}
+
+TEST(AnswerDecoder, ReadsTheLatestPtrAndSrvAnswersAndRefusesAnythingElseKeepingTheId) {
+  // The question is skipped by the query's length, not parsed.
+  Bytes garbage_question = answer(1, "a.b", {ptr("t.a.b"), srv(99)});
+  std::fill(garbage_question.begin() + 12, garbage_question.begin() + 21, 0xC0);
+  // A PTR is stepped over by its target name, not by an RDLENGTH of 40.
+  Bytes long_ptr = rr(kOwner, 12, Bytes(40, 0));
+  long_ptr.resize(long_ptr.size() - 40);
+  const Bytes target = wire_name("t.a.b");
+  long_ptr.insert(long_ptr.end(), target.begin(), target.end());
+  // Compressed owners; the target "tv" ends in a pointer to the question's name.
+  const Bytes compressed = answer(5, "a.b",
+                                  {rr({0xC0, 0x0C}, 12, {2, 't', 'v', 0xC0, 0x0C}),
+                                   rr({0xC0, 0x0C}, 33, {0, 0, 0, 0, 0x1F, 0x49, 0xC0, 0x0C})});
+  Bytes counts_too_many = answer(11, "a.b", {ptr("t"), srv(1)});
+  counts_too_many[7] = 3;
+  Bytes counts_most = counts_too_many;
+  counts_most[6] = counts_most[7] = 0xFF;
+  Bytes rdata_past_end = answer(12, "a.b", {ptr("t"), srv(5)});
+  rdata_past_end[rdata_past_end.size() - 20] = 0x7F;  // the SRV's RDLENGTH, high byte
+  const std::string x126(126, 'x'), x127(127, 'x');
+  const struct {
+    const char* what;
+    Bytes message;
+    uint16_t id;
+    bool ok;
+    uint16_t port;
+    std::string name;
+  } cases[] = {
+      {"PTR, SRV", answer(1, "a.b", {ptr("t.a.b"), srv(99)}), 1, true, 99, "t.a.b"},
+      {"SRV, PTR", answer(2, "a.b", {srv(98), ptr("u.a.b")}), 2, true, 98, "u.a.b"},
+      {"later ones win", answer(3, "a.b", {ptr("one"), srv(1000), ptr("two"), srv(2000)}), 3, true, 2000,
+       "two"},
+      {"question not parsed", garbage_question, 1, true, 99, "t.a.b"},
+      {"PTR by its name", answer(4, "a.b", {long_ptr, srv(97)}), 4, true, 97, "t.a.b"},
+      {"compressed", compressed, 5, true, 8009, "tv.a.b"},
+      {"255 bytes fill the block", answer(6, "a.b", {ptr_of_labels({126, 127}), srv(1)}), 6, true, 1,
+       x126 + "." + x127},
+      {"PTR only", answer(7, "a.b", {ptr("t")}), 7, false, 0, ""},
+      {"SRV only", answer(8, "a.b", {srv(1)}), 8, false, 0, ""},
+      {"no answers", answer(9, "a.b", {}), 9, false, 0, ""},
+      {"SRV of 4 bytes", answer(10, "a.b", {ptr("t"), rr(kOwner, 33, {0, 0, 0, 0})}), 10, false, 0, ""},
+      {"ANCOUNT 3 of 2", counts_too_many, 11, false, 0, ""},
+      {"ANCOUNT 65535", counts_most, 11, false, 0, ""},
+      {"RDATA past the end", rdata_past_end, 12, false, 0, ""},
+      // At 64 the target is a pointer to itself.
+      {"looping target", answer(13, "a.b", {srv(5), rr({0xC0, 0x0C}, 12, {0xC0, 64})}), 13, false, 0, ""},
+      {"256 bytes to copy", answer(14, "a.b", {ptr_of_labels({127, 127}), srv(1)}), 14, false, 0, ""},
+      {"labels of 191", answer(15, "a.b", {ptr_of_labels({191, 191}), srv(1)}), 15, false, 0, ""},
+      {"255 is a pointer", answer(16, "a.b", {ptr_of_labels({255}), srv(1)}), 16, false, 0, ""},
+      {"label past its name", answer(17, "a.b", {rr(kOwner, 12, {9, 'a', 'b', 0}), srv(1)}), 17, false, 0,
+       ""},
+  };
+  for (const auto& c : cases) {
+    const AnswerOutcome outcome = decode_answer(c.message.data(), c.message.size(), 5, 0xBEEF);
+    EXPECT_EQ(outcome.id, c.id) << c.what;
+    EXPECT_EQ(outcome.ok, c.ok) << c.what;
+    EXPECT_EQ(outcome.port, c.port) << c.what;
+    EXPECT_EQ(outcome.name, c.name) << c.what;
+  }
+  // Every truncation is unusable; one too short for an ID reports the query's.
+  for (std::size_t length = 2; length < compressed.size(); ++length)
+    EXPECT_FALSE(decode_answer(compressed.data(), length, 5, 0xBEEF).ok) << length;
+  EXPECT_EQ(decode_answer(compressed.data(), 1, 5, 0xBEEF).id, 0xBEEF);
+}
+
+TEST(ReadName, DecodesNamesInsideTheReceiveBufferAndCountsTheBytesWhereTheyStart) {
+  // 12: "local"; 19: "b" -> 12; 23: "a" -> 19
+  const Bytes chained = {0,   0,   0, 0, 0,   0,    0,  0, 0,   0,    0,  0, 5,    'l', 'o',  'c',
+                         'a', 'l', 0, 1, 'b', 0xC0, 12, 1, 'a', 0xC0, 19, 0, 0xC0, 27,  0xC0, 30};
+  const struct {
+    Bytes message;
+    std::size_t offset;
+    std::string text;
+    int count;
+  } cases[] = {
+      {wire_name("dev.local"), 0, "dev.local", 11},
+      {chained, 23, "a.b.local", 4},
+      {chained, 21, "local", 2},
+      {chained, 27, "", 1},
+      {chained, 28, "", 2},
+      // Hostile: a pointer to itself, one past the 1024 bytes, a reader at their end.
+      {chained, 30, "", 0},
+      {{0xC7, 0xFF}, 0, "", 0},
+      {{0}, 1024, "", 0},
+  };
+  DNSReverseLookupPosix lookup;
+  for (const auto& c : cases) {
+    unsigned char buffer[1024] = {};
+    std::memcpy(buffer, c.message.data(), c.message.size());
+    int count = -1;
+    std::unique_ptr<unsigned char, decltype(&std::free)> block(
+        lookup.ReadName(buffer + c.offset, buffer, &count), &std::free);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(reinterpret_cast<const char*>(block.get()), c.text) << c.offset;
+    EXPECT_EQ(count, c.count) << c.offset;
+  }
+}
 
 using namespace std::chrono_literals;
 
@@ -30,61 +148,30 @@ struct Call {
   IPAddressV4 record;
 };
 
-// Every callback call of a test, in the order they happened.
-class CallLog {
- public:
-  void add(Call call) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(std::move(call));
-    changed_.notify_all();
-  }
-  bool wait_for(std::size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, 20s, [&] { return calls_.size() >= count; });
-  }
-  std::vector<Call> calls() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_;
-  }
-  std::vector<int> tags() {
-    std::vector<int> out;
-    for (const Call& call : calls())
-      out.push_back(call.tag);
-    return out;
-  }
-  void clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls_.clear();
-  }
+// Every callback call, in the order they happened.
+std::mutex calls_mutex;
+std::condition_variable calls_changed;
+std::vector<Call> calls;
 
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Call> calls_;
-};
-
-CallLog& call_log() {
-  static CallLog log;
-  return log;
+// The calls so far once there are `count` of them, waiting up to 20 s.
+std::vector<Call> calls_when(std::size_t count) {
+  std::unique_lock<std::mutex> lock(calls_mutex);
+  calls_changed.wait_for(lock, 20s, [&] { return calls.size() >= count; });
+  return calls;
 }
 
 template <int Tag>
 void plain_callback(unsigned short id, bool ok, IPAddressV4 record) {
-  call_log().add({Tag, id, ok, std::move(record)});
-}
-
-Bytes good_answer(unsigned id, unsigned port = 8080) {
-  Bytes message = answer_header(id, 2, kService);
-  append(&message, ptr_record(kService, "printer._http._tcp.local"));
-  append(&message, srv_record("printer._http._tcp.local", port));
-  return message;
+  std::lock_guard<std::mutex> lock(calls_mutex);
+  calls.push_back({Tag, id, ok, std::move(record)});
+  calls_changed.notify_all();
 }
 
 class ReverseLookupTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    enter_private_loopback();
-    call_log().clear();
+    ASSERT_TRUE(unshare(CLONE_NEWNET) != 0 || std::system("ip link set lo up") == 0);
+    calls.clear();
     peer_ = std::make_unique<ScriptedPeer>();
     lookup_ = DNSReverseLookup::CreateDNSReverseLookup();
   }
@@ -93,282 +180,179 @@ class ReverseLookupTest : public ::testing::Test {
       lookup_->Dispose();
   }
 
-  // Lookup once the previous lookup's thread has let go (it clears busy just
-  // after its last callback).  Bounded: nothing is sent while it refuses.
-  bool lookup_when_idle(unsigned short id, const std::string& name) {
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (lookup_->Lookup(id, kDevice, name))
-        return true;
+  // Asks once the previous lookup's thread has let go (it clears busy just
+  // after its last callback); bounded, and nothing is sent while it refuses.
+  void ask(unsigned short id, const std::string& name = kService, bool check_busy = true) {
+    bool sent = false;
+    for (int i = 0; i < 4000 && !(sent = lookup_->Lookup(id, kDevice, name)); ++i)
       std::this_thread::sleep_for(5ms);
-    }
-    return false;
+    ASSERT_TRUE(sent);
+    EXPECT_TRUE(!check_busy || !lookup_->Lookup(id, kDevice, name)) << "busy";
+    ASSERT_TRUE(peer_->await_query(&query_));
+    EXPECT_NE(ntohs(query_.sender.sin_port), 5353);
   }
 
-  // One lookup answered with `answer`; returns the first callback's call.
-  Call exchange(unsigned short id, const Bytes& answer) {
-    const std::size_t before = call_log().calls().size();
-    EXPECT_TRUE(lookup_when_idle(id, kService));
-    ReceivedQuery query;
-    EXPECT_TRUE(peer_->await_query(&query));
-    peer_->reply(query, answer);
-    EXPECT_TRUE(call_log().wait_for(before + 1));
-    return call_log().calls().at(before);
+  // One lookup answered with `reply`; returns the calls once there are `calls_then`.
+  std::vector<Call> exchange(unsigned short id, const Bytes& reply, std::size_t calls_then,
+                             const std::string& name = kService) {
+    ask(id, name);
+    peer_->reply(query_, reply);
+    return calls_when(calls_then);
   }
 
-  // True when the peer receives nothing for a short while.
-  bool nothing_sent() {
-    ReceivedQuery query;
-    return !peer_->await_query(&query, 300ms);
-  }
+  bool nothing_sent() { return !peer_->await_query(&query_, 300ms); }
 
   std::unique_ptr<ScriptedPeer> peer_;
   DNSReverseLookup* lookup_ = nullptr;
+  ReceivedQuery query_;
 };
 
-TEST_F(ReverseLookupTest, SendsTheExactQueryFromAnEphemeralPort) {
-  ASSERT_TRUE(lookup_->Init());
-  const Bytes a_b{0x12, 0x34, 0x01, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00,
-                  0x00, 0x01, 0x61, 0x01, 0x62, 0x00, 0x00, 0x0C, 0x00, 0x01};
-  const struct {
-    const char* name;
-    Bytes query;
-  } cases[] = {
-      {"a.b", a_b},
-      {"a.b.", a_b},
-      {"", {0x12, 0x34, 1, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0x0C, 0, 1}},
-      // The question stops at the first empty label.
-      {"a..b", {0x12, 0x34, 1, 0, 0, 1, 0, 0, 0, 0, 0, 0, 1, 'a', 0, 0, 0x0C, 0, 1}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    ASSERT_TRUE(lookup_when_idle(0x1234, c.name));
-    ReceivedQuery query;
-    ASSERT_TRUE(peer_->await_query(&query));
-    EXPECT_EQ(query.bytes, c.query);
-    EXPECT_NE(ntohs(query.sender.sin_port), 5353);
-    peer_->reply(query, answer_header(0x1234, 0, c.name));
-  }
-}
-
-TEST_F(ReverseLookupTest, ReportsSenderPortAndTargetOfAUsableAnswer) {
+TEST_F(ReverseLookupTest, SendsTheQueryAndReportsEachOutcomeToEveryCallbackInOrder) {
+  std::vector<bool> nested;
+  lookup_->connect(
+      [&](unsigned short, bool, IPAddressV4) { nested.push_back(lookup_->Lookup(9, kDevice, "")); });
   lookup_->connect(plain_callback<1>);
-  ASSERT_TRUE(lookup_->Init());
-  Bytes srv_first = answer_header(1, 2, kService);
-  append(&srv_first, srv_record("printer._http._tcp.local", 631));
-  append(&srv_first, ptr_record(kService, "printer._http._tcp.local"));
-  Bytes twice_each = answer_header(2, 4, kService);
-  for (const char* instance : {"one", "two"}) {
-    append(&twice_each, ptr_record(kService, instance + std::string("._http._tcp.local")));
-    append(&twice_each,
-           srv_record(instance + std::string("._http._tcp.local"), instance[0] == 'o' ? 1000 : 2000));
-  }
-  // Target "tv" followed by a pointer to the question's name at byte 12.
-  Bytes compressed = answer_header(3, 2, kService);
-  append(&compressed, record({0xC0, 0x0C}, 12, Bytes{2, 't', 'v', 0xC0, 0x0C}));
-  append(&compressed, record({0xC0, 0x0C}, 33, Bytes{0, 0, 0, 0, 0x1F, 0x49, 0xC0, 0x0C}));
-  const struct {
-    const char* what;
-    Bytes answer;
-    unsigned short id;  // the answer's: another ID is no reason to reject
-    uint16_t port;
-    const char* name;
-  } cases[] = {
-      {"SRV before PTR", srv_first, 1, 631, "printer._http._tcp.local"},
-      {"the later PTR and SRV win", twice_each, 2, 2000, "two._http._tcp.local"},
-      {"compressed target", compressed, 3, 8009, "tv._http._tcp.local"},
-      {"another ID", good_answer(0x7777), 0x7777, 8080, "printer._http._tcp.local"},
-  };
-  in_addr device{};
-  inet_pton(AF_INET, kDevice, &device);
-  unsigned short query_id = 0x0100;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    const Call call = exchange(++query_id, c.answer);
-    EXPECT_TRUE(call.ok);
-    EXPECT_EQ(call.id, c.id);
-    EXPECT_EQ(call.record.address, device.s_addr);
-    EXPECT_EQ(call.record.port, c.port);
-    EXPECT_EQ(call.record.name, c.name);
-    EXPECT_EQ(call.record.type, "");
-    EXPECT_EQ(call.record.domain, "");
-  }
-}
-
-TEST_F(ReverseLookupTest, ReportsAnUnusableAnswerWithItsIdAndAnEmptyRecord) {
-  lookup_->connect(plain_callback<1>);
-  ASSERT_TRUE(lookup_->Init());
-
-  Bytes ptr_only = answer_header(0x0505, 1, kService);
-  append(&ptr_only, ptr_record(kService, "printer._http._tcp.local"));
-  Call call = exchange(5, ptr_only);
-  EXPECT_FALSE(call.ok);
-  EXPECT_EQ(call.id, 0x0505);
-  EXPECT_EQ(call.record.address, 0u);
-  EXPECT_EQ(call.record.port, 0);
-  EXPECT_EQ(call.record.name, "");
-
-  // More than the receive buffer holds.
-  call = exchange(7, Bytes(1500, 0xC0));
-  EXPECT_FALSE(call.ok);
-  EXPECT_EQ(call.id, 0xC0C0);
-}
-
-TEST_F(ReverseLookupTest, TakesALateAnswerAsTheNextLookupsAnswer) {
-  lookup_->connect(plain_callback<1>);
-  ASSERT_TRUE(lookup_->Init());
-  ASSERT_TRUE(lookup_when_idle(1, kService));
-  ReceivedQuery query;
-  ASSERT_TRUE(peer_->await_query(&query));
-  peer_->reply(query, good_answer(1, 1111));
-  peer_->reply(query, good_answer(1, 2222));
-  ASSERT_TRUE(call_log().wait_for(1));
-
-  ASSERT_TRUE(lookup_when_idle(2, kService));
-  ASSERT_TRUE(call_log().wait_for(2));
-  const Call late = call_log().calls().at(1);
-  EXPECT_EQ(late.id, 1);
-  EXPECT_TRUE(late.ok);
-  EXPECT_EQ(late.record.port, 2222);
-}
-
-TEST_F(ReverseLookupTest, ReportsTheQueryIdWhenNoAnswerComesAndRecovers) {
-  lookup_->connect(plain_callback<1>);
+  lookup_->connect([](unsigned short id, bool ok, IPAddressV4 r) { plain_callback<9>(id, ok, r); });
+  lookup_->connect([](unsigned short, bool, IPAddressV4) { throw std::runtime_error("application fault"); });
   lookup_->connect(plain_callback<2>);
-  ASSERT_TRUE(lookup_->Init());
-  const auto start = std::chrono::steady_clock::now();
-  ASSERT_TRUE(lookup_->Lookup(0x0F0F, kDevice, kService));
-  ASSERT_TRUE(call_log().wait_for(2));
-  EXPECT_GE(std::chrono::steady_clock::now() - start, 4s);  // the receive waited for its time-out
-  for (const Call& call : call_log().calls()) {
-    EXPECT_EQ(call.id, 0x0F0F);
-    EXPECT_FALSE(call.ok);
-    EXPECT_EQ(call.record.address, 0u);
-    EXPECT_EQ(call.record.name, "");
-  }
-  EXPECT_EQ(call_log().tags(), (std::vector<int>{1, 2}));
-
-  ReceivedQuery unanswered;
-  ASSERT_TRUE(peer_->await_query(&unanswered));
-  EXPECT_TRUE(exchange(0x1010, good_answer(0x1010)).ok);
-}
-
-TEST_F(ReverseLookupTest, RefusesWhileBusyBeforeInitAndOnUnusableInputWithoutSending) {
-  std::vector<bool> nested_results;
-  DNSReverseLookup* self = lookup_;
-  lookup_->connect([&nested_results, self](unsigned short, bool, IPAddressV4) {
-    nested_results.push_back(self->Lookup(99, kDevice, kService));
-  });
   lookup_->connect(plain_callback<1>);
-  EXPECT_FALSE(lookup_->Lookup(1, kDevice, kService));  // before Init
+  lookup_->connect(LookupCallback{});
+  EXPECT_FALSE(lookup_->Lookup(1, kDevice, kService)) << "before Init";
   ASSERT_TRUE(lookup_->Init());
-
+  EXPECT_FALSE(lookup_->Init());
   EXPECT_FALSE(lookup_->Lookup(2, "printer.local", kService));
   EXPECT_FALSE(lookup_->Lookup(2, "::1", kService));
   EXPECT_FALSE(lookup_->Lookup(2, kDevice, std::string(1007, 'n')));
   EXPECT_FALSE(lookup_->Lookup(2, kDevice, "a." + std::string(256, 'l') + ".local"));
   EXPECT_TRUE(nothing_sent());
 
-  // The longest name that fits, with 255-byte labels, is sent.
+  // The question ends at the first empty label; the longest name that fits,
+  // with 255-byte labels, is sent whole.
   std::string longest;
   while (longest.size() + 256 <= 1006)
     longest += std::string(255, 'x') + ".";
   longest += std::string(1006 - longest.size(), 'y');
-  ASSERT_TRUE(lookup_->Lookup(3, kDevice, longest));
-  ReceivedQuery query;
-  ASSERT_TRUE(peer_->await_query(&query));
-  EXPECT_EQ(query.bytes.size(), 16 + longest.size() + 2);
+  const Bytes a_b = {0x12, 0x34, 1, 0, 0, 1, 0, 0, 0, 0, 0, 0, 1, 'a', 1, 'b', 0, 0, 0x0C, 0, 1};
+  const struct {
+    std::string name;
+    Bytes query;
+  } queries[] = {{"a.b", a_b},
+                 {"a.b.", a_b},
+                 {"", {0x12, 0x34, 1, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0x0C, 0, 1}},
+                 {"a..b", {0x12, 0x34, 1, 0, 0, 1, 0, 0, 0, 0, 0, 0, 1, 'a', 0, 0, 0x0C, 0, 1}}};
+  std::size_t n = 0;  // the calls so far
+  for (const auto& q : queries) {
+    exchange(0x1234, answer(0x1234, "", {}), n += 4, q.name);
+    EXPECT_EQ(query_.bytes, q.query) << q.name;
+  }
+  exchange(0x1234, answer(0x1234, "", {}), n += 4, longest);
+  EXPECT_EQ(query_.bytes.size(), 16 + longest.size() + 2);
 
-  EXPECT_FALSE(lookup_->Lookup(4, kDevice, kService));  // busy
-  peer_->reply(query, good_answer(3));
-  ASSERT_TRUE(call_log().wait_for(1));
-  EXPECT_EQ(call_log().calls().at(0).id, 3);
-  EXPECT_EQ(nested_results, std::vector<bool>{false}) << "busy also inside a callback";
-  EXPECT_TRUE(nothing_sent());
-}
+  // Every callback gets the outcome in connection order, also past one that
+  // throws or is empty; another ID than the query's is no reason to reject.
+  in_addr device{};
+  inet_pton(AF_INET, kDevice, &device);
+  const struct {
+    Bytes answer;
+    unsigned short id;
+    bool ok;
+    std::string name;
+  } outcomes[] = {
+      {answer(0x7777, kService, {ptr("tv._http._tcp.local"), srv(8080)}), 0x7777, true,
+       "tv._http._tcp.local"},
+      {answer(0x0505, kService, {ptr("tv._http._tcp.local")}), 0x0505, false, ""},
+      {Bytes(1500, 0xC0), 0xC0C0, false, ""},  // more than the receive buffer holds
+  };
+  for (const auto& o : outcomes) {
+    const std::vector<Call> now = exchange(1, o.answer, n + 4);
+    ASSERT_EQ(now.size(), n + 4);
+    for (int tag : {1, 9, 2, 1}) {
+      const Call& call = now[n++];
+      EXPECT_EQ(call.tag, tag);
+      EXPECT_EQ(call.id, o.id);
+      EXPECT_EQ(call.ok, o.ok);
+      EXPECT_EQ(call.record.address, o.ok ? device.s_addr : 0u);
+      EXPECT_EQ(call.record.port, o.ok ? 8080 : 0);
+      EXPECT_EQ(call.record.name + call.record.type + call.record.domain, o.name);
+    }
+  }
+  EXPECT_EQ(nested, std::vector<bool>(8, false)) << "busy also inside a callback";
 
-TEST_F(ReverseLookupTest, InitsOnceAndNotAfterDestroy) {
-  ASSERT_TRUE(lookup_->Init());
-  EXPECT_FALSE(lookup_->Init());
-  ASSERT_TRUE(lookup_when_idle(1, kService));  // the first socket still works
-  ReceivedQuery query;
-  ASSERT_TRUE(peer_->await_query(&query));
-  peer_->reply(query, good_answer(1));
-
-  lookup_->Destroy();
-  lookup_->Destroy();
-  EXPECT_FALSE(lookup_->Init());
-  EXPECT_FALSE(lookup_->Lookup(2, kDevice, kService));
-  EXPECT_TRUE(nothing_sent());
-
-  // Disposal needs neither Init nor a lookup.
-  DNSReverseLookup::CreateDNSReverseLookup()->Dispose();
-}
-
-TEST_F(ReverseLookupTest, CallbacksRunInOrderSurviveThrowsAndOnlyPlainFunctionsDisconnect) {
-  lookup_->connect(plain_callback<1>);
-  lookup_->connect([](unsigned short id, bool ok, IPAddressV4 r) { call_log().add({9, id, ok, r}); });
-  lookup_->connect([](unsigned short, bool, IPAddressV4) { throw std::runtime_error("application fault"); });
-  lookup_->connect(plain_callback<2>);
-  lookup_->connect(plain_callback<1>);
-  lookup_->connect(LookupCallback{});
-  lookup_->connect([](unsigned short, bool, IPAddressV4) { throw 42; });
-  lookup_->connect(plain_callback<3>);
-  ASSERT_TRUE(lookup_->Init());
-  EXPECT_TRUE(exchange(1, good_answer(1)).ok);
-  ASSERT_TRUE(call_log().wait_for(5));
-  EXPECT_EQ(call_log().tags(), (std::vector<int>{1, 9, 2, 1, 3}));
-
-  // The earlier duplicate goes first; a lambda has no identity and stays.
+  // The earlier duplicate goes; a lambda, an absent function and an empty
+  // wrapper have no identity and remove nothing.
   lookup_->disconnect(plain_callback<1>);
   lookup_->disconnect(plain_callback<4>);
   lookup_->disconnect([](unsigned short, bool, IPAddressV4) {});
   lookup_->disconnect(LookupCallback{});
-  call_log().clear();
-  exchange(2, good_answer(2));
-  ASSERT_TRUE(call_log().wait_for(4));
-  EXPECT_EQ(call_log().tags(), (std::vector<int>{9, 2, 1, 3}));
+  const std::vector<Call> last = exchange(2, answer(2, kService, {}), n + 3);
+  std::vector<int> tags;
+  for (std::size_t i = n; i < last.size(); ++i)
+    tags.push_back(last[i].tag);
+  EXPECT_EQ(tags, (std::vector<int>{9, 2, 1}));
+
+  lookup_->Destroy();
+  lookup_->Destroy();
+  EXPECT_FALSE(lookup_->Init());
+  EXPECT_FALSE(lookup_->Lookup(5, kDevice, kService));
+  EXPECT_TRUE(nothing_sent());
 }
 
-TEST_F(ReverseLookupTest, DestroyAndDisposeEndAnOutstandingLookupAtOnce) {
+TEST_F(ReverseLookupTest, NoAnswerEndsAfterFiveSecondsAndALateAnswerIsTakenByTheNextLookup) {
+  lookup_->connect(plain_callback<1>);
+  lookup_->connect(plain_callback<2>);
+  ASSERT_TRUE(lookup_->Init());
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(lookup_->Lookup(0x0F0F, kDevice, kService));
+  const std::vector<Call> timed_out = calls_when(2);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 4s);  // the receive waited for its time-out
+  ASSERT_EQ(timed_out.size(), 2u);
+  for (const Call& call : timed_out) {
+    EXPECT_EQ(call.id, 0x0F0F);
+    EXPECT_FALSE(call.ok);
+    EXPECT_EQ(call.record.address, 0u);
+  }
+  EXPECT_TRUE(timed_out[0].tag == 1 && timed_out[1].tag == 2) << "in connection order";
+
+  ASSERT_TRUE(peer_->await_query(&query_));  // the unanswered one
+  exchange(1, answer(1, kService, {ptr("a"), srv(1111)}), 4);
+  peer_->reply(query_, answer(1, kService, {ptr("a"), srv(2222)}));
+  ask(2, kService, false);
+  const std::vector<Call> late = calls_when(6);
+  ASSERT_EQ(late.size(), 6u);
+  EXPECT_EQ(late[4].id, 1);
+  EXPECT_EQ(late[4].record.port, 2222);
+}
+
+TEST_F(ReverseLookupTest, DestroyAndDisposeEndAnOutstandingLookupAtOnceWithOneOutcome) {
   lookup_->connect(plain_callback<1>);
   ASSERT_TRUE(lookup_->Init());
-  ReceivedQuery query;
   ASSERT_TRUE(lookup_->Lookup(21, kDevice, kService));
-  ASSERT_TRUE(peer_->await_query(&query));
+  ASSERT_TRUE(peer_->await_query(&query_));
   lookup_->Destroy();
-  ASSERT_EQ(call_log().calls().size(), 1u);
-  EXPECT_EQ(call_log().calls()[0].id, 21);
-  EXPECT_FALSE(call_log().calls()[0].ok);
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].id, 21);
+  EXPECT_FALSE(calls[0].ok);
   EXPECT_FALSE(lookup_->Lookup(22, kDevice, kService));
   lookup_->Dispose();
 
-  lookup_ = DNSReverseLookup::CreateDNSReverseLookup();
-  lookup_->connect(plain_callback<1>);
-  ASSERT_TRUE(lookup_->Init());
-  ASSERT_TRUE(lookup_->Lookup(23, kDevice, kService));
-  ASSERT_TRUE(peer_->await_query(&query));
-  const auto start = std::chrono::steady_clock::now();
-  lookup_->Dispose();
-  lookup_ = nullptr;
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 4s);  // well before the 5 s receive time-out
-  ASSERT_EQ(call_log().calls().size(), 2u);
-  EXPECT_EQ(call_log().calls()[1].id, 23);
-  EXPECT_FALSE(call_log().calls()[1].ok);
-}
-
-TEST_F(ReverseLookupTest, DisposeRightAfterAnAnswerDoesNotLoseTheOutcome) {
-  for (unsigned short id = 1; id <= 20; ++id) {
+  // Disposal needs neither Init nor a lookup; right after an answer, or with
+  // none, the lookup still has exactly one outcome.
+  DNSReverseLookup::CreateDNSReverseLookup()->Dispose();
+  for (unsigned short id = 23; id < 43; ++id) {
+    lookup_ = DNSReverseLookup::CreateDNSReverseLookup();
     lookup_->connect(plain_callback<1>);
     ASSERT_TRUE(lookup_->Init());
     ASSERT_TRUE(lookup_->Lookup(id, kDevice, kService));
-    ReceivedQuery query;
-    ASSERT_TRUE(peer_->await_query(&query));
-    peer_->reply(query, good_answer(id));
+    ASSERT_TRUE(peer_->await_query(&query_));
+    if (id % 2 == 0)
+      peer_->reply(query_, answer(id, kService, {ptr("a"), srv(1)}));
+    const auto start = std::chrono::steady_clock::now();
     lookup_->Dispose();
-    lookup_ = DNSReverseLookup::CreateDNSReverseLookup();
-    ASSERT_EQ(call_log().calls().size(), id);  // exactly one outcome per lookup, ok or not
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 4s);  // well before the 5 s receive time-out
+    ASSERT_EQ(calls.size(), id - 21u);
+    EXPECT_EQ(calls.back().id, id);
   }
+  lookup_ = nullptr;
 }
 
 }  // namespace

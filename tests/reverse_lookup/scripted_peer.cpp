@@ -1,39 +1,33 @@
 #include "scripted_peer.h"
 
 #include <arpa/inet.h>
-#include <net/if.h>
 #include <poll.h>
-#include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
-#include <string>
 
 namespace sorvalen::test {
 
-void enter_private_loopback() {
-  if (unshare(CLONE_NEWNET) != 0)
-    return;
-  const int control = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (control < 0)
-    throw std::runtime_error("no socket to configure loopback");
-  ifreq request{};
-  std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
-  bool up = ioctl(control, SIOCGIFFLAGS, &request) == 0;
-  request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
-  up = up && ioctl(control, SIOCSIFFLAGS, &request) == 0;
-  close(control);
-  if (!up)
-    throw std::runtime_error("cannot bring loopback up");
+Bytes answer(uint16_t id, const std::string& name, const std::vector<Bytes>& records) {
+  Bytes out = DnsMessage(id).question(name, 12).bytes();
+  out[7] = static_cast<uint8_t>(records.size());  // ANCOUNT
+  for (const Bytes& record : records)
+    out.insert(out.end(), record.begin(), record.end());
+  return out;
 }
 
-ScriptedPeer::ScriptedPeer() {
-  socket_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
-  if (socket_ < 0)
-    throw std::runtime_error("peer socket: " + std::string(std::strerror(errno)));
+Bytes rr(Bytes owner, uint16_t type, const Bytes& rdata) {
+  for (unsigned field : {unsigned{type}, 1u, 0u, 120u, static_cast<unsigned>(rdata.size())})
+    append_u16(owner, field);
+  owner.insert(owner.end(), rdata.begin(), rdata.end());
+  return owner;
+}
+
+ScriptedPeer::ScriptedPeer() : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP)) {
   const int on = 1;
   setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in local{};
@@ -53,19 +47,17 @@ ScriptedPeer::~ScriptedPeer() {
 
 bool ScriptedPeer::await_query(ReceivedQuery* query, std::chrono::milliseconds wait) {
   pollfd readable{socket_, POLLIN, 0};
-  if (poll(&readable, 1, static_cast<int>(wait.count())) != 1)
-    return false;
   uint8_t buffer[2048];
   socklen_t sender_length = sizeof query->sender;
-  const ssize_t received = recvfrom(socket_, buffer, sizeof buffer, 0,
-                                    reinterpret_cast<sockaddr*>(&query->sender), &sender_length);
-  if (received < 0)
-    return false;
-  query->bytes.assign(buffer, buffer + received);
-  return true;
+  const ssize_t received = poll(&readable, 1, static_cast<int>(wait.count())) != 1
+                               ? -1
+                               : recvfrom(socket_, buffer, sizeof buffer, 0,
+                                          reinterpret_cast<sockaddr*>(&query->sender), &sender_length);
+  query->bytes.assign(buffer, buffer + std::max<ssize_t>(received, 0));
+  return received >= 0;
 }
 
-void ScriptedPeer::reply(const ReceivedQuery& to, const std::vector<uint8_t>& message) {
+void ScriptedPeer::reply(const ReceivedQuery& to, const Bytes& message) {
   sendto(socket_, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to.sender),
          sizeof to.sender);
 }

@@ -1,23 +1,31 @@
-// A device stand-in on loopback: receives the lookup's query on port 5353 and
-// answers with whatever bytes a test scripts.
+// A device stand-in on loopback for the reverse lookup: receives its query on
+// port 5353 and answers with the bytes a test scripts, most often answer()'s.
 #pragma once
 
 #include <netinet/in.h>
 
 #include <chrono>
-#include <cstdint>
+#include <string>
 #include <vector>
+
+#include "dns_builder.h"
 
 namespace sorvalen::test {
 
-// Moves the calling thread (and so every socket, thread and child process it
-// creates later) into a fresh network namespace whose only interface is a
-// loopback that is up, so the tests own port 5353.  Without the privilege for
-// that, the tests stay on the machine's own loopback.
-void enter_private_loopback();
+// An answer as a device sends it: the header with `id`, the question for
+// `name` repeated, and `records` (made by rr()) as its answers.
+Bytes answer(uint16_t id, const std::string& name, const std::vector<Bytes>& records);
+// One record with raw owner-name and RDATA bytes, class IN, TTL 120.
+Bytes rr(Bytes owner, uint16_t type, const Bytes& rdata);
+inline Bytes ptr(const std::string& target) {
+  return rr(wire_name("x"), 12, wire_name(target));
+}
+inline Bytes srv(unsigned port) {
+  return rr(wire_name("x"), 33, record_data(33, {"0", "0", std::to_string(port), "host.local"}));
+}
 
 struct ReceivedQuery {
-  std::vector<uint8_t> bytes;
+  Bytes bytes;
   sockaddr_in sender{};
 };
 
@@ -25,12 +33,10 @@ class ScriptedPeer {
  public:
   ScriptedPeer();  // binds 127.0.0.1:5353; throws std::runtime_error
   ~ScriptedPeer();
-  ScriptedPeer(const ScriptedPeer&) = delete;
-  ScriptedPeer& operator=(const ScriptedPeer&) = delete;
 
   // The next datagram, waiting at most `wait`; false when none came.
   bool await_query(ReceivedQuery* query, std::chrono::milliseconds wait = std::chrono::seconds(20));
-  void reply(const ReceivedQuery& to, const std::vector<uint8_t>& message);
+  void reply(const ReceivedQuery& to, const Bytes& message);
 
  private:
   int socket_ = -1;

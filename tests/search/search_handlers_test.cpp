@@ -1,5 +1,6 @@
 // The browse and resolve handlers fed by hand, on a core that opens no sockets,
-// and a search used before its core is up.
+// and the process-wide device lists with the engine-independent part of
+// Start/Stop (the concurrent test runs under ThreadSanitizer in scripts/test.sh).
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
@@ -7,11 +8,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "dns_builder.h"
 #include "platform.h"
 #include "sorvalen/mdns_search_posix.h"
 
@@ -44,22 +46,26 @@ void operator delete(void* block, std::size_t) noexcept {
 namespace sorvalen {
 namespace {
 
-using Labels = std::vector<std::string>;
+using Names = std::vector<std::string>;
 
-// Core names in wire form, built without the core's text parser (labels may hold dots).
-domainname wire_name(const Labels& labels) {
+IPAddressV4 v4(const std::string& name, uint32_t address = 0) {
+  return {address, 0, name, "", ""};
+}
+
+IPAddressV6 v6(const std::string& name, uint16_t first_group = 0) {
+  return {{first_group}, 0, name, "", ""};
+}
+
+// A core name from its dotted text, "\\." and "\\DDD" escaping a dot or any byte.
+domainname name_of(const std::string& dotted) {
   domainname name{};
-  size_t at = 0;
-  for (const std::string& label : labels) {
-    name.c[at++] = static_cast<mDNSu8>(label.size());
-    std::memcpy(&name.c[at], label.data(), label.size());
-    at += label.size();
-  }
+  const test::Bytes wire = test::wire_name(dotted);
+  std::memcpy(name.c, wire.data(), wire.size());
   return name;
 }
 
 domainname service_name(const std::string& instance) {
-  return wire_name({instance, "_x", "_tcp", "local"});
+  return name_of(instance + "._x._tcp.local");
 }
 
 class SearchHandlersTest : public ::testing::Test {
@@ -87,7 +93,6 @@ class SearchHandlersTest : public ::testing::Test {
       delete resolve;
     }
     sinfo_list.clear();
-    std::lock_guard<std::mutex> lock(MDNSSearch::address_list_mutex_);
     MDNSSearch::address_list_.clear();
     MDNSSearch::addressV6_list_.clear();
   }
@@ -112,8 +117,8 @@ class SearchHandlersTest : public ::testing::Test {
   }
 
   // Instance labels of the resolves started so far, in start order.
-  static Labels Resolving() {
-    Labels labels;
+  static Names Resolving() {
+    Names labels;
     for (const SINFO* resolve : sinfo_list) {
       const mDNSu8* label = resolve->info.name.c;
       labels.emplace_back(reinterpret_cast<const char*>(label + 1), label[0]);
@@ -135,8 +140,8 @@ class SearchHandlersTest : public ::testing::Test {
 TEST_F(SearchHandlersTest, FilterWordsMatchAnywhereIgnoringAsciiCase) {
   const struct {
     const char* filter;
-    Labels announced;
-    Labels resolved;
+    Names announced;
+    Names resolved;
   } cases[] = {
       {"abc", {"ABC", "xAbCy", "abc-2", "ab c", "xyz"}, {"ABC", "xAbCy", "abc-2"}},
       {"zz,a", {"aa", "zza", "q"}, {"aa", "zza"}},  // one resolve also when both words match
@@ -153,9 +158,8 @@ TEST_F(SearchHandlersTest, FilterWordsMatchAnywhereIgnoringAsciiCase) {
     EXPECT_EQ(Resolving(), c.resolved);
     TearDown();
   }
-}
 
-TEST_F(SearchHandlersTest, EachAnnouncementResolvesTheWholeServiceOnItsInterface) {
+  // Each announcement resolves the whole service name on its interface.
   UseFilter(",");
   const auto interface_id = reinterpret_cast<mDNSInterfaceID>(static_cast<uintptr_t>(0x40));
   Announce(service_name("Dev 1"), QC_add, interface_id);
@@ -170,16 +174,16 @@ TEST_F(SearchHandlersTest, RemovalErasesTheFirstExactlyNamedRecordOfEachFamilyOn
   UseFilter(",");
   Announce("Dev");
   for (const char* name : {"Dev", "dev", "Other", "Dev"})
-    MDNSSearch::AddToAddressList(IPAddressV4{0, 0, name, "", ""});
-  MDNSSearch::AddToAddressV6List(IPAddressV6{{}, 0, "Dev", "", ""});
-  MDNSSearch::AddToAddressV6List(IPAddressV6{{}, 0, "Dev", "", ""});
+    MDNSSearch::AddToAddressList(v4(name));
+  MDNSSearch::AddToAddressV6List(v6("Dev"));
+  MDNSSearch::AddToAddressV6List(v6("Dev"));
 
   Announce("Dev", QC_rmv);
   ASSERT_EQ(MDNSSearch::address_list_.size(), 3u);
   EXPECT_EQ(MDNSSearch::address_list_[0].name, "dev");
   EXPECT_EQ(MDNSSearch::address_list_[2].name, "Dev");
   EXPECT_EQ(MDNSSearch::addressV6_list_.size(), 1u);
-  EXPECT_EQ(Resolving(), (Labels{"Dev"})) << "a removal starts no resolve and stops none";
+  EXPECT_EQ(Resolving(), (Names{"Dev"})) << "a removal starts no resolve and stops none";
 
   MDNSSearch::names_.clear();  // removal applies no filter
   Announce("Dev", QC_rmv);
@@ -188,60 +192,39 @@ TEST_F(SearchHandlersTest, RemovalErasesTheFirstExactlyNamedRecordOfEachFamilyOn
 }
 
 TEST_F(SearchHandlersTest, ResolvedAddressesKeepTheirByteOrdersAndNameTexts) {
+  // Dots, blanks and backslashes in a label stay as they are.
+  resolve_.info.name = name_of("Printer 2\\.floor \\\\ A._ipp._tcp.my.home");
   Resolved(AF_INET, "10.0.0.7", 8080);
   Resolved(AF_INET, "10.0.0.7", 8080);  // identical results are both recorded
   Resolved(AF_INET6, "2001:db8:1234:5678:9abc:def0:fedc:ba98", 0x1f91);
-
   ASSERT_EQ(MDNSSearch::address_list_.size(), 2u);
   const IPAddressV4& v4 = MDNSSearch::address_list_[1];
   const unsigned char wire[4] = {10, 0, 0, 7};
   EXPECT_EQ(std::memcmp(&v4.address, wire, 4), 0) << "network order";
   EXPECT_EQ(v4.port, 8080);
-  EXPECT_EQ(v4.name, "Dev 1");
-  EXPECT_EQ(v4.type, "_x._tcp.");
-  EXPECT_EQ(v4.domain, "local.");
-
   ASSERT_EQ(MDNSSearch::addressV6_list_.size(), 1u);
   const IPAddressV6& v6 = MDNSSearch::addressV6_list_[0];
   const uint16_t groups[8] = {0x2001, 0x0db8, 0x1234, 0x5678, 0x9abc, 0xdef0, 0xfedc, 0xba98};
   EXPECT_EQ(std::memcmp(v6.address, groups, sizeof groups), 0) << "host-order groups";
   EXPECT_EQ(v6.port, 0x1f91);
-  EXPECT_EQ(v6.name, "Dev 1");
-  EXPECT_EQ(v6.type, "_x._tcp.");
-  EXPECT_EQ(v6.domain, "local.");
-}
+  for (const std::string& text :
+       {v4.name + "|" + v4.type + "|" + v4.domain, v6.name + "|" + v6.type + "|" + v6.domain})
+    EXPECT_EQ(text, "Printer 2.floor \\ A|_ipp._tcp.|my.home.");
 
-TEST_F(SearchHandlersTest, NameTextsKeepDotsAndBlanksAndFitTheLongestLabels) {
-  const std::string longest(63, 'z');
-  const struct {
-    Labels labels;
-    std::string name, type, domain;
-  } cases[] = {
-      {{"Printer 2.floor \\ A", "_ipp", "_tcp", "my", "home"},
-       "Printer 2.floor \\ A",
-       "_ipp._tcp.",
-       "my.home."},
-      {{longest, "_x", "_udp", longest, longest}, longest, "_x._udp.", longest + "." + longest + "."},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    resolve_.info.name = wire_name(c.labels);
-    Resolved(AF_INET, "10.0.0.7");
-    ASSERT_EQ(MDNSSearch::address_list_.size(), 1u);
-    EXPECT_EQ(MDNSSearch::address_list_[0].name, c.name);
-    EXPECT_EQ(MDNSSearch::address_list_[0].type, c.type);
-    EXPECT_EQ(MDNSSearch::address_list_[0].domain, c.domain);
-    TearDown();
-  }
+  // The longest labels fit their texts.
+  const std::string z(63, 'z');
+  resolve_.info.name = name_of(z + "._x._udp." + z + "." + z);
+  Resolved(AF_INET, "10.0.0.7");
+  const IPAddressV4& longest = MDNSSearch::address_list_.at(2);
+  EXPECT_EQ(longest.name + "|" + longest.type + "|" + longest.domain, z + "|_x._udp.|" + z + "." + z + ".");
 }
 
 TEST_F(SearchHandlersTest, SkipsNamesTheCoreCannotSplitOrATextCannotHoldAndResultsWithoutAddress) {
   UseFilter(",");
-  MDNSSearch::AddToAddressList(IPAddressV4{0, 0, "host", "", ""});
-  MDNSSearch::AddToAddressList(IPAddressV4{0, 0, "Tv", "", ""});
+  MDNSSearch::AddToAddressList(v4("host"));
+  MDNSSearch::AddToAddressList(v4("Tv"));
   // A byte 0 in the instance would cut its text where a removal passes it.
-  const domainname with_nul = service_name(std::string("Tv\0x", 4));
-  for (const domainname& name : {wire_name({"host", "local"}), with_nul}) {
+  for (const domainname& name : {name_of("host.local"), service_name("Tv\\000x")}) {
     Announce(name);
     Announce(name, QC_rmv);
     resolve_.info.name = name;
@@ -275,18 +258,109 @@ TEST_F(SearchHandlersTest, FailuresInsideTheHandlersDoNotReachTheCore) {
   EXPECT_TRUE(MDNSSearch::address_list_.empty());
 }
 
-TEST(SearchWithoutCoreTest, StartBeforeInitFailsAndChangesNothing) {
-  MDNSSearch::AddToAddressList(IPAddressV4{});
-  MDNSSearch::names_ = {"kept"};
-  std::unique_ptr<MDNSSearch> search(MDNSSearch::CreateMDNSSearch());
-  EXPECT_FALSE(search->Start(",", "_http._tcp", "local.", 1, ""));
-  EXPECT_FALSE(search->GetRunning());
-  EXPECT_FALSE(search->RefreshInterfaces());
-  EXPECT_EQ(search->GetAddressList().size(), 1u);
-  EXPECT_EQ(MDNSSearch::names_, std::vector<std::string>{"kept"});
-  search->Stop();  // nothing set up: returns at once
-  search->Destroy();
-  MDNSSearch::address_list_.clear();
+template <typename List>
+Names names_of(const List& list) {
+  Names names;
+  for (const auto& record : list)
+    names.push_back(record.name);
+  return names;
+}
+
+class Registry : public SearchHandlersTest {};
+
+// A search without an engine that counts the Stop calls that reach it.
+class RecordingSearch : public MDNSSearch {
+ public:
+  void Stop() override {
+    ++stop_calls;
+    MDNSSearch::Stop();
+  }
+  int stop_calls = 0;
+};
+
+TEST_F(Registry, ListsKeepCopiesInOrderAndRemoveOnlyTheFirstExactMatchOfTheirOwn) {
+  IPAddressV4 tv = v4("TV", 0x1401a8c0);
+  MDNSSearch::AddToAddressList(tv);
+  tv.name = "Changed";
+  for (const char* name : {"tv2", "TV", "Living Room TV"})
+    MDNSSearch::AddToAddressList(v4(name));
+  MDNSSearch::AddToAddressV6List(v6("TV", 1));
+  MDNSSearch::AddToAddressV6List(v6("TV", 2));
+  EXPECT_EQ(MDNSSearch::address_list_[0].address, 0x1401a8c0u);
+
+  // Names match whole and case-sensitively; a probe ends at its first NUL,
+  // and only the first of two matches goes.
+  for (std::string probe :
+       std::vector<std::string>{"tv", "TV ", "T", "Living Room", "", std::string("TV\0x", 4)})
+    MDNSSearch::RemoveFromAddressList(&probe[0]);
+  EXPECT_EQ(names_of(MDNSSearch::address_list_), (Names{"tv2", "TV", "Living Room TV"}));
+  char name[] = "TV";
+  MDNSSearch::RemoveFromAddressList(name);
+  EXPECT_EQ(names_of(MDNSSearch::address_list_), (Names{"tv2", "Living Room TV"}));
+  ASSERT_EQ(MDNSSearch::addressV6_list_.size(), 2u) << "each list is removed from on its own";
+  MDNSSearch::RemoveFromAddressV6List(name);
+  ASSERT_EQ(MDNSSearch::addressV6_list_.size(), 1u);
+  EXPECT_EQ(MDNSSearch::addressV6_list_[0].address[0], 2);
+}
+
+TEST_F(Registry, StartReplacesTheFilterStopsTheEarlierSearchAndEmptiesBothListsWhichStopKeeps) {
+  MDNSSearch::names_ = {"left", "over"};
+  auto* search = new RecordingSearch;
+  EXPECT_TRUE(search->Start("tv,,Living Room ,", "_http._tcp", "local.", 5, ""));
+  EXPECT_EQ(MDNSSearch::names_, (Names{"tv", "", "Living Room "}));
+  EXPECT_EQ(search->stop_calls, 0) << "nothing ran before";
+
+  // Another object's Start also empties the process-wide lists.
+  MDNSSearch::AddToAddressList(v4("TV"));
+  MDNSSearch::AddToAddressV6List(v6("TV"));
+  RecordingSearch other;
+  other.Start("", "_ipp._tcp", "local.", 5, "");
+  EXPECT_TRUE(MDNSSearch::names_.empty());
+  EXPECT_TRUE(MDNSSearch::address_list_.empty());
+  EXPECT_TRUE(MDNSSearch::addressV6_list_.empty());
+
+  // A search still set up (its loop may have ended on its time limit) is
+  // stopped first; after an explicit Stop the next Start does not stop again.
+  search->Start("speaker", "_raop._tcp", "local.", 7, "");
+  EXPECT_EQ(search->stop_calls, 1);
+  search->Stop();
+  search->Start("tv", "_http._tcp", "local.", 5, "");
+  EXPECT_EQ(search->stop_calls, 2);
+  EXPECT_EQ(MDNSSearch::names_, (Names{"tv"}));
+
+  // Stop (also the destructor's) leaves the results readable.
+  MDNSSearch::AddToAddressList(v4("TV"));
+  MDNSSearch::AddToAddressV6List(v6("TV"));
+  delete static_cast<MDNSSearch*>(search);  // through the virtual destructor, as started
+  EXPECT_EQ(names_of(MDNSSearch::address_list_), (Names{"TV"}));
+  EXPECT_EQ(names_of(MDNSSearch::addressV6_list_), (Names{"TV"}));
+}
+
+// Writers append and remove while the application reads under the mutex and
+// clears the IPv6 list; no IPv4 record is lost.
+TEST_F(Registry, ConcurrentChangesWithAReaderUnderTheMutex) {
+  std::vector<std::thread> writers;
+  for (int w = 0; w < 4; ++w) {
+    writers.emplace_back([] {
+      for (int i = 0; i < 400; ++i) {
+        std::string drop = "drop";
+        MDNSSearch::AddToAddressList(v4("keep"));
+        MDNSSearch::AddToAddressV6List(v6("keep"));
+        MDNSSearch::AddToAddressList(v4(drop));
+        MDNSSearch::RemoveFromAddressList(&drop[0]);
+      }
+    });
+  }
+  MDNSSearch application;
+  for (int pass = 0; pass < 2000; ++pass) {
+    application.ClearAddressV6List();
+    std::lock_guard<std::mutex> lock(MDNSSearch::address_list_mutex_);
+    for (const auto& record : MDNSSearch::address_list_)
+      EXPECT_FALSE(record.name.empty());
+  }
+  for (auto& writer : writers)
+    writer.join();
+  EXPECT_EQ(names_of(MDNSSearch::address_list_), Names(1600, "keep"));
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cctype>
+#include <cstdlib>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,9 +19,33 @@ struct ResolvedService {
   int port = 0;
 };
 
-// Reads the resolved services out of parsable avahi-browse output: "=" lines
-// add, "-" lines remove what the same interface and protocol resolved for that
-// instance; other lines are skipped.
-std::vector<ResolvedService> parse_resolved_services(const std::string& output);
+// The resolved ("=") lines of parsable avahi-browse output; other lines are skipped.
+inline std::vector<ResolvedService> parse_resolved_services(const std::string& output) {
+  std::vector<ResolvedService> services;
+  std::istringstream lines(output);
+  for (std::string line; std::getline(lines, line);) {
+    std::vector<std::string> f;
+    std::istringstream fields(line);
+    for (std::string field; std::getline(fields, field, ';');)
+      f.push_back(field);
+    if (f.size() < 9 || f[0] != "=")
+      continue;
+    // avahi-browse writes a label's '.' and '\\' as \. and \\, other bytes as \DDD.
+    const std::string& text = f[3];
+    std::string name;
+    for (size_t i = 0; i < text.size(); ++i) {
+      if (text[i] != '\\' || i + 1 == text.size()) {
+        name.push_back(text[i]);
+      } else if (isdigit(static_cast<unsigned char>(text[i + 1])) && i + 3 < text.size()) {
+        name.push_back(static_cast<char>(std::stoi(text.substr(i + 1, 3))));
+        i += 3;
+      } else {
+        name.push_back(text[++i]);
+      }
+    }
+    services.push_back({f[1], f[2], name, f[4], f[6], f[7], std::atoi(f[8].c_str())});
+  }
+  return services;
+}
 
 }  // namespace sorvalen::test

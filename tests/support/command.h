@@ -14,10 +14,9 @@ struct CommandResult {
   bool ok() const { return exit_status == 0; }
 };
 
-// Runs argv[0] (searched in PATH) with the given arguments, collects its
-// output and waits for it.  A child still running after timeout_seconds is
-// killed.  posix_spawn keeps this safe in processes that already run threads
-// (and under the sanitizers).
+// Runs argv[0] (searched in PATH), waits for it and returns its output; a
+// child still running after timeout_seconds is killed.  posix_spawn keeps this
+// safe in processes that already run threads.
 CommandResult run_command(const std::vector<std::string>& argv, int timeout_seconds = 120);
 
 }  // namespace sorvalen::test

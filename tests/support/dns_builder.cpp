@@ -5,43 +5,25 @@
 #include <cctype>
 #include <cstdlib>
 #include <stdexcept>
+#include <utility>
 
 namespace sorvalen::test {
 namespace {
 
-struct TypeName {
-  const char* name;
-  uint16_t code;
-};
-constexpr TypeName kTypes[] = {{"A", 1},    {"NS", 2},    {"CNAME", 5}, {"SOA", 6},   {"PTR", 12},
-                               {"TXT", 16}, {"AAAA", 28}, {"SRV", 33},  {"NSEC", 47}, {"ANY", 255}};
-
-Bytes address_bytes(int family, const std::string& text) {
-  Bytes out(family == AF_INET ? 4 : 16);
-  if (inet_pton(family, text.c_str(), out.data()) != 1) {
-    throw std::invalid_argument("bad address: " + text);
-  }
-  return out;
-}
+constexpr std::pair<const char*, uint16_t> kTypes[] = {{"A", 1},     {"NS", 2},   {"CNAME", 5}, {"SOA", 6},
+                                                       {"PTR", 12},  {"TXT", 16}, {"AAAA", 28}, {"SRV", 33},
+                                                       {"NSEC", 47}, {"ANY", 255}};
 
 unsigned number(const std::string& text) {
   char* end = nullptr;
   const unsigned long value = std::strtoul(text.c_str(), &end, 0);
-  if (end == text.c_str() || *end != '\0') {
+  if (end == text.c_str() || *end != '\0')
     throw std::invalid_argument("bad number: " + text);
-  }
   return static_cast<unsigned>(value);
 }
 
 void append(Bytes& out, const Bytes& more) {
   out.insert(out.end(), more.begin(), more.end());
-}
-
-const std::string& field(const std::vector<std::string>& fields, size_t i) {
-  if (i >= fields.size()) {
-    throw std::invalid_argument("record data is missing a field");
-  }
-  return fields[i];
 }
 
 }  // namespace
@@ -59,97 +41,81 @@ void append_u32(Bytes& out, uint32_t value) {
 Bytes wire_name(const std::string& dotted) {
   Bytes out;
   Bytes label;
-  auto end_label = [&] {
-    if (label.size() > 63) {
-      throw std::invalid_argument("label over 63 bytes in " + dotted);
-    }
-    out.push_back(static_cast<uint8_t>(label.size()));
-    append(out, label);
-    label.clear();
-  };
-  for (size_t i = 0; i < dotted.size(); ++i) {
-    const char c = dotted[i];
+  for (size_t i = 0; i <= dotted.size(); ++i) {
+    const char c = i < dotted.size() ? dotted[i] : '.';
     if (c == '\\' && i + 3 < dotted.size() && isdigit(static_cast<unsigned char>(dotted[i + 1]))) {
       label.push_back(static_cast<uint8_t>(std::stoi(dotted.substr(i + 1, 3))));
       i += 3;
     } else if (c == '\\' && i + 1 < dotted.size()) {
       label.push_back(static_cast<uint8_t>(dotted[++i]));
-    } else if (c == '.') {
-      if (!label.empty()) {
-        end_label();
-      }
-    } else {
+    } else if (c != '.') {
       label.push_back(static_cast<uint8_t>(c));
+    } else if (!label.empty()) {
+      if (label.size() > 63)
+        throw std::invalid_argument("label over 63 bytes in " + dotted);
+      out.push_back(static_cast<uint8_t>(label.size()));
+      append(out, label);
+      label.clear();
     }
-  }
-  if (!label.empty()) {
-    end_label();
   }
   out.push_back(0);
   return out;
 }
 
 uint16_t type_code(const std::string& mnemonic) {
-  for (const TypeName& t : kTypes) {
-    if (mnemonic == t.name) {
-      return t.code;
-    }
+  for (const auto& [name, code] : kTypes) {
+    if (mnemonic == name)
+      return code;
   }
-  if (mnemonic.rfind("TYPE", 0) == 0) {
+  if (mnemonic.rfind("TYPE", 0) == 0)
     return static_cast<uint16_t>(number(mnemonic.substr(4)));
-  }
   throw std::invalid_argument("unknown record type " + mnemonic);
 }
 
 std::string type_name(uint16_t code) {
-  for (const TypeName& t : kTypes) {
-    if (code == t.code) {
-      return t.name;
-    }
+  for (const auto& [name, known] : kTypes) {
+    if (code == known)
+      return name;
   }
   return "TYPE" + std::to_string(code);
 }
 
 Bytes record_data(uint16_t type, const std::vector<std::string>& fields) {
   Bytes out;
+  const auto field = [&](size_t i) -> const std::string& {
+    if (i >= fields.size())
+      throw std::invalid_argument("record data is missing a field");
+    return fields[i];
+  };
   if (!fields.empty() && fields[0] == "hex") {
     for (size_t i = 1; i < fields.size(); ++i) {
-      for (size_t j = 0; j + 1 < fields[i].size(); j += 2) {
+      for (size_t j = 0; j + 1 < fields[i].size(); j += 2)
         out.push_back(static_cast<uint8_t>(std::stoul(fields[i].substr(j, 2), nullptr, 16)));
-      }
     }
-    return out;
+  } else if (type == 1 || type == 28) {
+    out.resize(type == 1 ? 4 : 16);
+    if (inet_pton(type == 1 ? AF_INET : AF_INET6, field(0).c_str(), out.data()) != 1)
+      throw std::invalid_argument("bad address: " + field(0));
+  } else if (type == 5 || type == 12) {
+    out = wire_name(field(0));
+  } else if (type == 33) {
+    for (size_t i = 0; i < 3; ++i)
+      append_u16(out, number(field(i)));
+    append(out, wire_name(field(3)));
+  } else if (type == 16) {
+    for (const std::string& s : fields) {
+      out.push_back(static_cast<uint8_t>(s.size()));
+      out.insert(out.end(), s.begin(), s.end());
+    }
+  } else if (type == 6) {
+    append(out, wire_name(field(0)));
+    append(out, wire_name(field(1)));
+    for (size_t i = 2; i < 7; ++i)
+      append_u32(out, number(field(i)));
+  } else {
+    throw std::invalid_argument("data of type " + type_name(type) + " must be given as: hex DIGITS");
   }
-  switch (type) {
-    case 1:
-      return address_bytes(AF_INET, field(fields, 0));
-    case 28:
-      return address_bytes(AF_INET6, field(fields, 0));
-    case 5:
-    case 12:
-      return wire_name(field(fields, 0));
-    case 33:
-      for (size_t i = 0; i < 3; ++i) {
-        append_u16(out, number(field(fields, i)));
-      }
-      append(out, wire_name(field(fields, 3)));
-      return out;
-    case 16:
-      for (const std::string& s : fields) {
-        out.push_back(static_cast<uint8_t>(s.size()));
-        out.insert(out.end(), s.begin(), s.end());
-      }
-      return out;
-    case 6:
-      append(out, wire_name(field(fields, 0)));
-      append(out, wire_name(field(fields, 1)));
-      for (size_t i = 2; i < 7; ++i) {
-        append_u32(out, number(field(fields, i)));
-      }
-      return out;
-    default:
-      throw std::invalid_argument("data of type " + type_name(type) + " must be given as: hex DIGITS");
-  }
+  return out;
 }
 
 DnsMessage& DnsMessage::question(const std::string& name, uint16_t type, bool unicast_response) {
@@ -172,35 +138,15 @@ DnsMessage& DnsMessage::add(Section section, const Record& r) {
   return *this;
 }
 
-DnsMessage& DnsMessage::answer(const std::string& name, uint16_t type, uint32_t ttl, const Bytes& data) {
-  return add(kAnswer, Record{name, type, ttl, data});
-}
-
-DnsMessage& DnsMessage::additional(const std::string& name, uint16_t type, uint32_t ttl, const Bytes& data) {
-  return add(kAdditional, Record{name, type, ttl, data});
-}
-
-DnsMessage& DnsMessage::set_id(uint16_t id) {
-  id_ = id;
-  return *this;
-}
-
-DnsMessage& DnsMessage::set_flags(uint16_t flags) {
-  flags_ = flags;
-  return *this;
-}
-
 Bytes DnsMessage::bytes() const {
   Bytes out;
   append_u16(out, id_);
   append_u16(out, flags_);
-  for (uint16_t count : counts_) {
+  for (uint16_t count : counts_)
     append_u16(out, count);
-  }
   append(out, questions_);
-  for (const Bytes& section : sections_) {
+  for (const Bytes& section : sections_)
     append(out, section);
-  }
   return out;
 }
 

@@ -40,10 +40,20 @@ class DnsMessage {
 
   DnsMessage& question(const std::string& name, uint16_t type, bool unicast_response = false);
   DnsMessage& add(Section section, const Record& record);
-  DnsMessage& answer(const std::string& name, uint16_t type, uint32_t ttl, const Bytes& data);
-  DnsMessage& additional(const std::string& name, uint16_t type, uint32_t ttl, const Bytes& data);
-  DnsMessage& set_id(uint16_t id);
-  DnsMessage& set_flags(uint16_t flags);
+  DnsMessage& answer(const std::string& name, uint16_t type, uint32_t ttl, const Bytes& data) {
+    return add(kAnswer, Record{name, type, ttl, data});
+  }
+  DnsMessage& additional(const std::string& name, uint16_t type, uint32_t ttl, const Bytes& data) {
+    return add(kAdditional, Record{name, type, ttl, data});
+  }
+  DnsMessage& set_id(uint16_t id) {
+    id_ = id;
+    return *this;
+  }
+  DnsMessage& set_flags(uint16_t flags) {
+    flags_ = flags;
+    return *this;
+  }
 
   Bytes bytes() const;
 

@@ -19,85 +19,101 @@ struct ServiceSpec {
 };
 
 struct AvahiOptions {
-  bool dbus = false;       // a private system bus, so that browse() works on this host
-  std::string host_name;   // the announced host name; the host's name when empty
-  std::string interfaces;  // comma-separated; every interface of the host when empty
+  bool dbus = false;  // a private system bus, so that browse() works on this host
 };
 
-// A set of virtual LANs on this machine for one test: each LAN is a bridge in
-// a private switch namespace, each host a network namespace whose eth0, eth1...
-// are joined to the LANs given to add_host, in that order.  LAN 1 uses
-// 192.0.2.0/24, LAN 2 198.51.100.0/24, LAN 3 203.0.113.0/24 (hosts from .10
-// on); every interface also has an IPv6 link-local address that is usable at
-// once.  Multicast (224.0.0.251, ff02::fb) flows across each LAN.
-//
-// Everything is done by scripts/vlan.sh; this class only names the run and
-// passes the calls on.  Failures throw std::runtime_error with the script's
-// message.  The destructor kills every process of the run and deletes its
-// namespaces.  Its methods may be called from inside a NetnsScope.  Needs root (see SV_REQUIRE_VIRTUAL_LAN).
+// Virtual LANs on this machine for one test, made by scripts/vlan.sh (which
+// tells what each call does): LAN n is a bridge, a host a network namespace
+// whose eth0, eth1... join the LANs given to add_host.  LAN 1 is
+// 192.0.2.0/24, LAN 2 198.51.100.0/24 (hosts from .10 on), each interface also
+// has an IPv6 link-local address.  Calls work from inside a NetnsScope too;
+// failures throw std::runtime_error.  The destructor removes everything of the
+// run.  Needs root (see SV_REQUIRE_VIRTUAL_LAN).
 class VirtualLan {
  public:
   VirtualLan();
   ~VirtualLan();
-
   VirtualLan(const VirtualLan&) = delete;
   VirtualLan& operator=(const VirtualLan&) = delete;
 
-  // Adds the next LAN (1, 2, 3) and returns its number.
-  int add_lan();
-  void add_host(const std::string& host, const std::vector<int>& lans);
-
+  int add_lan() {  // returns its number
+    script({"add-lan", std::to_string(lan_count_ + 1)});
+    return ++lan_count_;
+  }
+  void add_host(const std::string& host, const std::vector<int>& lans) {
+    std::vector<std::string> args = {"add-host", host};
+    for (int lan : lans)
+      args.push_back(std::to_string(lan));
+    script(args);
+  }
   // The host's namespace, for NetnsScope or `ip netns exec`.
-  std::string netns(const std::string& host) const;
-  std::string host_ipv4(const std::string& host, const std::string& iface = "eth0") const;
-  std::string host_ipv6_link_local(const std::string& host, const std::string& iface = "eth0") const;
+  std::string netns(const std::string& host) const { return script({"netns", host}); }
+  std::string host_ipv4(const std::string& host, const std::string& iface = "eth0") const {
+    return script({"ipv4", host, iface});
+  }
+  std::string host_ipv6_link_local(const std::string& host, const std::string& iface = "eth0") const {
+    return script({"ipv6ll", host, iface});
+  }
 
-  // Starts avahi-daemon on the host with these services (plus those added
-  // before) and returns once they are all announced.
+  // avahi-daemon with these services and those added before; the calls
+  // return once the daemon has announced what they publish or withdraw.
   void start_avahi(const std::string& host, const std::vector<ServiceSpec>& services = {},
-                   const AvahiOptions& options = {});
-  // Publishes one more service; with the daemon running, returns once it is announced.
-  void add_service(const std::string& host, const ServiceSpec& service);
-  // Publishes `count` services "PREFIX 1" ... "PREFIX count" of one type and
-  // port at once; with the daemon running, returns once they are announced.
+                   const AvahiOptions& options = {}) {
+    for (const ServiceSpec& service : services)
+      add_service(host, service);
+    script(options.dbus ? std::vector<std::string>{"start-avahi", host, "--dbus"}
+                        : std::vector<std::string>{"start-avahi", host});
+  }
+  void add_service(const std::string& host, const ServiceSpec& s) {
+    script(with(s.txt, {"add-service", host, s.name, s.type, std::to_string(s.port)}));
+  }
+  // `count` services "PREFIX 1" ... "PREFIX count".
   void add_services(const std::string& host, const std::string& prefix, const std::string& type,
-                    std::uint16_t port, int count);
-  // Withdraws a service; the daemon sends goodbye packets for it.
-  void remove_service(const std::string& host, const std::string& name, const std::string& type);
-  void stop_avahi(const std::string& host);
+                    std::uint16_t port, int count) {
+    script({"add-services", host, prefix, type, std::to_string(port), std::to_string(count)});
+  }
+  void remove_service(const std::string& host, const std::string& name, const std::string& type) {
+    script({"remove-service", host, name, type});
+  }
+  void stop_avahi(const std::string& host) { script({"stop-avahi", host}); }
+  // `avahi-browse -rpt TYPE` on a host whose daemon has dbus.
+  std::string browse(const std::string& host, const std::string& type) const {
+    return script({"browse", host, type});
+  }
 
-  // A DNS server (BIND 9) on the host, authoritative for `zone`, every record
-  // with `ttl_seconds`; returns once it serves the records given before.  A
-  // change of the records while it runs reloads the zone and returns once the
-  // server serves the change.
-  void start_dns(const std::string& host, const std::string& zone = "example.test.", int ttl_seconds = 10);
-  // A and AAAA records of `name` (relative to the zone, e.g. "printer").
+  // A DNS server (BIND 9) authoritative for `zone` with the records given
+  // before; while it runs, each change returns once it is served.  Names are
+  // relative to the zone, e.g. "printer".
+  void start_dns(const std::string& host, const std::string& zone = "example.test.", int ttl_seconds = 10) {
+    script({"start-dns", host, "--zone", zone, "--ttl", std::to_string(ttl_seconds)});
+  }
   void dns_address(const std::string& host, const std::string& name,
-                   const std::vector<std::string>& addresses);
-  // PTR, SRV (to `target`, relative to the zone) and TXT records of a service,
-  // replacing those of a service of the same name and type.
-  void dns_service(const std::string& host, const ServiceSpec& service, const std::string& target);
-  void dns_remove_service(const std::string& host, const std::string& name, const std::string& type);
-  // Points the host's resolver file at the DNS server on `server` (its only
-  // name server) and returns the file's path: `ip netns exec` (so exec())
-  // shows it as /etc/resolv.conf; a thread inside a NetnsScope needs a
-  // ResolverScope for that.
-  std::string use_dns(const std::string& host, const std::string& server);
+                   const std::vector<std::string>& addresses) {
+    script(with(addresses, {"dns-address", host, name}));
+  }
+  void dns_service(const std::string& host, const ServiceSpec& s, const std::string& target) {
+    script(with(s.txt, {"dns-service", host, s.name, s.type, std::to_string(s.port), target}));
+  }
+  void dns_remove_service(const std::string& host, const std::string& name, const std::string& type) {
+    script({"dns-remove-service", host, name, type});
+  }
+  // Makes `server`'s DNS server the host's only name server; returns the
+  // resolver file that exec() shows as /etc/resolv.conf (see ResolverScope).
+  std::string use_dns(const std::string& host, const std::string& server) {
+    return script({"use-dns", host, server});
+  }
 
-  // `avahi-browse -rpt TYPE` on a host whose daemon was started with dbus.
-  std::string browse(const std::string& host, const std::string& type) const;
-
-  // Any other scripts/vlan.sh command of this run, e.g. {"set-ipv4", HOST, IFACE, ADDR/LEN};
-  // returns its output.
+  // Any other vlan.sh command of this run, e.g. {"set-ipv4", HOST, IFACE, ADDR/LEN}.
   std::string command(std::vector<std::string> args) const { return script(std::move(args)); }
-
   // Runs a program inside the host's namespace.
   CommandResult exec(const std::string& host, const std::vector<std::string>& argv,
                      int timeout_seconds = 60) const;
 
-  const std::string& run_name() const { return run_; }
-
  private:
+  static std::vector<std::string> with(const std::vector<std::string>& more, std::vector<std::string> args) {
+    args.insert(args.end(), more.begin(), more.end());
+    return args;
+  }
   std::string script(std::vector<std::string> args) const;  // stdout, trimmed; throws on failure
   CommandResult run_from_home(const std::vector<std::string>& argv, int timeout_seconds = 120) const;
 

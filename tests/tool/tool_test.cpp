@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "command.h"
-#include "dns_message_builder.h"
 #include "netns_scope.h"
 #include "scripted_peer.h"
 #include "virtual_lan.h"
@@ -72,11 +71,8 @@ TEST(Tool, SaysWhatWentWrongOrWhatCameWithTheRightExitStatus) {
   VirtualLan lan;
   lan.add_lan();
   lan.add_host("querier", {1});
-  Bytes usable = answer_header(7, 2, kService);
-  append(&usable, ptr_record(kService, "Living \"Room\"._http._tcp.local"));
-  append(&usable, srv_record("Living \"Room\"._http._tcp.local", 8080));
-  Bytes ptr_only = answer_header(1, 1, kService);
-  append(&ptr_only, ptr_record(kService, "tv._http._tcp.local"));
+  const Bytes usable = answer(7, kService, {ptr("Living \"Room\"._http._tcp.local"), srv(8080)});
+  const Bytes ptr_only = answer(1, kService, {ptr("tv._http._tcp.local")});
   const std::string ok = "ok address=127.0.0.1 port=8080 name=\"Living \\\"Room\\\"._http._tcp.local\"\n";
   const std::string ok_json = "{\"result\":\"ok\",\"address\":\"127.0.0.1\",\"port\":8080,";
   const std::string unreadable =
