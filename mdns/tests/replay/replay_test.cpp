@@ -348,6 +348,12 @@ class Replay {
     return *s;
   }
 
+  static void started(mStatus status) {
+    if (status != mStatus_NoError) {
+      throw std::runtime_error("refused: " + std::to_string(status));
+    }
+  }
+
   void act(const Line& line) {
     const auto& w = line.words;
     const std::string& verb = w[2];
@@ -360,9 +366,7 @@ class Replay {
       const domainname type = to_name(wire_name(w[4]));
       const bool has_domain = w.size() > 5 && w[5].back() == '.';
       const domainname domain = to_name(wire_name(has_domain ? w[5] : "local."));
-      if (mDNS_StartBrowse(m_.get(), &s.question, &type, &domain, iface(w), mDNSfalse, on_answer, &s) != 0) {
-        throw std::runtime_error("browse refused");
-      }
+      started(mDNS_StartBrowse(m_.get(), &s.question, &type, &domain, iface(w), mDNSfalse, on_answer, &s));
     } else if (verb == "query") {
       Slot& s = slot(w[3]);
       s.question.qname = to_name(wire_name(w[4]));
@@ -371,17 +375,13 @@ class Replay {
       s.question.InterfaceID = iface(w);
       s.question.QuestionCallback = on_answer;
       s.question.QuestionContext = &s;
-      if (mDNS_StartQuery(m_.get(), &s.question) != 0) {
-        throw std::runtime_error("query refused");
-      }
+      started(mDNS_StartQuery(m_.get(), &s.question));
     } else if (verb == "resolve") {
       Slot& s = slot(w[3]);
       s.resolve = true;
       s.info.name = to_name(wire_name(w[4]));
       s.info.InterfaceID = iface(w);
-      if (mDNS_StartResolveService(m_.get(), &s.query, &s.info, on_resolved, &s) != 0) {
-        throw std::runtime_error("resolve refused");
-      }
+      started(mDNS_StartResolveService(m_.get(), &s.query, &s.info, on_resolved, &s));
     } else if (verb == "stop") {
       stop(slot(w[3]));
     } else if (verb == "recv" || verb == "recv-dns") {
@@ -404,22 +404,14 @@ class Replay {
     }
   }
 
-  const Sent* last_sent(mdns::Transport a, mdns::Transport b) const {
+  // The latest one-shot, or unicast query ("for NAME TYPE": the latest asking that).
+  const Sent* last_asked(bool unicast, const std::vector<std::string>& w) const {
+    const auto at = std::find(w.begin(), w.end(), "for");
     for (auto it = sent_.rbegin(); it != sent_.rend(); ++it) {
-      if (it->transport == a || it->transport == b) {
-        return &*it;
-      }
-    }
-    return nullptr;
-  }
-
-  // The latest unicast query for NAME TYPE.
-  const Sent* last_asking(const std::string& name, const std::string& type) const {
-    const domainname wanted = to_name(wire_name(name));
-    for (auto it = sent_.rbegin(); it != sent_.rend(); ++it) {
-      if ((it->transport == mdns::Transport::kUnicastDns || it->transport == mdns::Transport::kUnicastTcp) &&
-          !it->questions.empty() && it->questions[0].type == type_code(type) &&
-          mdns::names_equal(it->questions[0].name, wanted)) {
+      const bool kind = unicast ? it->transport >= mdns::Transport::kUnicastDns
+                                : it->transport == mdns::Transport::kOneShot;
+      if (kind && (at == w.end() || (!it->questions.empty() && it->questions[0].type == type_code(at[2]) &&
+                                     mdns::names_equal(it->questions[0].name, to_name(wire_name(at[1])))))) {
         return &*it;
       }
     }
@@ -429,13 +421,9 @@ class Replay {
   Bytes message_of(const Line& line, const Sent* asked) const {
     const auto& w = line.words;
     if (flag(w, "raw")) {
-      Bytes raw;
-      for (auto it = std::find(w.begin(), w.end(), "raw") + 1; it != w.end(); ++it) {
-        for (size_t j = 0; j + 1 < it->size(); j += 2) {
-          raw.push_back(static_cast<uint8_t>(std::stoul(it->substr(j, 2), nullptr, 16)));
-        }
-      }
-      return raw;
+      std::vector<std::string> digits = {"hex"};
+      digits.insert(digits.end(), std::find(w.begin(), w.end(), "raw") + 1, w.end());
+      return record_data(0, digits);
     }
     DnsMessage msg(0, static_cast<uint16_t>(std::stoul(option(w, "flags", "8400"), nullptr, 16)));
     if (flag(w, "echo") && asked != nullptr) {
@@ -472,10 +460,7 @@ class Replay {
     const auto& w = line.words;
     begin_pass();
     if (w[2] == "recv-dns") {
-      const Sent* asked =
-          flag(w, "for")
-              ? last_asking(option(w, "for", ""), w.at(std::find(w.begin(), w.end(), "for") - w.begin() + 2))
-              : last_sent(mdns::Transport::kUnicastDns, mdns::Transport::kUnicastTcp);
+      const Sent* asked = last_asked(true, w);
       if (asked == nullptr) {
         throw std::runtime_error("no unicast query to answer");
       }
@@ -485,7 +470,7 @@ class Replay {
       mdns::unicast_receive(m_.get(), asked->socket, from, port, bytes.data(), bytes.size());
     } else {
       const bool one_shot = flag(w, "oneshot");
-      const Bytes bytes = message_of(line, last_sent(mdns::Transport::kOneShot, mdns::Transport::kOneShot));
+      const Bytes bytes = message_of(line, last_asked(false, w));
       mdns::Arrival arrival{};
       arrival.source = address_from(w.at(3));
       const int port = std::stoi(option(w, "port", "5353"));
