@@ -348,9 +348,10 @@ class Replay {
     return *s;
   }
 
-  static void started(mStatus status) {
-    if (status != mStatus_NoError) {
-      throw std::runtime_error("refused: " + std::to_string(status));
+  // A start must succeed, or be refused when the line says "refused".
+  static void started(mStatus status, const std::vector<std::string>& w) {
+    if ((status != mStatus_NoError) != flag(w, "refused")) {
+      throw std::runtime_error(status != mStatus_NoError ? "refused: " + std::to_string(status) : "not refused");
     }
   }
 
@@ -363,10 +364,13 @@ class Replay {
     }
     if (verb == "browse") {
       Slot& s = slot(w[3]);
-      const domainname type = to_name(wire_name(w[4]));
-      const bool has_domain = w.size() > 5 && w[5].back() == '.';
-      const domainname domain = to_name(wire_name(has_domain ? w[5] : "local."));
-      started(mDNS_StartBrowse(m_.get(), &s.question, &type, &domain, iface(w), mDNSfalse, on_answer, &s));
+      // As an application makes them from its texts ("-": an empty text).
+      const bool has_domain = w.size() > 5 && (w[5].back() == '.' || w[5] == "-");
+      domainname type{};
+      domainname domain{};
+      MakeDomainNameFromDNSNameString(&type, w[4] == "-" ? "" : w[4].c_str());
+      MakeDomainNameFromDNSNameString(&domain, !has_domain ? "local." : w[5] == "-" ? "" : w[5].c_str());
+      started(mDNS_StartBrowse(m_.get(), &s.question, &type, &domain, iface(w), mDNSfalse, on_answer, &s), w);
     } else if (verb == "query") {
       Slot& s = slot(w[3]);
       s.question.qname = to_name(wire_name(w[4]));
@@ -375,13 +379,13 @@ class Replay {
       s.question.InterfaceID = iface(w);
       s.question.QuestionCallback = on_answer;
       s.question.QuestionContext = &s;
-      started(mDNS_StartQuery(m_.get(), &s.question));
+      started(mDNS_StartQuery(m_.get(), &s.question), w);
     } else if (verb == "resolve") {
       Slot& s = slot(w[3]);
       s.resolve = true;
       s.info.name = to_name(wire_name(w[4]));
       s.info.InterfaceID = iface(w);
-      started(mDNS_StartResolveService(m_.get(), &s.query, &s.info, on_resolved, &s));
+      started(mDNS_StartResolveService(m_.get(), &s.query, &s.info, on_resolved, &s), w);
     } else if (verb == "stop") {
       stop(slot(w[3]));
     } else if (verb == "recv" || verb == "recv-dns") {

@@ -11,7 +11,8 @@
 //                                                  questions (then-resolve: each add starts a resolve
 //                                                  "ID/instance", as the device search does; any
 //                                                  start may end in "then-stop ID": its first
-//                                                  callback stops that one)
+//                                                  callback stops that one; "refused": the start
+//                                                  must fail)
 //   at T resolve ID NAME [iface NAME]
 //   at T query ID NAME TYPE
 //   at T stop ID

@@ -33,26 +33,6 @@ class Lifecycle : public ::testing::Test {
   std::vector<CacheEntity> cache_ = std::vector<CacheEntity>(8);
 };
 
-TEST_F(Lifecycle, BrowsesOnlyForServiceTypesInADomain) {
-  const std::string long_label = "_" + std::string(69, 'x') + "._tcp";
-  const struct {
-    const char* type;
-    const char* domain;
-    mStatus status;
-  } cases[] = {
-      {"_http._tcp", "local.", mStatus_NoError},    {"_ipp._udp", "example.test.", mStatus_NoError},
-      {"", "local.", mStatus_BadParamErr},          {long_label.c_str(), "local.", mStatus_BadParamErr},
-      {"_http._tcp", "", mStatus_BadParamErr},      {"_http", "local.", mStatus_BadParamErr},
-      {"http._tcp", "local.", mStatus_BadParamErr}, {"_http._sctp", "local.", mStatus_BadParamErr},
-      {"_._tcp", "local.", mStatus_BadParamErr},
-  };
-  for (const auto& c : cases) {
-    DNSQuestion q{};
-    EXPECT_EQ(browse(q, c.type, c.domain), c.status) << c.type << " in " << c.domain;
-    mDNS_StopQuery(m_.get(), &q);
-  }
-}
-
 TEST_F(Lifecycle, StopsOfWhatNeverRanDoNothingAndStartsTwiceAreRefused) {
   DNSQuestion never{};
   EXPECT_EQ(mDNS_StopQuery(m_.get(), &never), mStatus_BadParamErr);
