@@ -158,7 +158,7 @@ int main(int argc, char** argv) {
         lost.insert(name);
     }
     for (const std::string& name : now.names) {
-      if (ever.insert(name).second && name == o.watch)
+      if (ever.insert(name).second && name == o.watch && watch_epoch < 0)
         watch_epoch = epoch_ms();
     }
     const double t = since_start();
