@@ -7,7 +7,8 @@
 # the attack a new device publishes "Late <n> Bench".  Per attack it prints:
 # packets the attacker sent, real devices found / still listed at the end,
 # ms from publishing the late instance until it is listed (avahi's ~1 s of
-# probing included), the search loop's CPU time, peak RSS, records in the
+# probing included) / from the late device's first announcement of it (read
+# from a capture on that device) until it is listed, the search loop's CPU time, peak RSS, records in the
 # lists (IPv4 + IPv6) and the queries the querier sent.
 #
 # Then the situations of a big or changing LAN: 200 services and 2,000
@@ -95,7 +96,7 @@ wait_started() {
   return 1
 }
 
-declare -a rows
+declare -a rows=()
 n=0
 for entry in $attacks; do
   n=$((n + 1))
@@ -141,6 +142,7 @@ for entry in $attacks; do
     fi
   fi
   sleep 10
+  "${vlan[@]}" capture-start "$run" late eth0 >/dev/null
   announced=$(now_ms)
   # Under a flood the late device's own daemon may take longer than add-service waits.
   "${vlan[@]}" add-service "$run" late "$late" "$type" 8081 >/dev/null 2>&1 || echo "   (the late device's avahi-daemon was slow to publish)"
@@ -149,17 +151,22 @@ for entry in $attacks; do
   wait "$wpid" || { echo "the search ended with status $?"; cat "$work/watch.log"; }
   "${vlan[@]}" remove-service "$run" late "$late" "$type" >/dev/null
   "${vlan[@]}" capture-stop "$run" querier eth0 >/dev/null
+  "${vlan[@]}" capture-stop "$run" late eth0 >/dev/null
+  answered=$("${vlan[@]}" capture-first-answer "$run" late eth0 "$late")
   tail -n 1 "$work/attack.log" | sed 's/^/   attacker: /'
   tail -n 1 "$work/watch.log" | sed 's/^/   search:   /'
   sent=$(field packets "$work/attack.log")
   seen=$(field watch_epoch_ms "$work/watch.log")
   late_ms=never
-  [ -z "$seen" ] || [ "$seen" = -1 ] || late_ms=$((seen - announced))
+  if [ -n "$seen" ] && [ "$seen" != -1 ]; then
+    late_ms=$((seen - announced))
+    [ "$answered" = -1 ] || late_ms="$late_ms / $((seen - answered))"
+  fi
   rows+=("$entry|${sent:-0}|$(field real_ever "$work/watch.log")/$devices|$(field real_end "$work/watch.log")/$devices|$late_ms|$(field cpu_ms "$work/watch.log")|$(field rss_kb "$work/watch.log")|$(field v4 "$work/watch.log")+$(field v6 "$work/watch.log")|$(queries_sent)")
   sleep 3 # the devices' rate limits and caches settle
 done
 
-declare -a extra_rows
+declare -a extra_rows=()
 for extra in $extras; do
   echo "== $extra"
   case "$extra" in
@@ -223,11 +230,11 @@ done
 echo
 echo "Search under attack: $devices avahi-daemon devices, attacks of ${attack_seconds} s starting 2 s after the search"
 echo "(ptr-stream:first: 2 s before it), the search ending 5 s after the attack."
-printf '%-17s | %9s | %6s | %6s | %10s | %8s | %8s | %11s | %8s\n' attack "packets" found "at end" "late (ms)" \
+printf '%-17s | %9s | %6s | %6s | %13s | %8s | %8s | %11s | %8s\n' attack "packets" found "at end" "late (ms)" \
   "CPU (ms)" "RSS (KB)" "records" "queries"
 for row in "${rows[@]}"; do
   IFS='|' read -r a p f e l c r rec q <<<"$row"
-  printf '%-17s | %9s | %6s | %6s | %10s | %8s | %8s | %11s | %8s\n' "$a" "$p" "$f" "$e" "$l" "$c" "$r" "$rec" "$q"
+  printf '%-17s | %9s | %6s | %6s | %13s | %8s | %8s | %11s | %8s\n' "$a" "$p" "$f" "$e" "$l" "$c" "$r" "$rec" "$q"
 done
 if [ ${#extra_rows[@]} -gt 0 ]; then
   echo

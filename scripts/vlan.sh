@@ -45,6 +45,9 @@
 #   vlan.sh capture-start RUN HOST IFACE [EXPR]
 #                                           tcpdump of udp port 5353 (and EXPR) into a pcap
 #   vlan.sh capture-stop RUN HOST IFACE
+#   vlan.sh capture-first-answer RUN HOST IFACE TEXT
+#                                           epoch ms of the first response in the capture whose
+#                                           records mention TEXT (an instance name), or -1
 #   vlan.sh capture-count RUN HOST IFACE SRC [queries]
 #                                           prints "PACKETS BYTES" sent by SRC to udp port 5353
 #                                           (BYTES = sum of UDP payload sizes); "queries": only
@@ -871,6 +874,18 @@ cmd_capture_count() {
       END { printf "%d %d\n", packets, bytes }'
 }
 
+cmd_capture_first_answer() {
+  require_host "$1" "$2"
+  [ $# -eq 4 ] || die "capture-first-answer RUN HOST IFACE TEXT"
+  local base
+  base=$(capture_base "$1" "$2" "$3")
+  [ -e "$base.pcap" ] || die "no capture on $2 $3"
+  # tcpdump marks an authoritative response with "*" after the ID.
+  { tcpdump -r "$base.pcap" -n -tt 2>/dev/null || true; } |
+    awk -v text="$4" '/ [0-9]+\*-? / && index($0, text) { printf "%.0f\n", $1 * 1000; found = 1; exit }
+      END { if (!found) print -1 }'
+}
+
 # The processes inside a namespace, except the run's owner: a test process may
 # still have its main thread inside one of its namespaces.
 namespace_pids() { # NS RUN
@@ -947,6 +962,7 @@ case "$command" in
   capture-start) cmd_capture_start "$@" ;;
   capture-stop) cmd_capture_stop "$@" ;;
   capture-count) cmd_capture_count "$@" ;;
+  capture-first-answer) cmd_capture_first_answer "$@" ;;
   use-dns) cmd_use_dns "$@" ;;
   dns-address) cmd_dns_address "$@" ;;
   dns-service) cmd_dns_service "$@" ;;
