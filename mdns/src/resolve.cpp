@@ -126,18 +126,31 @@ void start_address_questions(mDNS* m, ServiceInfoQuery* query) {
   (void)question_start(m, &rs.aaaa, QuestionKind::kResolveAddress, core_of(m).now);
 }
 
+// The SRV that went away comes back as it was (a goodbye, then the device
+// announced again): its endpoints were reported and are still the same.
+bool returns_unchanged(const ResolveState& rs, const rdataSRV& srv) {
+  return !rs.has_srv && rs.reported_count > 0 && rs.port.NotAnInteger == srv.port.NotAnInteger &&
+         names_equal(rs.target, srv.target);
+}
+
 // A new SRV (the first, or one whose port or target differs): every address
 // is reported again with its port, and a new target's addresses are asked for.
 void adopt(mDNS* m, ServiceInfoQuery* query, const rdataSRV& srv) {
   ResolveState& rs = resolve_of(query);
+  const bool returning = returns_unchanged(rs, srv);
   const bool new_target = !rs.has_srv || !names_equal(rs.target, srv.target);
-  if (new_target && !copy_name(rs.target, srv.target)) {
+  if (new_target && !returning && !copy_name(rs.target, srv.target)) {
     return;
   }
   rs.has_srv = true;
   rs.port = srv.port;
-  rs.reported_count = 0;
   query->info->port = srv.port;
+  if (returning) {
+    start_address_questions(m, query);
+    settle(m, rs);
+    return;
+  }
+  rs.reported_count = 0;
   if (new_target) {
     start_address_questions(m, query);
   } else {
@@ -181,7 +194,8 @@ void on_srv(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_resu
     return;
   }
   // No SRV left: the target is no longer known.  A resolve that has reported
-  // keeps listening for the service to come back.
+  // keeps listening for the service to come back, and remembers what it
+  // reported, so that the same SRV back does not report it twice.
   rs.has_srv = false;
   question_stop(m, &rs.a);
   question_stop(m, &rs.aaaa);
