@@ -229,8 +229,11 @@ void deliver_cached_answers(mDNS* m, DNSQuestion* q) {
   bool answered = false;
   for (CacheRecord* rr = cache_first(core, s.name_hash); rr != nullptr;) {
     CacheRecord* next = cache_next(core, rr);
-    if (!rr->add_pending && !rr->expiring && question_answered_by(*q, rr->resrec)) {
-      answered = true;
+    // A record in the second after a goodbye is still an answer (its owner may
+    // correct the goodbye, and its removal is reported if not), but not one
+    // that spares the question its queries.
+    if (!rr->add_pending && question_answered_by(*q, rr->resrec)) {
+      answered = answered || !rr->expiring;
       report_added(m, q, rr);
       // The callback may have stopped this very question, or the core.
       if (!core_alive(m) || !question_active(m, q)) {

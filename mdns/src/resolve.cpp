@@ -106,7 +106,7 @@ void report_cached_addresses(mDNS* m, ServiceInfoQuery* query) {
   for (CacheRecord* rr = cache_first(core, name_hash(rs.target)); rr != nullptr;) {
     CacheRecord* next = cache_next(core, rr);
     DNSQuestion* q = rr->resrec.rrtype == kDNSType_A ? &rs.a : &rs.aaaa;
-    if (!rr->expiring && !rr->add_pending && question_active(m, q) && question_answered_by(*q, rr->resrec)) {
+    if (!rr->add_pending && question_active(m, q) && question_answered_by(*q, rr->resrec)) {
       report_address(m, query, rr->resrec);
       if (!core.initialized || !resolve_active(m, query)) {
         return;
