@@ -1,6 +1,5 @@
-// The reverse lookup: its answer and name decoders on well-formed and hostile
-// messages, and the whole lookup against a scripted device on a loopback of
-// its own (the tests own port 5353 there).
+// The reverse lookup: its answer decoder on well-formed and hostile messages,
+// and the whole lookup against a scripted device on a loopback of its own.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -9,7 +8,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
-#include <cstring>
 #include <initializer_list>
 #include <memory>
 #include <mutex>
@@ -20,7 +18,7 @@
 
 #include "reverse_lookup/answer_decoder.h"
 #include "scripted_peer.h"
-#include "sorvalen/dns_reverse_lookup_posix.h"
+#include "sorvalen/dns_reverse_lookup.h"
 
 namespace sorvalen::test {
 namespace {
@@ -101,39 +99,6 @@ TEST(AnswerDecoder, ReadsTheLatestPtrAndSrvAnswersAndRefusesAnythingElseKeepingT
   for (std::size_t length = 2; length < compressed.size(); ++length)
     EXPECT_FALSE(decode_answer(compressed.data(), length, 5, 0xBEEF).ok) << length;
   EXPECT_EQ(decode_answer(compressed.data(), 1, 5, 0xBEEF).id, 0xBEEF);
-}
-
-TEST(ReadName, DecodesNamesInsideTheReceiveBufferAndCountsTheBytesWhereTheyStart) {
-  // 12: "local"; 19: "b" -> 12; 23: "a" -> 19
-  const Bytes chained = {0,   0,   0, 0, 0,   0,    0,  0, 0,   0,    0,  0, 5,    'l', 'o',  'c',
-                         'a', 'l', 0, 1, 'b', 0xC0, 12, 1, 'a', 0xC0, 19, 0, 0xC0, 27,  0xC0, 30};
-  const struct {
-    Bytes message;
-    std::size_t offset;
-    std::string text;
-    int count;
-  } cases[] = {
-      {wire_name("dev.local"), 0, "dev.local", 11},
-      {chained, 23, "a.b.local", 4},
-      {chained, 21, "local", 2},
-      {chained, 27, "", 1},
-      {chained, 28, "", 2},
-      // Hostile: a pointer to itself, one past the 1024 bytes, a reader at their end.
-      {chained, 30, "", 0},
-      {{0xC7, 0xFF}, 0, "", 0},
-      {{0}, 1024, "", 0},
-  };
-  DNSReverseLookupPosix lookup;
-  for (const auto& c : cases) {
-    unsigned char buffer[1024] = {};
-    std::memcpy(buffer, c.message.data(), c.message.size());
-    int count = -1;
-    std::unique_ptr<unsigned char, decltype(&std::free)> block(
-        lookup.ReadName(buffer + c.offset, buffer, &count), &std::free);
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(reinterpret_cast<const char*>(block.get()), c.text) << c.offset;
-    EXPECT_EQ(count, c.count) << c.offset;
-  }
 }
 
 using namespace std::chrono_literals;
