@@ -194,7 +194,7 @@ TEST(SearchOnLan, ListsEachOf2000InstancesOnceAndADeviceAnnouncedAfterABurstOfLo
   lan.add_lan();
   for (const char* host : {"querier", "attacker", "dev"})
     lan.add_host(host, {1});
-  lan.add_services("dev", "Unit", "_sorvmany._tcp", 9000, 2000);
+  lan.command({"add-services", "dev", "Unit", "_sorvmany._tcp", "9000", "2000"});
   lan.start_avahi("dev");
   const auto [dev4, dev6] = addresses_of(lan, "dev");
   Endpoints units;
@@ -240,13 +240,14 @@ TEST(SearchOnLan, FindsTheZonesServicesOverUnicastDnsAndFollowsAReload) {
   lan.add_lan();
   lan.add_host("querier", {1});
   lan.add_host("dns", {1});
-  lan.dns_address("dns", "printer", {"198.51.100.50", "2001:db8::50"});
-  lan.dns_address("dns", "camera", {"198.51.100.60", "2001:db8::60"});
-  lan.dns_service("dns", {"Office Printer", "_http._tcp", 631, {"rp=ipp/print"}}, "printer");
-  lan.dns_service("dns", {"Printer Admin", "_http._tcp", 80, {}}, "printer");
-  lan.dns_service("dns", {"Door Camera", "_http._tcp", 8554, {}}, "camera");
-  lan.start_dns("dns", "example.test.", kTtlSeconds);
-  const std::string resolver_file = lan.use_dns("querier", "dns");
+  // A BIND 9 server for the zone; once it runs, each change returns when it is served.
+  lan.command({"dns-address", "dns", "printer", "198.51.100.50", "2001:db8::50"});
+  lan.command({"dns-address", "dns", "camera", "198.51.100.60", "2001:db8::60"});
+  lan.command({"dns-service", "dns", "Office Printer", "_http._tcp", "631", "printer"});
+  lan.command({"dns-service", "dns", "Printer Admin", "_http._tcp", "80", "printer"});
+  lan.command({"dns-service", "dns", "Door Camera", "_http._tcp", "8554", "camera"});
+  lan.command({"start-dns", "dns", "--zone", "example.test.", "--ttl", std::to_string(kTtlSeconds)});
+  const std::string resolver_file = lan.command({"use-dns", "querier", "dns"});
 
   NetnsScope netns(lan.netns("querier"));
   ResolverScope resolver(resolver_file);
@@ -267,8 +268,8 @@ TEST(SearchOnLan, FindsTheZonesServicesOverUnicastDnsAndFollowsAReload) {
   // A reloaded zone: the camera's service gone, the printer's port changed.
   // Once the records' TTL has run out the search has asked again.
   const Endpoints before = endpoints();
-  lan.dns_remove_service("dns", "Door Camera", "_http._tcp");
-  lan.dns_service("dns", {"Office Printer", "_http._tcp", 8631, {"rp=ipp/print"}}, "printer");
+  lan.command({"dns-remove-service", "dns", "Door Camera", "_http._tcp"});
+  lan.command({"dns-service", "dns", "Office Printer", "_http._tcp", "8631", "printer"});
   const std::string moved = "Office Printer _http._tcp.example.test. 8631 ";
   EXPECT_TRUE(wait_until(
       [&] {
