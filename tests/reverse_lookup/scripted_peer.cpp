@@ -28,8 +28,6 @@ Bytes rr(Bytes owner, uint16_t type, const Bytes& rdata) {
 }
 
 ScriptedPeer::ScriptedPeer() : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP)) {
-  const int on = 1;
-  setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in local{};
   local.sin_family = AF_INET;
   local.sin_port = htons(5353);

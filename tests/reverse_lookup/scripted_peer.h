@@ -33,7 +33,6 @@ class ScriptedPeer {
  public:
   ScriptedPeer();  // binds 127.0.0.1:5353; throws std::runtime_error
   ~ScriptedPeer();
-
   // The next datagram, waiting at most `wait`; false when none came.
   bool await_query(ReceivedQuery* query, std::chrono::milliseconds wait = std::chrono::seconds(20));
   void reply(const ReceivedQuery& to, const Bytes& message);
