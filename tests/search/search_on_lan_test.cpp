@@ -1,6 +1,7 @@
 // Whole searches on virtual LANs, run inside the querier's namespace, as an
-// application sees them in the lists: devices that answer with avahi-daemon,
-// a device with 2,000 instances, a flood, and a real DNS server (BIND 9).
+// application sees them in the lists: devices that answer with avahi-daemon
+// (which also answers a reverse lookup), a device with 2,000 instances, a
+// flood, and a real DNS server (BIND 9).
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -11,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -19,6 +21,7 @@
 #include <thread>
 
 #include "netns_scope.h"
+#include "sorvalen/dns_reverse_lookup.h"
 #include "sorvalen/mdns_search_posix.h"
 #include "virtual_lan.h"
 #include "virtual_lan_requirement.h"
@@ -75,15 +78,6 @@ EndpointSet settled() {
   return last;
 }
 
-// The host's IPv4 and IPv6 link-local address as endpoints() writes them.
-std::pair<std::string, std::string> addresses_of(const VirtualLan& lan, const std::string& host) {
-  unsigned char bytes[16] = {};
-  char text[INET6_ADDRSTRLEN] = {};
-  const std::string v6 = lan.host_ipv6_link_local(host);
-  inet_pton(AF_INET6, v6.substr(0, v6.find('%')).c_str(), bytes);
-  return {lan.host_ipv4(host), inet_ntop(AF_INET6, bytes, text, sizeof text)};
-}
-
 std::set<std::string> entries_of(const char* folder) {
   std::set<std::string> entries;
   for (const auto& entry : std::filesystem::directory_iterator(folder))
@@ -104,8 +98,8 @@ TEST(SearchOnLan, WhatAnApplicationSeesThroughASearchsLife) {
                           {"Kitchen Speaker", "_http._tcp", 80, {}},
                           {"Shell Box", "_ssh._tcp", 22, {}}});
   lan.start_avahi("far", {{"Office Printer", "_http._tcp", 631, {}}});
-  const auto [dev4, dev6] = addresses_of(lan, "dev");
-  const auto [far4, far6] = addresses_of(lan, "far");
+  const std::string dev4 = lan.host_ipv4("dev"), dev6 = lan.host_ipv6_link_local("dev");
+  const std::string far4 = lan.host_ipv4("far"), far6 = lan.host_ipv6_link_local("far");
   const std::string tv = "Living Room TV _http._tcp.local. 8080 ", tv4 = tv + dev4;
   const std::string speaker = "Kitchen Speaker _http._tcp.local. 80 ";
   const std::string printer = "Office Printer _http._tcp.local. 631 ", printer6 = printer + far6;
@@ -183,6 +177,22 @@ TEST(SearchOnLan, WhatAnApplicationSeesThroughASearchsLife) {
   search->Stop();
   EXPECT_EQ(entries_of("/proc/self/task"), threads_before);
   EXPECT_EQ(entries_of("/proc/self/fd").size(), descriptors_before);
+
+  // The reverse lookup, sharing this LAN: avahi-daemon answers for its own service.
+  std::promise<std::string> outcome;
+  DNSReverseLookup* lookup = DNSReverseLookup::CreateDNSReverseLookup();
+  lookup->connect([&outcome](unsigned short id, bool ok, IPAddressV4 record) {
+    char address[INET_ADDRSTRLEN] = {};
+    outcome.set_value(std::to_string(id) + (ok ? " ok " : " failed ") +
+                      inet_ntop(AF_INET, &record.address, address, sizeof address) + ":" +
+                      std::to_string(record.port) + " " + record.name);
+  });
+  ASSERT_TRUE(lookup->Init());
+  ASSERT_TRUE(lookup->Lookup(0x2121, dev4, "_ssh._tcp.local"));
+  std::future<std::string> arrived = outcome.get_future();
+  arrived.wait_for(std::chrono::seconds(20));
+  lookup->Dispose();  // ends a lookup still waiting, with a failed outcome
+  EXPECT_EQ(arrived.get(), "8481 ok " + dev4 + ":22 Shell Box._ssh._tcp.local");
 }
 
 // One device with 2,000 instances is listed whole; then a burst of 600 unique,
@@ -196,7 +206,7 @@ TEST(SearchOnLan, ListsEachOf2000InstancesOnceAndADeviceAnnouncedAfterABurstOfLo
     lan.add_host(host, {1});
   lan.command({"add-services", "dev", "Unit", "_sorvmany._tcp", "9000", "2000"});
   lan.start_avahi("dev");
-  const auto [dev4, dev6] = addresses_of(lan, "dev");
+  const std::string dev4 = lan.host_ipv4("dev"), dev6 = lan.host_ipv6_link_local("dev");
   Endpoints units;
   for (int n = 1; n <= 2000; ++n) {
     for (const std::string& address : {dev4, dev6})
