@@ -24,11 +24,9 @@ struct AvahiOptions {
 
 // Virtual LANs on this machine for one test, made by scripts/vlan.sh (which
 // tells what each call does): LAN n is a bridge, a host a network namespace
-// whose eth0, eth1... join the LANs given to add_host.  LAN 1 is
-// 192.0.2.0/24, LAN 2 198.51.100.0/24 (hosts from .10 on), each interface also
-// has an IPv6 link-local address.  Calls work from inside a NetnsScope too and
-// throw std::runtime_error on failure; the destructor removes everything of
-// the run.  Needs root (see SV_REQUIRE_VIRTUAL_LAN).
+// whose eth0, eth1... join the LANs given to add_host.  Calls work from inside
+// a NetnsScope too and throw std::runtime_error on failure; the destructor
+// removes everything of the run.  Needs root (see SV_REQUIRE_VIRTUAL_LAN).
 class VirtualLan {
  public:
   VirtualLan();
