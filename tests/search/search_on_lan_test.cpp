@@ -10,13 +10,11 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 
@@ -75,6 +73,7 @@ std::set<std::string> entries_of(const char* folder) {
 // LAN 1: the querier's eth0 and "dev"; LAN 2: its eth1 and "far".
 TEST(SearchOnLan, WhatAnApplicationSeesThroughASearchsLife) {
   SV_REQUIRE_VIRTUAL_LAN();
+  const std::string host_interfaces = run_command({"ip", "-br", "addr", "show"}).out;
   VirtualLan lan;
   lan.add_lan();
   lan.add_lan();
@@ -85,6 +84,7 @@ TEST(SearchOnLan, WhatAnApplicationSeesThroughASearchsLife) {
                           {"Kitchen Speaker", "_http._tcp", 80, {}},
                           {"Shell Box", "_ssh._tcp", 22, {}}});
   lan.start_avahi("far", {{"Office Printer", "_http._tcp", 631, {}}});
+  ASSERT_EQ(run_command({"ip", "-br", "addr", "show"}).out, host_interfaces) << "the LAN reaches the host";
   const std::string dev4 = lan.host_ipv4("dev"), dev6 = lan.host_ipv6_link_local("dev");
   const std::string far4 = lan.host_ipv4("far"), far6 = lan.host_ipv6_link_local("far");
   const std::string tv = "Living Room TV _http._tcp.local. 8080 ", tv4 = tv + dev4;
@@ -248,9 +248,7 @@ TEST(SearchOnLan, FindsTheZonesServicesOverUnicastDnsAndFollowsAReload) {
   NetnsScope netns(lan.netns("querier"));
   ResolverScope resolver(resolver_file);
   // Unicast DNS goes to the run's server and nowhere else.
-  std::ostringstream resolv_conf;
-  resolv_conf << std::ifstream("/etc/resolv.conf").rdbuf();
-  ASSERT_EQ(resolv_conf.str(), "nameserver " + lan.host_ipv4("dns") + "\n");
+  ASSERT_EQ(run_command({"cat", "/etc/resolv.conf"}).out, "nameserver " + lan.host_ipv4("dns") + "\n");
   std::unique_ptr<MDNSSearch> search(MDNSSearch::CreateMDNSSearch());
   ASSERT_TRUE(search->Init());
   ASSERT_TRUE(search->Start(",", "_http._tcp", "example.test.", 0, ""));
