@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "dns_builder.h"
@@ -143,11 +144,7 @@ class SearchHandlersTest : public ::testing::Test {
 };
 
 TEST_F(SearchHandlersTest, FilterWordsMatchAnywhereIgnoringAsciiCase) {
-  const struct {
-    const char* filter;
-    Names announced;
-    Names resolved;
-  } cases[] = {
+  const std::tuple<const char*, Names, Names> cases[] = {
       {"abc", {"ABC", "xAbCy", "abc-2", "ab c", "xyz"}, {"ABC", "xAbCy", "abc-2"}},
       {"zz,a", {"aa", "zza", "q"}, {"aa", "zza"}},  // one resolve also when both words match
       {"", {"Living Room", "x"}, {}},
@@ -155,12 +152,11 @@ TEST_F(SearchHandlersTest, FilterWordsMatchAnywhereIgnoringAsciiCase) {
       {"a, b", {"b", "x B", "c"}, {"x B"}},
       {"\xc3\xa9", {"caf\xc3\x89", "caf\xc3\xa9"}, {"caf\xc3\xa9"}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string("filter '") + c.filter + "'");
-    UseFilter(c.filter);
-    for (const std::string& instance : c.announced)
+  for (const auto& [filter, announced, resolved] : cases) {
+    UseFilter(filter);
+    for (const std::string& instance : announced)
       Announce(instance);
-    EXPECT_EQ(Resolving(), c.resolved);
+    EXPECT_EQ(Resolving(), resolved) << "filter '" << filter << "'";
     TearDown();
   }
 

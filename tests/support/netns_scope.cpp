@@ -16,8 +16,12 @@ namespace {
 
 constexpr const char* kOwnNamespace = "/proc/thread-self/ns/net";
 
-[[noreturn]] void fail(const std::string& what) {
-  throw std::runtime_error(what + ": " + std::strerror(errno));
+// Closes the scope's descriptors (-1 for none) and throws.
+[[noreturn]] void fail(const std::string& what, int first, int second) {
+  const std::string reason = what + ": " + std::strerror(errno);
+  ::close(first);
+  ::close(second);
+  throw std::runtime_error(reason);
 }
 
 // A thread that cannot go back would send from, or read the resolver file of,
@@ -35,13 +39,8 @@ void go_back(int previous, int type, int cwd = -1) {
 NetnsScope::NetnsScope(const std::string& netns_name) {
   previous_ = ::open(kOwnNamespace, O_RDONLY | O_CLOEXEC);
   const int target = ::open(("/run/netns/" + netns_name).c_str(), O_RDONLY | O_CLOEXEC);
-  if (previous_ < 0 || target < 0 || setns(target, CLONE_NEWNET) != 0) {
-    const int error = errno;
-    ::close(previous_);
-    ::close(target);
-    errno = error;
-    fail("cannot enter namespace " + netns_name);
-  }
+  if (previous_ < 0 || target < 0 || setns(target, CLONE_NEWNET) != 0)
+    fail("cannot enter namespace " + netns_name, previous_, target);
   ::close(target);
 }
 
@@ -58,21 +57,14 @@ unsigned long current_netns_id() {
 ResolverScope::ResolverScope(const std::string& resolver_file)
     : previous_(::open("/proc/thread-self/ns/mnt", O_RDONLY | O_CLOEXEC)),
       cwd_(::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-  const auto give_up = [this](const std::string& what) {
-    const int error = errno;
-    ::close(previous_);
-    ::close(cwd_);
-    errno = error;
-    fail(what);
-  };
   // unshare also gives this thread a file-system context of its own; the
   // mounts after it never reach the machine's namespace.
   if (previous_ < 0 || cwd_ < 0 || unshare(CLONE_NEWNS) != 0)
-    give_up("cannot make a mount namespace");
+    fail("cannot make a mount namespace", previous_, cwd_);
   if (mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0 ||
       mount(resolver_file.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0) {
     go_back(previous_, CLONE_NEWNS, cwd_);
-    give_up("cannot mount " + resolver_file + " over /etc/resolv.conf");
+    fail("cannot mount " + resolver_file + " over /etc/resolv.conf", previous_, cwd_);
   }
 }
 
