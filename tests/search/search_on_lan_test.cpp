@@ -203,7 +203,7 @@ TEST(SearchOnLan, ListsEachOf2000InstancesOnceAndADeviceAnnouncedAfterABurstOfLo
   ASSERT_TRUE(search->Init());
 
   ASSERT_TRUE(search->Start(",", "_sorvmany._tcp", "local.", 0, ""));
-  EXPECT_TRUE(wait_until([] { return endpoints().size() >= 4000; }, 30)) << endpoints().size() << " listed";
+  EXPECT_TRUE(wait_until([] { return endpoints().size() >= 4000; }, 60)) << endpoints().size() << " listed";
   std::this_thread::sleep_for(std::chrono::seconds(3));  // late duplicates would show by now
   EXPECT_TRUE(endpoints() == units) << endpoints().size() << " listed";
 
