@@ -13,10 +13,6 @@ constexpr std::pair<const char*, uint16_t> kTypes[] = {{"A", 1},     {"NS", 2}, 
                                                        {"PTR", 12},  {"TXT", 16}, {"AAAA", 28}, {"SRV", 33},
                                                        {"NSEC", 47}, {"ANY", 255}};
 
-unsigned number(const std::string& text) {
-  return static_cast<unsigned>(std::stoul(text, nullptr, 0));
-}
-
 void append(Bytes& out, const Bytes& more) {
   out.insert(out.end(), more.begin(), more.end());
 }
@@ -63,7 +59,7 @@ uint16_t type_code(const std::string& mnemonic) {
       return code;
   }
   if (mnemonic.rfind("TYPE", 0) == 0)
-    return static_cast<uint16_t>(number(mnemonic.substr(4)));
+    return static_cast<uint16_t>(std::stoul(mnemonic.substr(4)));
   throw std::invalid_argument("unknown record type " + mnemonic);
 }
 
@@ -90,7 +86,7 @@ Bytes record_data(uint16_t type, const std::vector<std::string>& fields) {
     out = wire_name(fields.at(0));
   } else if (type == 33) {
     for (size_t i = 0; i < 3; ++i)
-      append_u16(out, number(fields.at(i)));
+      append_u16(out, static_cast<unsigned>(std::stoul(fields.at(i), nullptr, 0)));
     append(out, wire_name(fields.at(3)));
   } else if (type == 16) {
     for (const std::string& s : fields) {

@@ -60,7 +60,9 @@ class VirtualLan {
                         : std::vector<std::string>{"start-avahi", host});
   }
   void add_service(const std::string& host, const ServiceSpec& s) {
-    script(with(s.txt, {"add-service", host, s.name, s.type, std::to_string(s.port)}));
+    std::vector<std::string> args = {"add-service", host, s.name, s.type, std::to_string(s.port)};
+    args.insert(args.end(), s.txt.begin(), s.txt.end());
+    script(args);
   }
   void remove_service(const std::string& host, const std::string& name, const std::string& type) {
     script({"remove-service", host, name, type});
@@ -79,10 +81,6 @@ class VirtualLan {
                      int timeout_seconds = 60) const;
 
  private:
-  static std::vector<std::string> with(const std::vector<std::string>& more, std::vector<std::string> args) {
-    args.insert(args.end(), more.begin(), more.end());
-    return args;
-  }
   std::string script(std::vector<std::string> args) const;  // stdout, trimmed; throws on failure
   CommandResult run_from_home(const std::vector<std::string>& argv, int timeout_seconds = 120) const;
 
