@@ -12,45 +12,30 @@
 namespace {
 
 TEST(TextHelpers, SplitKeepsEmptyInnerFieldsDropsTheOneAfterATrailingDelimiterAndTrimsNothing) {
-  const struct {
-    std::string text;
-    char delimiter;
-    std::vector<std::string> fields;
-  } cases[] = {
+  const std::tuple<std::string, char, std::vector<std::string>> cases[] = {
       {"", ',', {}},
-      {"tv", ',', {"tv"}},
       {"a,,b", ',', {"a", "", "b"}},
       {",a", ',', {"", "a"}},
       {",", ',', {""}},
       {"a,,", ',', {"a", ""}},
       {" Living Room TV ,Kitchen", ',', {" Living Room TV ", "Kitchen"}},
       {"a;b,c", ';', {"a", "b,c"}},
-      {std::string("\xc3\xa9\t\x01,\xff", 6), ',', {"\xc3\xa9\t\x01", "\xff"}},
-      {std::string("a\0b,c", 5), ',', {std::string("a\0b", 3), "c"}},
+      {std::string("\xc3\xa9\t\0,\xff", 6), ',', {std::string("\xc3\xa9\t\0", 4), "\xff"}},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(split(c.text, c.delimiter), c.fields) << "text: \"" << c.text << "\"";
+  for (const auto& [text, delimiter, fields] : cases)
+    EXPECT_EQ(split(text, delimiter), fields) << "text: \"" << text << "\"";
 }
 
+// Texts of other lengths never match, and a prefix must not read past its end.
 TEST(TextHelpers, CompareFoldsOnlyAsciiLettersInThePosixLocale) {
   ASSERT_NE(std::setlocale(LC_CTYPE, "C"), nullptr);
-  for (int x = 0; x < 256; ++x) {
-    for (int y = 0; y < 256; ++y) {
-      const bool same_letter = (x | 0x20) == (y | 0x20) && (x | 0x20) >= 'a' && (x | 0x20) <= 'z';
-      ASSERT_EQ(ci_compare_pred(static_cast<unsigned char>(x), static_cast<unsigned char>(y)),
-                x == y || same_letter)
-          << "bytes " << x << " and " << y;
-    }
-  }
-  // Texts of other lengths never match, and a prefix must not read past its end.
-  for (const auto& [a, b, equal] :
-       std::vector<std::tuple<std::string, std::string, bool>>{{"", "", true},
-                                                               {"Living Room TV", "living room tv", true},
-                                                               {"\xc9t", "\xc9T", true},
-                                                               {"", "a", false},
-                                                               {"tv", "tw", false},
-                                                               {"abc", "abcd", false},
-                                                               {"abcd", "abc", false}})
+  const std::tuple<std::string, std::string, bool> cases[] = {
+      {"", "", true},           {"Living Room TV", "living room tv", true},
+      {"\xc9t", "\xc9T", true}, {"", "a", false},
+      {"tv", "tw", false},      {"abc", "abcd", false},
+      {"abcd", "abc", false},   {"AZ", "az", true},
+      {"\xe9", "\xc9", false},  {"@[", "`{", false}};
+  for (const auto& [a, b, equal] : cases)
     EXPECT_EQ(ci_compare(a, b), equal) << a << " / " << b;
 }
 

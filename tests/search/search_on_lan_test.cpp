@@ -1,26 +1,25 @@
 // Whole searches on virtual LANs, run inside the querier's namespace, as an
-// application sees them in the lists: devices that answer with avahi-daemon,
-// a device with 2,000 instances, a flood, and a real DNS server (BIND 9).
+// application sees them in the lists: devices that answer with avahi-daemon
+// (which also answers a reverse lookup), a device with 2,000 instances, a
+// flood, and a real DNS server (BIND 9).
 #include <arpa/inet.h>
-#include <dirent.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <fstream>
+#include <filesystem>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 
 #include "netns_scope.h"
+#include "sorvalen/dns_reverse_lookup.h"
 #include "sorvalen/mdns_search_posix.h"
 #include "virtual_lan.h"
 #include "virtual_lan_requirement.h"
@@ -64,43 +63,17 @@ bool wait_until(const std::function<bool()>& condition, int seconds = 20) {
   return true;
 }
 
-// The distinct endpoints once none has come for 3 s.
-EndpointSet settled() {
-  EndpointSet last = distinct();
-  for (auto change = Clock::now(); Clock::now() - change < std::chrono::seconds(3);) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    if (distinct() != last) {
-      last = distinct();
-      change = Clock::now();
-    }
-  }
-  return last;
-}
-
-// The host's IPv4 and IPv6 link-local address as endpoints() writes them.
-std::pair<std::string, std::string> addresses_of(const VirtualLan& lan, const std::string& host) {
-  unsigned char bytes[16] = {};
-  char text[INET6_ADDRSTRLEN] = {};
-  const std::string v6 = lan.host_ipv6_link_local(host);
-  inet_pton(AF_INET6, v6.substr(0, v6.find('%')).c_str(), bytes);
-  return {lan.host_ipv4(host), inet_ntop(AF_INET6, bytes, text, sizeof text)};
-}
-
-std::set<long> entries_of(const char* folder) {
-  std::set<long> entries;
-  DIR* dir = opendir(folder);
-  while (const dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
-    if (entry->d_name[0] != '.')
-      entries.insert(std::strtol(entry->d_name, nullptr, 10));
-  }
-  if (dir != nullptr)
-    closedir(dir);
+std::set<std::string> entries_of(const char* folder) {
+  std::set<std::string> entries;
+  for (const auto& entry : std::filesystem::directory_iterator(folder))
+    entries.insert(entry.path().filename());
   return entries;
 }
 
 // LAN 1: the querier's eth0 and "dev"; LAN 2: its eth1 and "far".
 TEST(SearchOnLan, WhatAnApplicationSeesThroughASearchsLife) {
   SV_REQUIRE_VIRTUAL_LAN();
+  const std::string host_interfaces = run_command({"ip", "-br", "addr", "show"}).out;
   VirtualLan lan;
   lan.add_lan();
   lan.add_lan();
@@ -111,90 +84,58 @@ TEST(SearchOnLan, WhatAnApplicationSeesThroughASearchsLife) {
                           {"Kitchen Speaker", "_http._tcp", 80, {}},
                           {"Shell Box", "_ssh._tcp", 22, {}}});
   lan.start_avahi("far", {{"Office Printer", "_http._tcp", 631, {}}});
-  const auto [dev4, dev6] = addresses_of(lan, "dev");
-  const auto [far4, far6] = addresses_of(lan, "far");
+  ASSERT_EQ(run_command({"ip", "-br", "addr", "show"}).out, host_interfaces) << "the LAN reaches the host";
+  const std::string dev4 = lan.host_ipv4("dev"), dev6 = lan.host_ipv6_link_local("dev");
+  const std::string far4 = lan.host_ipv4("far"), far6 = lan.host_ipv6_link_local("far");
   const std::string tv = "Living Room TV _http._tcp.local. 8080 ", tv4 = tv + dev4;
-  const std::string speaker = "Kitchen Speaker _http._tcp.local. 80 ", speaker4 = speaker + dev4;
+  const std::string speaker = "Kitchen Speaker _http._tcp.local. 80 ";
   const std::string printer = "Office Printer _http._tcp.local. 631 ", printer6 = printer + far6;
   const std::string shell4 = "Shell Box _ssh._tcp.local. 22 " + dev4;
   NetnsScope scope(lan.netns("querier"));
   std::unique_ptr<MDNSSearch> search(MDNSSearch::CreateMDNSSearch());
   ASSERT_TRUE(search->Init());
 
-  // An empty filter finds nothing; the time limit ends the loop after 2 to
-  // about 3 seconds of whole-second clock.
-  ASSERT_TRUE(search->Start("", "_http._tcp", "local.", 2, ""));
+  // The time limit ends the loop after 2 to about 3 seconds of whole-second clock.
+  ASSERT_TRUE(search->Start(",", "_http._tcp", "local.", 2, ""));
   EXPECT_TRUE(search->GetRunning());
   ASSERT_TRUE(wait_until([&] { return !search->GetRunning(); }, 15));
+
+  // Only an exact interface name is taken, and it limits the search to its link.
+  for (const char* name : {"eth9", "ETH1", "eth", "eth1 "})
+    EXPECT_FALSE(search->Start(",", "_http._tcp", "local.", 0, name)) << name;
+  ASSERT_TRUE(search->Start("Office", "_http._tcp", "local.", 0, "eth1"));
+  EXPECT_TRUE(wait_until([&] { return distinct() == EndpointSet({printer + far4, printer6}); }));
+  ASSERT_TRUE(search->Start("Living", "_http._tcp", "local.", 0, "eth1"));
+  std::this_thread::sleep_for(std::chrono::seconds(3));
   EXPECT_TRUE(endpoints().empty());
 
-  // Only the second word matches, inside the name and in another case; only
-  // an exact interface name is taken, and it limits the search to its link.
-  for (const char* name : {"eth9", "ETH1", "eth", "eth1 "})
-    EXPECT_FALSE(search->Start("zzz,ICE PRINT", "_http._tcp", "local.", 0, name)) << name;
-  ASSERT_TRUE(search->Start("zzz,ICE PRINT", "_http._tcp", "local.", 0, "eth1"));
-  EXPECT_TRUE(wait_until([&] { return distinct().size() == 2; }));
-  EXPECT_EQ(settled(), EndpointSet({printer + far4, printer6}));
-  ASSERT_TRUE(search->Start("Living", "_http._tcp", "local.", 0, "eth1"));
-  EXPECT_TRUE(settled().empty());
-
-  // A lone comma admits every instance of the type, with its addresses in
-  // their byte orders, while an application thread reads under the lock.
+  // Every link's devices, with their addresses in their byte orders.
   ASSERT_TRUE(search->Start(",", "_http._tcp", "local.", 0, ""));
-  std::atomic<bool> reading{true};
-  std::thread reader([&] {
-    for (int i = 0; i < 4000 && reading; ++i) {
-      endpoints();
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-  });
-  const EndpointSet all = {tv4, tv + dev6, speaker4, speaker + dev6, printer + far4, printer6};
-  EXPECT_TRUE(wait_until([&] { return distinct().size() >= all.size(); }));
-  reading = false;
-  reader.join();
-  ASSERT_EQ(settled(), all);
+  const EndpointSet all = {tv4, tv + dev6, speaker + dev4, speaker + dev6, printer + far4, printer6};
+  ASSERT_TRUE(wait_until([&] { return distinct() == all; })) << ::testing::PrintToString(endpoints());
 
-  // Each address answer adds a record; a withdrawal takes one of each family.
-  const Endpoints before = endpoints();
-  lan.remove_service("dev", "Kitchen Speaker", "_http._tcp");
-  EXPECT_TRUE(wait_until([&] {
-    const Endpoints now = endpoints();
-    return now.count(speaker4) == before.count(speaker4) - 1 &&
-           now.count(speaker + dev6) == before.count(speaker + dev6) - 1;
-  }));
-  EXPECT_EQ(endpoints().count(tv4), before.count(tv4));
-
-  // Start while searching begins a new search with emptied lists; Stop keeps
-  // them, and so does a Start that fails for want of a core.
+  // Start while searching begins a new search with emptied lists; Destroy
+  // while it runs stops it and keeps them.
   ASSERT_TRUE(search->Start(",", "_ssh._tcp", "local.", 0, ""));
-  EXPECT_TRUE(search->GetRunning());
   EXPECT_EQ(endpoints().count(tv4), 0u);
   ASSERT_TRUE(wait_until([&] { return endpoints().count(shell4) > 0; }));
-  search->Stop();
-  EXPECT_FALSE(search->GetRunning());
   search->Destroy();
+  EXPECT_FALSE(search->GetRunning());
   EXPECT_FALSE(search->Start(",", "_http._tcp", "local.", 0, "")) << "no core after Destroy";
   EXPECT_FALSE(search->RefreshInterfaces());
   EXPECT_GT(endpoints().count(shell4), 0u);
   ASSERT_TRUE(search->Init());
   EXPECT_TRUE(search->RefreshInterfaces());
 
-  // Stop right after Start waits for the loop's pass; a second Stop is harmless.
-  ASSERT_TRUE(search->Start(",", "_http._tcp", "local.", 0, ""));
-  const auto stop_began = Clock::now();
-  search->Stop();
-  EXPECT_GE(Clock::now() - stop_began, std::chrono::milliseconds(250));
-  search->Stop();
-  EXPECT_FALSE(search->GetRunning());
-
   // With the devices' records in the core's cache each search starts resolves
   // at once: Stop must cancel and free them all, and end and join the loop
   // thread.  The first cycle also lets a sanitizer runtime start its helpers.
-  std::set<long> threads_before;
+  std::set<std::string> threads_before;
   size_t descriptors_before = 0;
   for (int cycle = 0; cycle < 4; ++cycle) {
     ASSERT_TRUE(search->Start(",", "_http._tcp", "local.", 0, ""));
     ASSERT_TRUE(wait_until([&] { return endpoints().count(tv4) > 0 && endpoints().count(printer6) > 0; }));
+    search->Stop();
     search->Stop();
     EXPECT_TRUE(sinfo_list.empty());
     if (cycle == 0) {
@@ -210,18 +151,34 @@ TEST(SearchOnLan, WhatAnApplicationSeesThroughASearchsLife) {
   action.sa_handler = [](int) {};
   ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
   ASSERT_TRUE(search->Start(",", "_http._tcp", "local.", 0, ""));
-  std::set<long> loop_thread = entries_of("/proc/self/task");
-  for (long tid : threads_before)
+  std::set<std::string> loop_thread = entries_of("/proc/self/task");
+  for (const std::string& tid : threads_before)
     loop_thread.erase(tid);
   for (int i = 0; i < 5000 && search->GetRunning(); ++i) {
-    for (long tid : loop_thread)
-      syscall(SYS_tgkill, getpid(), tid, SIGUSR1);
+    for (const std::string& tid : loop_thread)
+      syscall(SYS_tgkill, getpid(), std::stoi(tid), SIGUSR1);
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   EXPECT_FALSE(search->GetRunning());
   search->Stop();
   EXPECT_EQ(entries_of("/proc/self/task"), threads_before);
   EXPECT_EQ(entries_of("/proc/self/fd").size(), descriptors_before);
+
+  // The reverse lookup, sharing this LAN: avahi-daemon answers for its own service.
+  std::promise<std::string> outcome;
+  DNSReverseLookup* lookup = DNSReverseLookup::CreateDNSReverseLookup();
+  lookup->connect([&outcome](unsigned short id, bool ok, IPAddressV4 record) {
+    char address[INET_ADDRSTRLEN] = {};
+    outcome.set_value(std::to_string(id) + (ok ? " ok " : " failed ") +
+                      inet_ntop(AF_INET, &record.address, address, sizeof address) + ":" +
+                      std::to_string(record.port) + " " + record.name);
+  });
+  ASSERT_TRUE(lookup->Init());
+  ASSERT_TRUE(lookup->Lookup(0x2121, dev4, "_ssh._tcp.local"));
+  std::future<std::string> arrived = outcome.get_future();
+  arrived.wait_for(std::chrono::seconds(20));
+  lookup->Dispose();  // ends a lookup still waiting, with a failed outcome
+  EXPECT_EQ(arrived.get(), "8481 ok " + dev4 + ":22 Shell Box._ssh._tcp.local");
 }
 
 // One device with 2,000 instances is listed whole; then a burst of 600 unique,
@@ -233,9 +190,9 @@ TEST(SearchOnLan, ListsEachOf2000InstancesOnceAndADeviceAnnouncedAfterABurstOfLo
   lan.add_lan();
   for (const char* host : {"querier", "attacker", "dev"})
     lan.add_host(host, {1});
-  lan.add_services("dev", "Unit", "_sorvmany._tcp", 9000, 2000);
+  lan.command({"add-services", "dev", "Unit", "_sorvmany._tcp", "9000", "2000"});
   lan.start_avahi("dev");
-  const auto [dev4, dev6] = addresses_of(lan, "dev");
+  const std::string dev4 = lan.host_ipv4("dev"), dev6 = lan.host_ipv6_link_local("dev");
   Endpoints units;
   for (int n = 1; n <= 2000; ++n) {
     for (const std::string& address : {dev4, dev6})
@@ -246,7 +203,7 @@ TEST(SearchOnLan, ListsEachOf2000InstancesOnceAndADeviceAnnouncedAfterABurstOfLo
   ASSERT_TRUE(search->Init());
 
   ASSERT_TRUE(search->Start(",", "_sorvmany._tcp", "local.", 0, ""));
-  EXPECT_TRUE(wait_until([] { return endpoints().size() >= 4000; }, 30)) << endpoints().size() << " listed";
+  EXPECT_TRUE(wait_until([] { return endpoints().size() >= 4000; }, 60)) << endpoints().size() << " listed";
   std::this_thread::sleep_for(std::chrono::seconds(3));  // late duplicates would show by now
   EXPECT_TRUE(endpoints() == units) << endpoints().size() << " listed";
 
@@ -265,11 +222,9 @@ TEST(SearchOnLan, ListsEachOf2000InstancesOnceAndADeviceAnnouncedAfterABurstOfLo
       << ::testing::PrintToString(endpoints());
 }
 
-#ifdef SORVALEN_TOOL
 // A search of example.test. over unicast DNS: the querier's resolver file
-// names the DNS server as its only name server; beside it, the tool searches
-// local., where an avahi-daemon device announces a service.
-TEST(SearchOnLan, FindsTheZonesServicesOverUnicastDnsFollowsAReloadAndLocalKeepsWorkingBeside) {
+// names the DNS server as its only name server.
+TEST(SearchOnLan, FindsTheZonesServicesOverUnicastDnsAndFollowsAReload) {
   SV_REQUIRE_VIRTUAL_LAN();
   if (!run_command({"sh", "-c", "command -v named"}, 30).ok()) {
     if (running_in_ci())
@@ -279,23 +234,21 @@ TEST(SearchOnLan, FindsTheZonesServicesOverUnicastDnsFollowsAReloadAndLocalKeeps
   constexpr int kTtlSeconds = 4;
   VirtualLan lan;
   lan.add_lan();
-  for (const char* host : {"querier", "dns", "dev"})
-    lan.add_host(host, {1});
-  lan.start_avahi("dev", {{"Living Room TV", "_http._tcp", 8080, {}}});
-  lan.dns_address("dns", "printer", {"198.51.100.50", "2001:db8::50"});
-  lan.dns_address("dns", "camera", {"198.51.100.60", "2001:db8::60"});
-  lan.dns_service("dns", {"Office Printer", "_http._tcp", 631, {"rp=ipp/print"}}, "printer");
-  lan.dns_service("dns", {"Printer Admin", "_http._tcp", 80, {}}, "printer");
-  lan.dns_service("dns", {"Door Camera", "_http._tcp", 8554, {}}, "camera");
-  lan.start_dns("dns", "example.test.", kTtlSeconds);
-  const std::string resolver_file = lan.use_dns("querier", "dns");
+  lan.add_host("querier", {1});
+  lan.add_host("dns", {1});
+  // A BIND 9 server for the zone; once it runs, each change returns when it is served.
+  lan.command({"dns-address", "dns", "printer", "198.51.100.50", "2001:db8::50"});
+  lan.command({"dns-address", "dns", "camera", "198.51.100.60", "2001:db8::60"});
+  lan.command({"dns-service", "dns", "Office Printer", "_http._tcp", "631", "printer"});
+  lan.command({"dns-service", "dns", "Printer Admin", "_http._tcp", "80", "printer"});
+  lan.command({"dns-service", "dns", "Door Camera", "_http._tcp", "8554", "camera"});
+  lan.command({"start-dns", "dns", "--zone", "example.test.", "--ttl", std::to_string(kTtlSeconds)});
+  const std::string resolver_file = lan.command({"use-dns", "querier", "dns"});
 
   NetnsScope netns(lan.netns("querier"));
   ResolverScope resolver(resolver_file);
   // Unicast DNS goes to the run's server and nowhere else.
-  std::ostringstream resolv_conf;
-  resolv_conf << std::ifstream("/etc/resolv.conf").rdbuf();
-  ASSERT_EQ(resolv_conf.str(), "nameserver " + lan.host_ipv4("dns") + "\n");
+  ASSERT_EQ(run_command({"cat", "/etc/resolv.conf"}).out, "nameserver " + lan.host_ipv4("dns") + "\n");
   std::unique_ptr<MDNSSearch> search(MDNSSearch::CreateMDNSSearch());
   ASSERT_TRUE(search->Init());
   ASSERT_TRUE(search->Start(",", "_http._tcp", "example.test.", 0, ""));
@@ -306,24 +259,11 @@ TEST(SearchOnLan, FindsTheZonesServicesOverUnicastDnsFollowsAReloadAndLocalKeeps
                             admin + "2001:db8::50",    camera + "198.51.100.60", camera + "2001:db8::60"};
   ASSERT_TRUE(wait_until([&] { return distinct() == zone; })) << ::testing::PrintToString(endpoints());
 
-  // The tool, started by `ip netns exec` (which shows the querier's resolver
-  // file), searches local. beside the running search, then example.test.
-  CommandResult r = lan.exec("querier", {SORVALEN_TOOL, "search", "_http._tcp", "--timeout", "5"}, 60);
-  EXPECT_EQ(r.exit_status, 0) << r.err;
-  EXPECT_THAT(r.out, ::testing::HasSubstr("+\tLiving Room TV\t_http._tcp.local.\t" + lan.host_ipv4("dev") +
-                                          ":8080\n"));
-  r = lan.exec("querier",
-               {SORVALEN_TOOL, "search", "_http._tcp", "--domain", "example.test.", "--timeout", "3"}, 60);
-  EXPECT_EQ(r.exit_status, 0) << r.err;
-  EXPECT_THAT(r.out,
-              ::testing::HasSubstr("+\tOffice Printer\t_http._tcp.example.test.\t198.51.100.50:631\n"));
-  EXPECT_THAT(r.out, ::testing::HasSubstr("+\tDoor Camera\t_http._tcp.example.test.\t[2001:db8::60]:8554\n"));
-
   // A reloaded zone: the camera's service gone, the printer's port changed.
   // Once the records' TTL has run out the search has asked again.
   const Endpoints before = endpoints();
-  lan.dns_remove_service("dns", "Door Camera", "_http._tcp");
-  lan.dns_service("dns", {"Office Printer", "_http._tcp", 8631, {"rp=ipp/print"}}, "printer");
+  lan.command({"dns-remove-service", "dns", "Door Camera", "_http._tcp"});
+  lan.command({"dns-service", "dns", "Office Printer", "_http._tcp", "8631", "printer"});
   const std::string moved = "Office Printer _http._tcp.example.test. 8631 ";
   EXPECT_TRUE(wait_until(
       [&] {
@@ -339,7 +279,6 @@ TEST(SearchOnLan, FindsTheZonesServicesOverUnicastDnsFollowsAReloadAndLocalKeeps
   EXPECT_TRUE(search->GetRunning());
   search->Stop();
 }
-#endif
 
 }  // namespace
 }  // namespace sorvalen::test

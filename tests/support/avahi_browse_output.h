@@ -8,18 +8,14 @@
 
 namespace sorvalen::test {
 
-// One resolved line ("=;...") of `avahi-browse -rpt`.
+// One resolved line ("=;IFACE;PROTOCOL;NAME;TYPE;DOMAIN;HOST;ADDRESS;PORT;TXT") of `avahi-browse -rpt`.
 struct ResolvedService {
-  std::string interface;  // e.g. "eth0"
-  std::string protocol;   // "IPv4" or "IPv6"
-  std::string name;       // instance name, unescaped
-  std::string type;       // as avahi prints it: a description for well-known types
-  std::string host;       // e.g. "tv.local"
+  std::string name;  // instance name, unescaped
   std::string address;
   int port = 0;
 };
 
-// The resolved ("=") lines of parsable avahi-browse output; other lines are skipped.
+// The resolved lines of parsable avahi-browse output; other lines are skipped.
 inline std::vector<ResolvedService> parse_resolved_services(const std::string& output) {
   std::vector<ResolvedService> services;
   std::istringstream lines(output);
@@ -34,16 +30,14 @@ inline std::vector<ResolvedService> parse_resolved_services(const std::string& o
     const std::string& text = f[3];
     std::string name;
     for (size_t i = 0; i < text.size(); ++i) {
-      if (text[i] != '\\' || i + 1 == text.size()) {
-        name.push_back(text[i]);
-      } else if (isdigit(static_cast<unsigned char>(text[i + 1])) && i + 3 < text.size()) {
+      if (text[i] == '\\' && i + 3 < text.size() && isdigit(static_cast<unsigned char>(text[i + 1]))) {
         name.push_back(static_cast<char>(std::stoi(text.substr(i + 1, 3))));
         i += 3;
       } else {
-        name.push_back(text[++i]);
+        name.push_back(text[i] == '\\' && i + 1 < text.size() ? text[++i] : text[i]);
       }
     }
-    services.push_back({f[1], f[2], name, f[4], f[6], f[7], std::atoi(f[8].c_str())});
+    services.push_back({name, f[7], std::atoi(f[8].c_str())});
   }
   return services;
 }

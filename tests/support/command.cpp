@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <stdexcept>
@@ -30,8 +29,6 @@ std::string read_back(int fd) {
 }  // namespace
 
 CommandResult run_command(const std::vector<std::string>& argv, int timeout_seconds) {
-  if (argv.empty())
-    throw std::invalid_argument("run_command needs a program");
   // The output goes to anonymous files, so that a daemon the child leaves
   // behind holds no pipe open.
   const int out = memfd_create("out", MFD_CLOEXEC);
@@ -46,8 +43,7 @@ CommandResult run_command(const std::vector<std::string>& argv, int timeout_seco
   posix_spawn_file_actions_adddup2(&actions, out, 1);
   posix_spawn_file_actions_adddup2(&actions, err, 2);
   pid_t pid = -1;
-  const int rc =
-      out < 0 || err < 0 ? errno : posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+  const int rc = posix_spawnp(&pid, args.at(0), &actions, nullptr, args.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   if (rc != 0) {
     ::close(out);
@@ -60,15 +56,15 @@ CommandResult run_command(const std::vector<std::string>& argv, int timeout_seco
   pid_t waited = 0;
   while ((waited = waitpid(pid, &status, WNOHANG)) == 0 && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  const bool killed = waited == 0;
-  if (killed) {
+  if (waited == 0) {
     kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
   }
   CommandResult result;
   result.exit_status = waited == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   result.out = read_back(out);
-  result.err = read_back(err) + (killed ? "\n(killed after " + std::to_string(timeout_seconds) + " s)" : "");
+  result.err =
+      read_back(err) + (waited == 0 ? "\n(killed after " + std::to_string(timeout_seconds) + " s)" : "");
   return result;
 }
 

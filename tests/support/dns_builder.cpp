@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 
 #include <cctype>
-#include <cstdlib>
 #include <stdexcept>
 #include <utility>
 
@@ -13,14 +12,6 @@ namespace {
 constexpr std::pair<const char*, uint16_t> kTypes[] = {{"A", 1},     {"NS", 2},   {"CNAME", 5}, {"SOA", 6},
                                                        {"PTR", 12},  {"TXT", 16}, {"AAAA", 28}, {"SRV", 33},
                                                        {"NSEC", 47}, {"ANY", 255}};
-
-unsigned number(const std::string& text) {
-  char* end = nullptr;
-  const unsigned long value = std::strtoul(text.c_str(), &end, 0);
-  if (end == text.c_str() || *end != '\0')
-    throw std::invalid_argument("bad number: " + text);
-  return static_cast<unsigned>(value);
-}
 
 void append(Bytes& out, const Bytes& more) {
   out.insert(out.end(), more.begin(), more.end());
@@ -68,7 +59,7 @@ uint16_t type_code(const std::string& mnemonic) {
       return code;
   }
   if (mnemonic.rfind("TYPE", 0) == 0)
-    return static_cast<uint16_t>(number(mnemonic.substr(4)));
+    return static_cast<uint16_t>(std::stoul(mnemonic.substr(4)));
   throw std::invalid_argument("unknown record type " + mnemonic);
 }
 
@@ -82,11 +73,6 @@ std::string type_name(uint16_t code) {
 
 Bytes record_data(uint16_t type, const std::vector<std::string>& fields) {
   Bytes out;
-  const auto field = [&](size_t i) -> const std::string& {
-    if (i >= fields.size())
-      throw std::invalid_argument("record data is missing a field");
-    return fields[i];
-  };
   if (!fields.empty() && fields[0] == "hex") {
     for (size_t i = 1; i < fields.size(); ++i) {
       for (size_t j = 0; j + 1 < fields[i].size(); j += 2)
@@ -94,24 +80,19 @@ Bytes record_data(uint16_t type, const std::vector<std::string>& fields) {
     }
   } else if (type == 1 || type == 28) {
     out.resize(type == 1 ? 4 : 16);
-    if (inet_pton(type == 1 ? AF_INET : AF_INET6, field(0).c_str(), out.data()) != 1)
-      throw std::invalid_argument("bad address: " + field(0));
+    if (inet_pton(type == 1 ? AF_INET : AF_INET6, fields.at(0).c_str(), out.data()) != 1)
+      throw std::invalid_argument("bad address: " + fields[0]);
   } else if (type == 5 || type == 12) {
-    out = wire_name(field(0));
+    out = wire_name(fields.at(0));
   } else if (type == 33) {
     for (size_t i = 0; i < 3; ++i)
-      append_u16(out, number(field(i)));
-    append(out, wire_name(field(3)));
+      append_u16(out, static_cast<unsigned>(std::stoul(fields.at(i), nullptr, 0)));
+    append(out, wire_name(fields.at(3)));
   } else if (type == 16) {
     for (const std::string& s : fields) {
       out.push_back(static_cast<uint8_t>(s.size()));
       out.insert(out.end(), s.begin(), s.end());
     }
-  } else if (type == 6) {
-    append(out, wire_name(field(0)));
-    append(out, wire_name(field(1)));
-    for (size_t i = 2; i < 7; ++i)
-      append_u32(out, number(field(i)));
   } else {
     throw std::invalid_argument("data of type " + type_name(type) + " must be given as: hex DIGITS");
   }

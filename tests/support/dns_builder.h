@@ -19,8 +19,8 @@ uint16_t type_code(const std::string& mnemonic);
 std::string type_name(uint16_t code);
 
 // Record data from its fields: A/AAAA an address; PTR/CNAME a name; SRV
-// priority weight port target; TXT one string per field; SOA mname rname
-// serial refresh retry expire minimum.  Any type: "hex" and hex digits.
+// priority weight port target; TXT one string per field.  Any type: "hex" and
+// hex digits.  Throws on other types and bad fields.
 Bytes record_data(uint16_t type, const std::vector<std::string>& fields);
 
 struct Record {
@@ -54,7 +54,6 @@ class DnsMessage {
     flags_ = flags;
     return *this;
   }
-
   Bytes bytes() const;
 
  private:

@@ -16,33 +16,36 @@ namespace {
 
 constexpr const char* kOwnNamespace = "/proc/thread-self/ns/net";
 
-int open_namespace(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0)
-    throw std::runtime_error("cannot open " + path + ": " + std::strerror(errno));
-  return fd;
+// Closes the scope's descriptors (-1 for none) and throws.
+[[noreturn]] void fail(const std::string& what, int first, int second) {
+  const std::string reason = what + ": " + std::strerror(errno);
+  ::close(first);
+  ::close(second);
+  throw std::runtime_error(reason);
+}
+
+// A thread that cannot go back would send from, or read the resolver file of,
+// a test's namespace later on.  A thread made inside a mount scope (a
+// sanitizer's helper) may share this thread's file-system context, and only a
+// context of its own can change mount namespace.
+void go_back(int previous, int type, int cwd = -1) {
+  if ((type == CLONE_NEWNS && unshare(CLONE_FS) != 0) || setns(previous, type) != 0 ||
+      (cwd >= 0 && fchdir(cwd) != 0))
+    std::abort();
 }
 
 }  // namespace
 
 NetnsScope::NetnsScope(const std::string& netns_name) {
-  if (netns_name.empty() || netns_name.find('/') != std::string::npos)
-    throw std::invalid_argument("bad namespace name '" + netns_name + "'");
-  previous_ = open_namespace(kOwnNamespace);
-  const int target = open_namespace("/run/netns/" + netns_name);
-  const int rc = setns(target, CLONE_NEWNET);
-  const int error = errno;
+  previous_ = ::open(kOwnNamespace, O_RDONLY | O_CLOEXEC);
+  const int target = ::open(("/run/netns/" + netns_name).c_str(), O_RDONLY | O_CLOEXEC);
+  if (previous_ < 0 || target < 0 || setns(target, CLONE_NEWNET) != 0)
+    fail("cannot enter namespace " + netns_name, previous_, target);
   ::close(target);
-  if (rc != 0) {
-    ::close(previous_);
-    throw std::runtime_error("cannot enter namespace " + netns_name + ": " + std::strerror(error));
-  }
 }
 
 NetnsScope::~NetnsScope() {
-  // A thread left in a test namespace would send from there later on.
-  if (setns(previous_, CLONE_NEWNET) != 0)
-    std::abort();
+  go_back(previous_, CLONE_NEWNET);
   ::close(previous_);
 }
 
@@ -51,41 +54,24 @@ unsigned long current_netns_id() {
   return ::stat(kOwnNamespace, &st) == 0 ? static_cast<unsigned long>(st.st_ino) : 0;
 }
 
-ResolverScope::ResolverScope(const std::string& resolver_file) {
-  previous_ = ::open("/proc/thread-self/ns/mnt", O_RDONLY | O_CLOEXEC);
-  cwd_ = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+ResolverScope::ResolverScope(const std::string& resolver_file)
+    : previous_(::open("/proc/thread-self/ns/mnt", O_RDONLY | O_CLOEXEC)),
+      cwd_(::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
   // unshare also gives this thread a file-system context of its own; the
   // mounts after it never reach the machine's namespace.
-  std::string failed;
-  if (previous_ < 0 || cwd_ < 0) {
-    failed = "cannot open the mount namespace or working directory: " + std::string(std::strerror(errno));
-  } else if (unshare(CLONE_NEWNS) != 0) {
-    failed = "cannot make a mount namespace: " + std::string(std::strerror(errno));
-  } else if (mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0 ||
-             mount(resolver_file.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0) {
-    failed = "cannot mount " + resolver_file + " over /etc/resolv.conf: " + std::strerror(errno);
-    Leave();
-  }
-  if (!failed.empty()) {
-    ::close(previous_);
-    ::close(cwd_);
-    throw std::runtime_error(failed);
+  if (previous_ < 0 || cwd_ < 0 || unshare(CLONE_NEWNS) != 0)
+    fail("cannot make a mount namespace", previous_, cwd_);
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0 ||
+      mount(resolver_file.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0) {
+    go_back(previous_, CLONE_NEWNS, cwd_);
+    fail("cannot mount " + resolver_file + " over /etc/resolv.conf", previous_, cwd_);
   }
 }
 
 ResolverScope::~ResolverScope() {
-  Leave();
+  go_back(previous_, CLONE_NEWNS, cwd_);
   ::close(previous_);
   ::close(cwd_);
-}
-
-void ResolverScope::Leave() {
-  // A thread that cannot go back would read the wrong resolver file later on.
-  // A thread made inside the scope (a sanitizer's helper) may share this
-  // thread's file-system context, and only a context of its own can change
-  // mount namespace.
-  if (unshare(CLONE_FS) != 0 || setns(previous_, CLONE_NEWNS) != 0 || fchdir(cwd_) != 0)
-    std::abort();
 }
 
 }  // namespace sorvalen::test

@@ -24,11 +24,9 @@ struct AvahiOptions {
 
 // Virtual LANs on this machine for one test, made by scripts/vlan.sh (which
 // tells what each call does): LAN n is a bridge, a host a network namespace
-// whose eth0, eth1... join the LANs given to add_host.  LAN 1 is
-// 192.0.2.0/24, LAN 2 198.51.100.0/24 (hosts from .10 on), each interface also
-// has an IPv6 link-local address.  Calls work from inside a NetnsScope too;
-// failures throw std::runtime_error.  The destructor removes everything of the
-// run.  Needs root (see SV_REQUIRE_VIRTUAL_LAN).
+// whose eth0, eth1... join the LANs given to add_host.  Calls work from inside
+// a NetnsScope too and throw std::runtime_error on failure; the destructor
+// removes everything of the run.  Needs root (see SV_REQUIRE_VIRTUAL_LAN).
 class VirtualLan {
  public:
   VirtualLan();
@@ -48,15 +46,12 @@ class VirtualLan {
   }
   // The host's namespace, for NetnsScope or `ip netns exec`.
   std::string netns(const std::string& host) const { return script({"netns", host}); }
-  std::string host_ipv4(const std::string& host, const std::string& iface = "eth0") const {
-    return script({"ipv4", host, iface});
-  }
-  std::string host_ipv6_link_local(const std::string& host, const std::string& iface = "eth0") const {
-    return script({"ipv6ll", host, iface});
-  }
+  // eth0's addresses.
+  std::string host_ipv4(const std::string& host) const { return script({"ipv4", host}); }
+  std::string host_ipv6_link_local(const std::string& host) const { return script({"ipv6ll", host}); }
 
-  // avahi-daemon with these services and those added before; the calls
-  // return once the daemon has announced what they publish or withdraw.
+  // The avahi-daemon calls return once the daemon has announced or withdrawn
+  // what they change.
   void start_avahi(const std::string& host, const std::vector<ServiceSpec>& services = {},
                    const AvahiOptions& options = {}) {
     for (const ServiceSpec& service : services)
@@ -65,12 +60,9 @@ class VirtualLan {
                         : std::vector<std::string>{"start-avahi", host});
   }
   void add_service(const std::string& host, const ServiceSpec& s) {
-    script(with(s.txt, {"add-service", host, s.name, s.type, std::to_string(s.port)}));
-  }
-  // `count` services "PREFIX 1" ... "PREFIX count".
-  void add_services(const std::string& host, const std::string& prefix, const std::string& type,
-                    std::uint16_t port, int count) {
-    script({"add-services", host, prefix, type, std::to_string(port), std::to_string(count)});
+    std::vector<std::string> args = {"add-service", host, s.name, s.type, std::to_string(s.port)};
+    args.insert(args.end(), s.txt.begin(), s.txt.end());
+    script(args);
   }
   void remove_service(const std::string& host, const std::string& name, const std::string& type) {
     script({"remove-service", host, name, type});
@@ -81,39 +73,14 @@ class VirtualLan {
     return script({"browse", host, type});
   }
 
-  // A DNS server (BIND 9) authoritative for `zone` with the records given
-  // before; while it runs, each change returns once it is served.  Names are
-  // relative to the zone, e.g. "printer".
-  void start_dns(const std::string& host, const std::string& zone = "example.test.", int ttl_seconds = 10) {
-    script({"start-dns", host, "--zone", zone, "--ttl", std::to_string(ttl_seconds)});
-  }
-  void dns_address(const std::string& host, const std::string& name,
-                   const std::vector<std::string>& addresses) {
-    script(with(addresses, {"dns-address", host, name}));
-  }
-  void dns_service(const std::string& host, const ServiceSpec& s, const std::string& target) {
-    script(with(s.txt, {"dns-service", host, s.name, s.type, std::to_string(s.port), target}));
-  }
-  void dns_remove_service(const std::string& host, const std::string& name, const std::string& type) {
-    script({"dns-remove-service", host, name, type});
-  }
-  // Makes `server`'s DNS server the host's only name server; returns the
-  // resolver file that exec() shows as /etc/resolv.conf (see ResolverScope).
-  std::string use_dns(const std::string& host, const std::string& server) {
-    return script({"use-dns", host, server});
-  }
-
-  // Any other vlan.sh command of this run, e.g. {"set-ipv4", HOST, IFACE, ADDR/LEN}.
+  // Any other vlan.sh command of this run, e.g. {"set-ipv4", HOST, IFACE, ADDR/LEN};
+  // returns its output.
   std::string command(std::vector<std::string> args) const { return script(std::move(args)); }
   // Runs a program inside the host's namespace.
   CommandResult exec(const std::string& host, const std::vector<std::string>& argv,
                      int timeout_seconds = 60) const;
 
  private:
-  static std::vector<std::string> with(const std::vector<std::string>& more, std::vector<std::string> args) {
-    args.insert(args.end(), more.begin(), more.end());
-    return args;
-  }
   std::string script(std::vector<std::string> args) const;  // stdout, trimmed; throws on failure
   CommandResult run_from_home(const std::vector<std::string>& argv, int timeout_seconds = 120) const;
 
