@@ -1,6 +1,6 @@
 // Service resolve: SRV and TXT of the instance, then A and AAAA of the SRV
 // target.  It follows the SRV as it changes, reports every address once per
-// SRV, and once it has reported stops asking (on the link) and only listens.
+// SRV, and stops asking (on the link) for what it has reported: it listens.
 #include <cstring>
 #include <initializer_list>
 
@@ -58,11 +58,25 @@ bool same_address(const mDNSAddr& a, const mDNSAddr& b) {
   return a.type == b.type && std::memcmp(&a.ip, &b.ip, a.type == mDNSAddrType_IPv4 ? 4 : 16) == 0;
 }
 
-// Once an address is out, nothing needs asking for on the link any more:
-// devices announce what changes.  The questions stay, to hear it.
+bool reported_family(const ResolveState& rs, mDNSu8 family) {
+  for (int i = 0; i < rs.reported_count; ++i) {
+    if (rs.reported_addresses[i].type == family) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Once an address is out, the SRV and TXT and that address family need no
+// asking on the link any more: devices announce what changes.  The other
+// family is still asked for, as a response may carry one family only (or the
+// other's record was pushed out of a full cache).  The questions stay, to hear
+// changes.
 void settle(mDNS* m, ResolveState& rs) {
-  for (DNSQuestion* q : {&rs.srv, &rs.txt, &rs.a, &rs.aaaa}) {
-    if (question_active(m, q)) {
+  const bool v4 = reported_family(rs, mDNSAddrType_IPv4);
+  const bool v6 = reported_family(rs, mDNSAddrType_IPv6);
+  for (DNSQuestion* q : {&rs.srv, &rs.txt, v4 ? &rs.a : nullptr, v6 ? &rs.aaaa : nullptr}) {
+    if (q != nullptr && question_active(m, q)) {
       question_set_listening(m, q, true);
     }
   }
