@@ -98,6 +98,26 @@ TEST_F(BrowseResolveOnLan, FindsADeviceWithALinkLocalAddress) {
   mDNS_StopQuery(&core->core(), &browse.question);
 }
 
+// Responders differ in what they answer and when; python3-zeroconf beside avahi-daemon.
+TEST_F(BrowseResolveOnLan, FindsAndResolvesAZeroconfResponderBesideAvahi) {
+  lan_->add_host("lamp", {1});
+  lan_->add_service("lamp", {"Desk Lamp", "_ipp._tcp", 9100, {}});
+  lan_->command({"start-zeroconf", "lamp"});
+  auto core = start_core();
+  ASSERT_TRUE(core->started());
+  Browse browse;
+  ASSERT_EQ(core->browse(browse, "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core->run_until([&] { return browse.adds_of("Desk Lamp") && browse.adds_of("Office Printer"); },
+                              kFindMs));
+  Resolve resolve;
+  ASSERT_EQ(core->resolve(resolve, "Desk Lamp", "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core->run_until([&] { return resolve.has_family(mDNSAddrType_IPv4); }, kFindMs));
+  EXPECT_EQ(resolve.first_of(mDNSAddrType_IPv4)->port, 9100);
+  EXPECT_EQ(address_text(resolve.first_of(mDNSAddrType_IPv4)->ip), lan_->host_ipv4("lamp"));
+  mDNS_StopResolveService(&core->core(), &resolve.query);
+  mDNS_StopQuery(&core->core(), &browse.question);
+}
+
 // With the other family's socket closed, each family alone finds and resolves the device.
 class OneFamilyOnLan : public BrowseResolveOnLan, public ::testing::WithParamInterface<int> {};
 
