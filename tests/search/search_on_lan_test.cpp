@@ -225,12 +225,7 @@ TEST(SearchOnLan, ListsEachOf2000InstancesOnceAndADeviceAnnouncedAfterABurstOfLo
 // A search of example.test. over unicast DNS: the querier's resolver file
 // names the DNS server as its only name server.
 TEST(SearchOnLan, FindsTheZonesServicesOverUnicastDnsAndFollowsAReload) {
-  SV_REQUIRE_VIRTUAL_LAN();
-  if (!run_command({"sh", "-c", "command -v named"}, 30).ok()) {
-    if (running_in_ci())
-      FAIL() << "named is missing; run scripts/install-deps.sh";
-    GTEST_SKIP() << "named is missing; run scripts/install-deps.sh";
-  }
+  SV_REQUIRE_VIRTUAL_LAN("named");
   constexpr int kTtlSeconds = 4;
   VirtualLan lan;
   lan.add_lan();
