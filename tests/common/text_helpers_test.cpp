@@ -1,5 +1,4 @@
-// Splitting filter texts and comparing without regard to case, through the
-// shared library's exported helpers.
+// The shared library's exported text helpers, which cut and match the filter.
 #include <gtest/gtest.h>
 
 #include <clocale>
@@ -20,8 +19,7 @@ TEST(TextHelpers, SplitKeepsEmptyInnerFieldsDropsTheOneAfterATrailingDelimiterAn
       {"a,,", ',', {"a", ""}},
       {" Living Room TV ,Kitchen", ',', {" Living Room TV ", "Kitchen"}},
       {"a;b,c", ';', {"a", "b,c"}},
-      {std::string("\xc3\xa9\t\0,\xff", 6), ',', {std::string("\xc3\xa9\t\0", 4), "\xff"}},
-  };
+      {std::string("\xc3\xa9\t\0,\xff", 6), ',', {std::string("\xc3\xa9\t\0", 4), "\xff"}}};
   for (const auto& [text, delimiter, fields] : cases)
     EXPECT_EQ(split(text, delimiter), fields) << "text: \"" << text << "\"";
 }

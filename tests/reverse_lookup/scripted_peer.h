@@ -46,15 +46,10 @@ struct ReceivedQuery {
 
 class ScriptedPeer {
  public:
-  ScriptedPeer() {  // binds 127.0.0.1:5353
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    local.sin_port = htons(5353);
-    local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(socket_, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
-      close(socket_);
+  ScriptedPeer() {
+    const sockaddr_in local{AF_INET, htons(5353), {htonl(INADDR_LOOPBACK)}, {}};
+    if (bind(socket_, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0)
       throw std::runtime_error("the scripted device cannot bind 127.0.0.1:5353");
-    }
   }
   ~ScriptedPeer() { close(socket_); }
 

@@ -8,10 +8,9 @@
 
 namespace sorvalen::test {
 
-// One resolved line ("=;IFACE;PROTOCOL;NAME;TYPE;DOMAIN;HOST;ADDRESS;PORT;TXT") of `avahi-browse -rpt`.
+// A resolved line ("=;IFACE;PROTOCOL;NAME;TYPE;DOMAIN;HOST;ADDRESS;PORT;TXT") of `avahi-browse -rpt`.
 struct ResolvedService {
   std::string name;  // instance name, unescaped
-  std::string address;
   int port = 0;
 };
 
@@ -37,7 +36,7 @@ inline std::vector<ResolvedService> parse_resolved_services(const std::string& o
         name.push_back(text[i] == '\\' && i + 1 < text.size() ? text[++i] : text[i]);
       }
     }
-    services.push_back({name, f[7], std::atoi(f[8].c_str())});
+    services.push_back({name, std::atoi(f[8].c_str())});
   }
   return services;
 }

@@ -31,8 +31,7 @@ std::string read_back(int fd) {
 CommandResult run_command(const std::vector<std::string>& argv, int timeout_seconds) {
   // The output goes to anonymous files, so that a daemon the child leaves
   // behind holds no pipe open.
-  const int out = memfd_create("out", MFD_CLOEXEC);
-  const int err = memfd_create("err", MFD_CLOEXEC);
+  const int out = memfd_create("out", MFD_CLOEXEC), err = memfd_create("err", MFD_CLOEXEC);
   std::vector<char*> args;
   for (const std::string& a : argv)
     args.push_back(const_cast<char*>(a.c_str()));
@@ -45,11 +44,8 @@ CommandResult run_command(const std::vector<std::string>& argv, int timeout_seco
   pid_t pid = -1;
   const int rc = posix_spawnp(&pid, args.at(0), &actions, nullptr, args.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) {
-    ::close(out);
-    ::close(err);
+  if (rc != 0)
     throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(rc));
-  }
 
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_seconds);
   int status = 0;

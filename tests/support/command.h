@@ -5,7 +5,6 @@
 
 namespace sorvalen::test {
 
-// What a finished child program left behind.
 struct CommandResult {
   int exit_status = -1;  // the exit code, or -1 when it died from a signal
   std::string out;
@@ -14,9 +13,9 @@ struct CommandResult {
   bool ok() const { return exit_status == 0; }
 };
 
-// Runs argv[0] (searched in PATH), waits for it and returns its output; a
-// child still running after timeout_seconds is killed.  posix_spawn keeps this
-// safe in processes that already run threads.
+// Runs argv[0] (searched in PATH) and waits for it; a child still running
+// after timeout_seconds is killed.  posix_spawn keeps this safe in processes
+// that already run threads.
 CommandResult run_command(const std::vector<std::string>& argv, int timeout_seconds = 120);
 
 }  // namespace sorvalen::test

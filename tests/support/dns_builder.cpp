@@ -24,11 +24,6 @@ void append_u16(Bytes& out, unsigned value) {
   out.push_back(static_cast<uint8_t>(value));
 }
 
-void append_u32(Bytes& out, uint32_t value) {
-  append_u16(out, value >> 16);
-  append_u16(out, value & 0xFFFF);
-}
-
 Bytes wire_name(const std::string& dotted) {
   Bytes out;
   Bytes label;
@@ -110,10 +105,9 @@ DnsMessage& DnsMessage::question(const std::string& name, uint16_t type, bool un
 DnsMessage& DnsMessage::add(Section section, const Record& r) {
   Bytes& out = sections_[section];
   append(out, wire_name(r.name));
-  append_u16(out, r.type);
-  append_u16(out, r.rrclass | (r.cache_flush ? 0x8000u : 0u));
-  append_u32(out, r.ttl);
-  append_u16(out, static_cast<unsigned>(r.data.size()));
+  for (unsigned field : {unsigned{r.type}, r.cache_flush ? 0x8001u : 1u, r.ttl >> 16, r.ttl & 0xFFFF,
+                         static_cast<unsigned>(r.data.size())})
+    append_u16(out, field);
   append(out, r.data);
   ++counts_[1 + section];
   return *this;
@@ -121,10 +115,8 @@ DnsMessage& DnsMessage::add(Section section, const Record& r) {
 
 Bytes DnsMessage::bytes() const {
   Bytes out;
-  append_u16(out, id_);
-  append_u16(out, flags_);
-  for (uint16_t count : counts_)
-    append_u16(out, count);
+  for (uint16_t field : {id_, flags_, counts_[0], counts_[1], counts_[2], counts_[3]})
+    append_u16(out, field);
   append(out, questions_);
   for (const Bytes& section : sections_)
     append(out, section);

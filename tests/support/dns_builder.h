@@ -23,13 +23,14 @@ std::string type_name(uint16_t code);
 // hex digits.  Throws on other types and bad fields.
 Bytes record_data(uint16_t type, const std::vector<std::string>& fields);
 
-struct Record {
+void append_u16(Bytes& out, unsigned value);
+
+struct Record {  // class IN
   std::string name;
   uint16_t type = 0;
   uint32_t ttl = 120;
   Bytes data;
   bool cache_flush = false;
-  uint16_t rrclass = 1;
 };
 
 class DnsMessage {
@@ -43,15 +44,8 @@ class DnsMessage {
   DnsMessage& answer(const std::string& name, uint16_t type, uint32_t ttl, const Bytes& data) {
     return add(kAnswer, Record{name, type, ttl, data});
   }
-  DnsMessage& additional(const std::string& name, uint16_t type, uint32_t ttl, const Bytes& data) {
-    return add(kAdditional, Record{name, type, ttl, data});
-  }
   DnsMessage& set_id(uint16_t id) {
     id_ = id;
-    return *this;
-  }
-  DnsMessage& set_flags(uint16_t flags) {
-    flags_ = flags;
     return *this;
   }
   Bytes bytes() const;
@@ -63,8 +57,5 @@ class DnsMessage {
   Bytes questions_;
   Bytes sections_[3];
 };
-
-void append_u16(Bytes& out, unsigned value);
-void append_u32(Bytes& out, uint32_t value);
 
 }  // namespace sorvalen::test

@@ -16,14 +16,6 @@ namespace {
 
 constexpr const char* kOwnNamespace = "/proc/thread-self/ns/net";
 
-// Closes the scope's descriptors (-1 for none) and throws.
-[[noreturn]] void fail(const std::string& what, int first, int second) {
-  const std::string reason = what + ": " + std::strerror(errno);
-  ::close(first);
-  ::close(second);
-  throw std::runtime_error(reason);
-}
-
 // A thread that cannot go back would send from, or read the resolver file of,
 // a test's namespace later on.  A thread made inside a mount scope (a
 // sanitizer's helper) may share this thread's file-system context, and only a
@@ -34,13 +26,18 @@ void go_back(int previous, int type, int cwd = -1) {
     std::abort();
 }
 
+// The scope's descriptors stay open: the test fails anyway.
+[[noreturn]] void fail(const std::string& what) {
+  throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
 }  // namespace
 
 NetnsScope::NetnsScope(const std::string& netns_name) {
   previous_ = ::open(kOwnNamespace, O_RDONLY | O_CLOEXEC);
   const int target = ::open(("/run/netns/" + netns_name).c_str(), O_RDONLY | O_CLOEXEC);
   if (previous_ < 0 || target < 0 || setns(target, CLONE_NEWNET) != 0)
-    fail("cannot enter namespace " + netns_name, previous_, target);
+    fail("cannot enter namespace " + netns_name);
   ::close(target);
 }
 
@@ -60,11 +57,11 @@ ResolverScope::ResolverScope(const std::string& resolver_file)
   // unshare also gives this thread a file-system context of its own; the
   // mounts after it never reach the machine's namespace.
   if (previous_ < 0 || cwd_ < 0 || unshare(CLONE_NEWNS) != 0)
-    fail("cannot make a mount namespace", previous_, cwd_);
+    fail("cannot make a mount namespace");
   if (mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0 ||
       mount(resolver_file.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0) {
     go_back(previous_, CLONE_NEWNS, cwd_);
-    fail("cannot mount " + resolver_file + " over /etc/resolv.conf", previous_, cwd_);
+    fail("cannot mount " + resolver_file + " over /etc/resolv.conf");
   }
 }
 

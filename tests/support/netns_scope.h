@@ -20,9 +20,8 @@ class NetnsScope {
 };
 
 // Shows `resolver_file` as /etc/resolv.conf to the CALLING THREAD, as `ip
-// netns exec` does for the program it starts, through a mount namespace of
-// the thread's own; the machine's file never changes.  Threads created inside
-// the scope share the view: end them before the scope ends.
+// netns exec` does for the program it starts, and to the threads it creates
+// inside the scope (end them first); the machine's file never changes.
 class ResolverScope {
  public:
   explicit ResolverScope(const std::string& resolver_file);  // throws std::runtime_error

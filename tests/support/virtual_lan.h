@@ -27,6 +27,8 @@ struct AvahiOptions {
 // whose eth0, eth1... join the LANs given to add_host.  Calls work from inside
 // a NetnsScope too and throw std::runtime_error on failure; the destructor
 // removes everything of the run.  Needs root (see SV_REQUIRE_VIRTUAL_LAN).
+// The avahi-daemon calls return once the daemon has announced or withdrawn
+// what they change.
 class VirtualLan {
  public:
   VirtualLan();
@@ -44,14 +46,11 @@ class VirtualLan {
       args.push_back(std::to_string(lan));
     script(args);
   }
-  // The host's namespace, for NetnsScope or `ip netns exec`.
+  // For NetnsScope or `ip netns exec`.
   std::string netns(const std::string& host) const { return script({"netns", host}); }
-  // eth0's addresses.
   std::string host_ipv4(const std::string& host) const { return script({"ipv4", host}); }
   std::string host_ipv6_link_local(const std::string& host) const { return script({"ipv6ll", host}); }
 
-  // The avahi-daemon calls return once the daemon has announced or withdrawn
-  // what they change.
   void start_avahi(const std::string& host, const std::vector<ServiceSpec>& services = {},
                    const AvahiOptions& options = {}) {
     for (const ServiceSpec& service : services)
@@ -73,8 +72,7 @@ class VirtualLan {
     return script({"browse", host, type});
   }
 
-  // Any other vlan.sh command of this run, e.g. {"set-ipv4", HOST, IFACE, ADDR/LEN};
-  // returns its output.
+  // Any other vlan.sh command of this run, e.g. {"set-ipv4", HOST, IFACE, ADDR/LEN}; returns its output.
   std::string command(std::vector<std::string> args) const { return script(std::move(args)); }
   // Runs a program inside the host's namespace.
   CommandResult exec(const std::string& host, const std::vector<std::string>& argv,

@@ -38,9 +38,9 @@ struct Case {
   std::optional<Bytes> answer = std::nullopt;  // what a device on 127.0.0.1 answers (empty: nothing)
 };
 
-// "" stands for nothing at all, other texts for a part of the whole.
-::testing::Matcher<std::string> holds(const std::string& part) {
-  return part.empty() ? ::testing::Matcher<std::string>(::testing::IsEmpty()) : HasSubstr(part);
+// "" stands for nothing at all, other texts for text found anywhere in the whole.
+bool holds(const std::string& whole, const std::string& wanted) {
+  return wanted.empty() ? whole.empty() : whole.find(wanted) != std::string::npos;
 }
 
 // Runs one case in the querier's namespace, with a scripted device on its
@@ -51,22 +51,19 @@ CommandResult run_case(const VirtualLan& lan, const Case& c) {
   tool == argv.end() ? (void)argv.insert(argv.begin(), SORVALEN_TOOL) : (void)(*tool = SORVALEN_TOOL);
   if (!c.answer)
     return lan.exec("querier", argv, 60);
-  std::optional<ScriptedPeer> peer;
-  {
-    NetnsScope scope(lan.netns("querier"));
-    peer.emplace();
-  }
+  NetnsScope scope(lan.netns("querier"));
+  ScriptedPeer peer;
   std::thread device([&] {
     ReceivedQuery query;
-    if (peer->await_query(&query, std::chrono::seconds(30)) && !c.answer->empty())
-      peer->reply(query, *c.answer);
+    if (peer.await_query(&query, std::chrono::seconds(30)) && !c.answer->empty())
+      peer.reply(query, *c.answer);
   });
   const CommandResult result = lan.exec("querier", argv, 60);
   device.join();
   return result;
 }
 
-TEST(Tool, SaysWhatWentWrongOrWhatCameWithTheRightExitStatus) {
+TEST(Tool, SaysWhatWentWrongOrWhatCameWithTheRightExitStatusAndShowsInstancesComeAndGo) {
   SV_REQUIRE_VIRTUAL_LAN();
   VirtualLan lan;
   lan.add_lan();
@@ -75,21 +72,12 @@ TEST(Tool, SaysWhatWentWrongOrWhatCameWithTheRightExitStatus) {
   const Bytes ptr_only = answer(1, kService, {ptr("tv._http._tcp.local")});
   const std::string ok = "ok address=127.0.0.1 port=8080 name=\"Living \\\"Room\\\"._http._tcp.local\"\n";
   const std::string ok_json = "{\"result\":\"ok\",\"address\":\"127.0.0.1\",\"port\":8080,";
-  const std::string unreadable =
-      "127.0.0.1 answered, but no PTR and SRV record for \"_http._tcp.local\" could be";
   const std::string silent = "no answer from 127.0.0.1 for \"_http._tcp.local\" within 5 s";
   const std::string silent_json = "{\"result\":\"no-answer\",\"address\":\"127.0.0.1\"}\n";
-  const std::string nothing =
-      "found no _ipp._tcp service in local. whose name contains \"tv\" or \"kitchen\" within";
   const std::vector<Case> cases = {
       {{"search"}, 2, "e.g. _http._tcp; see 'sorvalen-mdns help search'"},
       {{"search", "http"}, 2, "write it as _name._tcp or _name._udp, e.g. _http._tcp"},
-      {{"search", "bad type!!"}, 2, "'bad type!!' is not a service type"},
-      {{"search", "_http._tcp.local."}, 2, "alone, _http._tcp, and the domain with --domain local."},
-      {{"search", "_http._tcp", "_ipp._tcp"}, 2, "give one service type, not 2"},
       {{"search", "--bogus", "_http._tcp"}, 2, "unknown option '--bogus'"},
-      {{"search", "-jx", "_http._tcp"}, 2, "unknown option '-x'"},
-      {{"search", "--json=yes", "_http._tcp"}, 2, "option '--json' takes no value"},
       {{"search", "_http._tcp", "--timeout"}, 2, "option '--timeout' needs a value"},
       {{"search", "--timeout=-1", "_http._tcp"}, 2, "takes whole seconds from 0 (no limit) to 86400"},
       {{"search", "-n", " , ", "_http._tcp"}, 2, "--names has no word"},
@@ -98,50 +86,39 @@ TEST(Tool, SaysWhatWentWrongOrWhatCameWithTheRightExitStatus) {
       {{"search", "-i", "lo", "_http._tcp"}, 2, "interface 'lo': loopback, used only when no other"},
       {{"unshare", "-n", "TOOL", "search", "_http._tcp"}, 2, "no usable network interface (lo: down)"},
       {{"python3", "-c", kPortHolder, "TOOL", "search", "_http._tcp"}, 2, "cannot open UDP port 5353"},
-      {{"search", "-t1", "-n", "tv, kitchen", "--", "_ipp._tcp"}, 1, nothing},
+      {{"search", "-t1", "-n", "tv, kitchen", "--", "_ipp._tcp"}, 1, "name contains \"tv\" or \"kitchen\""},
       {{"lookup"}, 2, "give an IPv4 address and a name"},
       {{"lookup", "printer.local", kService}, 2, "'printer.local' is not an IPv4 address"},
       {{"lookup", "--id", "65536", "127.0.0.1", kService}, 2, "--id takes a number from 0 to 65535"},
       {{"lookup", "127.0.0.1", kService, "--id=7"}, 0, "", ok, usable},
       {{"lookup", "-j", "127.0.0.1", kService}, 0, "", ok_json, usable},
-      {{"lookup", "127.0.0.1", kService}, 1, unreadable, "", ptr_only},
+      {{"lookup", "127.0.0.1", kService}, 1, "127.0.0.1 answered, but no PTR and SRV record", "", ptr_only},
       {{"lookup", "--json", "127.0.0.1", kService}, 1, silent, silent_json, Bytes{}},
-      {{"help", "search"}, 0, "", "  -t, --timeout S     stop after S seconds"},
-      {{"--version"}, 0, "", "sorvalen-mdns 2."},
       {{"find"}, 2, "unknown command 'find'"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.args));
     const CommandResult r = run_case(lan, c);
     EXPECT_EQ(r.exit_status, c.exit_status) << r.err;
-    EXPECT_THAT(r.err, holds(c.err));
+    EXPECT_TRUE(holds(r.err, c.err)) << r.err;
     EXPECT_EQ(r.err.find('\n'), c.err.empty() ? std::string::npos : r.err.size() - 1)
         << "one line: " << r.err;
-    EXPECT_THAT(r.out, holds(c.out));
+    EXPECT_TRUE(holds(r.out, c.out)) << r.out;
   }
-}
 
-std::string read_file(const std::string& path) {
-  return run_command({"cat", path}).out;
-}
-
-// Two searches, as text and as JSON, see an instance come and go; names that
-// hold line breaks and blanks cannot forge or shift a line.
-TEST(Tool, ShowsWithdrawnInstancesAsGoneAndLinkLocalAddressesWithTheirZone) {
-  SV_REQUIRE_VIRTUAL_LAN();
-  VirtualLan lan;
-  lan.add_lan();
-  lan.add_host("querier", {1});
+  // Two searches, as text and as JSON, see an instance come and go, link-local
+  // addresses with their zone; names that hold line breaks and blanks cannot
+  // forge or shift a line.
   lan.add_host("dev", {1});
-  const std::string forged = "Line1\nFAKE\t_http._tcp.local.\t6.6.6.6:666";
   lan.start_avahi("dev", {{"Kitchen  Speaker", "_http._tcp", 80, {}}});
-  lan.add_service("dev", {forged, "_http._tcp", 81, {}});  // to a running daemon: the start waits by name
-  const std::string v4 = lan.host_ipv4("dev");
-  const std::string v6 = lan.host_ipv6_link_local("dev");
+  // To a running daemon: the start waits for its services by name.
+  lan.add_service("dev", {"Line1\nFAKE\t_http._tcp.local.\t6.6.6.6:666", "_http._tcp", 81, {}});
+  const std::string v4 = lan.host_ipv4("dev"), v6 = lan.host_ipv6_link_local("dev");
 
   char folder[] = "/tmp/sv-tool-XXXXXX";
   ASSERT_NE(mkdtemp(folder), nullptr);
   const std::string dir = folder;
+  const auto read = [&](const std::string& file) { return run_command({"cat", dir + "/" + file}).out; };
   std::vector<std::thread> searches;
   for (const std::string mode : {"text", "json"}) {
     const std::string options = mode == "json" ? " --json --interface eth0" : "";
@@ -150,7 +127,7 @@ TEST(Tool, ShowsWithdrawnInstancesAsGoneAndLinkLocalAddressesWithTheirZone) {
     searches.emplace_back([&lan, script] { lan.exec("querier", {"sh", "-c", script}, 120); });
   }
   const auto wait_for = [&](const std::string& mode, const std::string& wanted) {
-    for (int i = 0; i < 300 && read_file(dir + "/" + mode).find(wanted) == std::string::npos; ++i)
+    for (int i = 0; i < 300 && read(mode).find(wanted) == std::string::npos; ++i)
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
   };
   const auto line = [&](const std::string& event, const std::string& endpoint) {
@@ -169,11 +146,10 @@ TEST(Tool, ShowsWithdrawnInstancesAsGoneAndLinkLocalAddressesWithTheirZone) {
   wait_for("text", line("-", zoned));
   wait_for("json", json_removed);
   for (const std::string mode : {"text", "json"})
-    kill(std::stoi("0" + read_file(dir + "/" + mode + ".pid")), SIGTERM);
+    kill(std::stoi("0" + read(mode + ".pid")), SIGTERM);
   for (std::thread& search : searches)
     search.join();
-  const std::string text = read_file(dir + "/text");
-  const std::string json = read_file(dir + "/json");
+  const std::string text = read("text"), json = read("json");
   run_command({"rm", "-r", dir});
 
   for (const std::string& expected :

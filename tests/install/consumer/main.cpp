@@ -6,22 +6,13 @@
 #include <cstdio>
 #include <mutex>
 
-namespace {
-
-// The factory's engine is not needed to exercise the installed facade.
-class LocalSearch : public sorvalen::MDNSSearch {};
-
-}  // namespace
-
 int main() {
   if (split("tv,,speaker", ',').size() != 3 || !ci_compare("TV", "tv"))
     return 1;
-  LocalSearch search;
+  sorvalen::MDNSSearch search;  // the facade alone: no engine, no network
   if (!search.Start("tv", "_http._tcp", "local.", 1, ""))
     return 2;
-  sorvalen::IPAddressV4 device{};
-  device.name = "Living Room TV";
-  sorvalen::MDNSSearch::AddToAddressList(device);
+  sorvalen::MDNSSearch::AddToAddressList({0, 0, "Living Room TV", "", ""});
   {
     std::lock_guard<std::mutex> lock(sorvalen::MDNSSearch::address_list_mutex_);
     if (search.GetAddressList().size() != 1)
