@@ -11,7 +11,7 @@
 namespace sorvalen::test {
 
 // One DNS-SD service that an avahi-daemon announces.
-struct ServiceSpec {
+struct AnnouncedService {
   std::string name;  // instance name, e.g. "Living Room TV"
   std::string type;  // e.g. "_http._tcp"
   std::uint16_t port = 0;
@@ -51,14 +51,14 @@ class VirtualLan {
   std::string host_ipv4(const std::string& host) const { return script({"ipv4", host}); }
   std::string host_ipv6_link_local(const std::string& host) const { return script({"ipv6ll", host}); }
 
-  void start_avahi(const std::string& host, const std::vector<ServiceSpec>& services = {},
+  void start_avahi(const std::string& host, const std::vector<AnnouncedService>& services = {},
                    const AvahiOptions& options = {}) {
-    for (const ServiceSpec& service : services)
+    for (const AnnouncedService& service : services)
       add_service(host, service);
     script(options.dbus ? std::vector<std::string>{"start-avahi", host, "--dbus"}
                         : std::vector<std::string>{"start-avahi", host});
   }
-  void add_service(const std::string& host, const ServiceSpec& s) {
+  void add_service(const std::string& host, const AnnouncedService& s) {
     std::vector<std::string> args = {"add-service", host, s.name, s.type, std::to_string(s.port)};
     args.insert(args.end(), s.txt.begin(), s.txt.end());
     script(args);

@@ -16,12 +16,12 @@
 namespace mdns::vlan_test {
 namespace {
 
-using sorvalen::test::ServiceSpec;
+using sorvalen::test::AnnouncedService;
 using sorvalen::test::VirtualLan;
 
-const ServiceSpec kPrinter{"Office Printer", "_ipp._tcp", 631, {"rp=ipp/print"}};
-const ServiceSpec kScanner{"Office Scanner", "_ipp._tcp", 8631, {}};
-const ServiceSpec kCamera{"Door Camera", "_ipp._tcp", 554, {}};
+const AnnouncedService kPrinter{"Office Printer", "_ipp._tcp", 631, {"rp=ipp/print"}};
+const AnnouncedService kScanner{"Office Scanner", "_ipp._tcp", 8631, {}};
+const AnnouncedService kCamera{"Door Camera", "_ipp._tcp", 554, {}};
 
 // Generous: avahi answers within a second; the machine may be busy.
 constexpr int kFindMs = 15000;

@@ -14,12 +14,12 @@
 namespace mdns::vlan_test {
 namespace {
 
+using sorvalen::test::AnnouncedService;
 using sorvalen::test::AvahiOptions;
-using sorvalen::test::ServiceSpec;
 using sorvalen::test::VirtualLan;
 
-const ServiceSpec kTv{"Hall TV", "_http._tcp", 8008, {}};
-const ServiceSpec kSpeaker{"Garden Speaker", "_http._tcp", 8080, {}};
+const AnnouncedService kTv{"Hall TV", "_http._tcp", 8008, {}};
+const AnnouncedService kSpeaker{"Garden Speaker", "_http._tcp", 8080, {}};
 
 constexpr int kFindMs = 15000;
 // Long enough for several queries of a running browse to go unanswered.
