@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
-#include <memory>
 #include <sstream>
 
 #include "dns_builder.h"
@@ -26,11 +25,12 @@ using sorvalen::test::Bytes;
 using sorvalen::test::DnsMessage;
 using sorvalen::test::record_data;
 using sorvalen::test::type_code;
-using sorvalen::test::wire_name;
+using Words = std::vector<std::string>;
 
 constexpr int32_t kEpoch = 1000000;  // the fake clock at a scenario's time 0
 
-domainname to_name(const Bytes& wire) {
+domainname name_of(const std::string& text) {
+  const Bytes wire = sorvalen::test::wire_name(text);
   domainname out{};
   std::copy(wire.begin(), wire.begin() + static_cast<long>(std::min(wire.size(), sizeof out.c)), out.c);
   return out;
@@ -40,6 +40,20 @@ std::string text_of(const domainname& name) {
   char buf[MAX_ESCAPED_DOMAIN_NAME];
   ConvertDomainNameToCString_withescape(&name, buf, '\\');
   return buf;
+}
+
+std::string address_text(bool v4, const void* address) {
+  char buf[INET6_ADDRSTRLEN] = "";
+  inet_ntop(v4 ? AF_INET : AF_INET6, address, buf, sizeof buf);
+  return buf;
+}
+
+std::string address_text(const mDNSAddr& a) {
+  return address_text(a.type == mDNSAddrType_IPv4, &a.ip);
+}
+
+mDNSAddr address_of(const std::string& text) {
+  return mdns::address_from_text(text.c_str());
 }
 
 // Record data in wire form, names uncompressed: what a scenario's DATA gives.
@@ -61,51 +75,67 @@ Bytes wire_data(uint16_t type, const RData& rd) {
   }
 }
 
-bool same_data(uint16_t type, const Bytes& a, const Bytes& b) {
-  if (a.size() != b.size()) {
-    return false;
-  }
+// Data seen against the DATA fields of a line from `first` on.
+bool same_data(uint16_t type, const Bytes& seen, const Words& f, size_t first) {
+  const Bytes wanted = record_data(type, Words(f.begin() + static_cast<long>(first), f.end()));
   const bool names = type == kDNSType_PTR || type == kDNSType_CNAME || type == kDNSType_SRV;
-  return std::equal(a.begin(), a.end(), b.begin(), [names](uint8_t x, uint8_t y) {
-    return names ? std::tolower(x) == std::tolower(y) : x == y;
-  });
+  return seen.size() == wanted.size() &&
+         std::equal(seen.begin(), seen.end(), wanted.begin(),
+                    [&](int x, int y) { return names ? std::tolower(x) == std::tolower(y) : x == y; });
 }
 
-std::string address_text(const mDNSAddr& a) {
-  char buf[INET6_ADDRSTRLEN] = "";
-  inet_ntop(a.type == mDNSAddrType_IPv4 ? AF_INET : AF_INET6, &a.ip, buf, sizeof buf);
-  return buf;
+// The word after `key` ("iface eth1"), or `dflt`.
+std::string option(const Words& w, const std::string& key, const std::string& dflt = "") {
+  const auto it = std::find(w.begin(), w.end(), key);
+  return it != w.end() && it + 1 != w.end() ? *(it + 1) : dflt;
 }
 
-mDNSAddr address_from(const std::string& text) {
-  return mdns::address_from_text(text.c_str());
+bool flag(const Words& w, const std::string& key) {
+  return std::find(w.begin(), w.end(), key) != w.end();
+}
+
+mdns::Transport transport_of(const Words& w) {
+  return flag(w, "oneshot") ? mdns::Transport::kOneShot
+         : flag(w, "dns")   ? mdns::Transport::kUnicastDns
+         : flag(w, "tcp")   ? mdns::Transport::kUnicastTcp
+                            : mdns::Transport::kMulticast;
 }
 
 struct Record {
   domainname name;
   uint16_t type;
   Bytes data;
+  bool is(const domainname& n, uint16_t t) const { return type == t && mdns::names_equal(name, n); }
 };
+
+// A body line's "NAME TYPE [DATA...]", after its keyword.
+bool has_record(const std::vector<Record>& records, const Words& f) {
+  const domainname name = name_of(f.at(1));
+  const uint16_t type = type_code(f.at(2));
+  return std::any_of(records.begin(), records.end(), [&](const Record& r) {
+    return r.is(name, type) && (f.size() == 3 || same_data(type, r.data, f, 3));
+  });
+}
 
 struct Sent {
   int32_t time;
-  mdns::Transport transport;
+  mdns::SentMessage message;  // its data gone with the send: the rest is read from it
   std::string iface;
-  int family;
-  int socket;
   std::string server;
-  uint16_t id;
-  uint16_t flags;
+  mdns::MessageHeader header{};
+  std::vector<Record> questions{};
+  std::vector<Record> known{};
   bool unicast_response = false;
-  std::vector<Record> questions;
-  std::vector<Record> known;
   bool consumed = false;
+
+  mdns::Transport transport() const { return message.transport; }
+  bool truncated() const { return (header.flags & 0x0200) != 0; }
 
   std::string describe() const {
     static const char* const kTransports[] = {"", "oneshot ", "dns ", "tcp "};
     std::ostringstream out;
-    out << "  send at " << time << " " << kTransports[static_cast<int>(transport)] << iface << server << " v"
-        << family << ((flags & 0x0200) ? " tc" : "") << (unicast_response ? " qu" : "") << ":";
+    out << "  send at " << time << " " << kTransports[static_cast<int>(transport())] << iface << server
+        << " v" << message.family << (truncated() ? " tc" : "") << (unicast_response ? " qu" : "") << ":";
     for (const Record& q : questions) {
       out << " q " << text_of(q.name) << " " << sorvalen::test::type_name(q.type) << ";";
     }
@@ -122,6 +152,17 @@ struct Event {
   Bytes data;        // add/remove: the answer's data
   std::string text;  // resolved: "ADDRESS PORT"; otherwise printable data
   bool consumed = false;
+
+  std::string describe() const {
+    return "event at " + std::to_string(time) + " " + id + " " + kind + " " + text;
+  }
+
+  // "ID [kind DATA...]", as an expectation gives them from its fourth word on.
+  bool matches(const Words& f) const {
+    return (f.size() < 4 || id == f[3]) &&
+           (f.size() < 5 || (kind == f[4] && (kind == "resolved" ? f.size() == 7 && text == f[5] + " " + f[6]
+                                                                 : same_data(type, data, f, 5))));
+  }
 };
 
 struct Slot {
@@ -131,22 +172,21 @@ struct Slot {
   ServiceInfoQuery query{};
   ServiceInfo info{};
   bool resolve = false;
-  std::string stops;     // the slot its first callback stops ("then-stop ID")
-  std::string resolves;  // a browse that resolves every instance it adds, as slots "ID/instance"
+  bool resolves = false;  // "then-resolve": each instance it adds, as slot "ID/instance"
+  std::string stops;      // the slot its first callback stops ("then-stop ID")
 };
 
 class Replay {
  public:
   explicit Replay(const Scenario& s) : s_(s), m_(new mDNS()), cache_(s.cache_entries) {
-    for (const std::string& text : s.interfaces) {
-      set_interface(words(text), false);
+    for (const Words& w : s.interfaces) {
+      set_interface(w, false);
     }
     std::vector<mDNSAddr> servers;
     std::vector<uint16_t> ports;
-    for (const std::string& text : s.nameservers) {
-      const auto w = words(text);
-      servers.push_back(address_from(w[0]));
-      ports.push_back(static_cast<uint16_t>(w.size() >= 3 ? std::stoi(w[2]) : 53));
+    for (const Words& w : s.nameservers) {
+      servers.push_back(address_of(w[0]));
+      ports.push_back(static_cast<uint16_t>(std::stoi(option(w, "port", "53"))));
     }
     mdns::platform_use_test_mode(&p_, &snapshot_);
     mdns::platform_set_send_hook(&p_, &Replay::capture, this);
@@ -177,27 +217,16 @@ class Replay {
   }
 
   std::vector<std::string> check() {
+    using Check = std::string (Replay::*)(const Line&, const Window&);
+    static const std::map<std::string, Check> kChecks = {
+        {"send", &Replay::expect_send},      {"nosend", &Replay::expect_nosend},
+        {"event", &Replay::expect_event},    {"noevent", &Replay::expect_noevent},
+        {"series", &Replay::expect_series},  {"count", &Replay::expect_count},
+        {"at-most", &Replay::expect_at_most}};
     for (const Line& line : s_.expectations) {
-      const std::string verb = line.words[1];
-      const Window w = parse_window(line.words[2]);
-      std::string why;
-      if (verb == "send") {
-        why = expect_send(line, w);
-      } else if (verb == "nosend") {
-        why = expect_nosend(line, w);
-      } else if (verb == "event") {
-        why = expect_event(line, w);
-      } else if (verb == "noevent") {
-        why = expect_noevent(line, w);
-      } else if (verb == "series") {
-        why = expect_series(line, w);
-      } else if (verb == "count") {
-        why = expect_count(line, w);
-      } else if (verb == "at-most") {
-        why = expect_at_most(line, w);
-      } else {
-        why = "unknown expectation";
-      }
+      const auto it = kChecks.find(line.words[1]);
+      const std::string why = it == kChecks.end() ? "unknown expectation"
+                                                  : (this->*it->second)(line, parse_window(line.words[2]));
       if (!why.empty()) {
         failures_.push_back("line " + std::to_string(line.number) + ": " + line.text + "\n" + why);
       }
@@ -209,91 +238,60 @@ class Replay {
     }
     for (const Event& e : events_) {
       if (!e.consumed && !s_.allow_extra_events) {
-        failures_.push_back("unexpected: event at " + std::to_string(e.time) + " " + e.id + " " + e.kind +
-                            " " + e.text);
+        failures_.push_back("unexpected: " + e.describe());
       }
     }
     return failures_;
   }
 
  private:
-  static std::vector<std::string> words(const std::string& text) {
-    std::istringstream in(text);
-    std::vector<std::string> out;
-    for (std::string w; in >> w;) {
-      out.push_back(w);
-    }
-    return out;
-  }
-
-  static std::string option(const std::vector<std::string>& w, const std::string& key,
-                            const std::string& dflt) {
-    const auto it = std::find(w.begin(), w.end(), key);
-    return it != w.end() && it + 1 != w.end() ? *(it + 1) : dflt;
-  }
-
-  static bool flag(const std::vector<std::string>& w, const std::string& key) {
-    return std::find(w.begin(), w.end(), key) != w.end();
-  }
-
   int32_t now() const { return now_ - kEpoch; }
 
   // ---- The host's interfaces ----
 
-  void set_interface(const std::vector<std::string>& w, bool new_index) {
-    mdns::InterfaceRecord* entry = nullptr;
-    for (size_t i = 0; i < snapshot_.count; ++i) {
-      if (w[0] == snapshot_.entries[i].info.ifname) {
-        entry = &snapshot_.entries[i];
-      }
-    }
-    if (entry == nullptr) {
-      entry = &snapshot_.entries[snapshot_.count++];
-      new_index = true;
-    }
-    const uint32_t index = new_index ? next_ifindex_++ : entry->ifindex;
-    mdns::interface_reset(*entry, w[0].c_str(), index);
+  mdns::InterfaceRecord* find_interface(const std::string& name) {
+    mdns::InterfaceRecord* const end = snapshot_.entries + snapshot_.count;
+    mdns::InterfaceRecord* const found = std::find_if(
+        snapshot_.entries, end, [&](const mdns::InterfaceRecord& e) { return name == e.info.ifname; });
+    return found != end ? found : nullptr;
+  }
+
+  // "NAME ADDR/LEN...".  Recreated: the same addresses under a new index, as
+  // when a device is removed and plugged in again.
+  void set_interface(const Words& w, bool recreated) {
+    mdns::InterfaceRecord* entry = find_interface(w[0]);
+    const mdns::InterfaceRecord old = entry != nullptr ? *entry : mdns::InterfaceRecord{};
+    entry = entry != nullptr ? entry : &snapshot_.entries[snapshot_.count++];
+    mdns::interface_reset(*entry, w[0].c_str(),
+                          old.ifindex == 0 || recreated ? next_ifindex_++ : old.ifindex);
     for (size_t i = 1; i < w.size(); ++i) {
       const size_t slash = w[i].find('/');
-      mdns::interface_add_address(*entry, address_from(w[i].substr(0, slash)),
+      mdns::interface_add_address(*entry, address_of(w[i].substr(0, slash)),
                                   std::stoi(w[i].substr(slash + 1)));
+    }
+    for (size_t i = 0; recreated && i < old.naddrs; ++i) {
+      mdns::interface_add_address(*entry, old.addrs[i].addr, old.addrs[i].prefix_length);
     }
     entry->v4usable = mdns::interface_has_family(*entry, mDNSAddrType_IPv4);
     entry->v6usable = mdns::interface_has_family(*entry, mDNSAddrType_IPv6);
   }
 
-  void change_interfaces(const std::vector<std::string>& w) {
-    const std::vector<std::string> args(w.begin() + 4, w.end());
-    if (w[3] == "up") {
-      set_interface(args, false);
-    } else if (w[3] == "recreate") {
-      std::vector<std::string> same = {args[0]};
-      for (size_t i = 0; i < snapshot_.count; ++i) {
-        if (args[0] == snapshot_.entries[i].info.ifname) {
-          for (size_t a = 0; a < snapshot_.entries[i].naddrs; ++a) {
-            same.push_back(address_text(snapshot_.entries[i].addrs[a].addr) + "/" +
-                           std::to_string(snapshot_.entries[i].addrs[a].prefix_length));
-          }
-        }
-      }
-      set_interface(same, true);
+  void change_interfaces(const Words& w) {
+    const Words args(w.begin() + 4, w.end());
+    if (w[3] == "up" || w[3] == "recreate") {
+      set_interface(args, w[3] == "recreate");
     } else if (w[3] == "down") {
-      for (size_t i = 0; i < snapshot_.count; ++i) {
-        if (args[0] == snapshot_.entries[i].info.ifname) {
-          snapshot_.entries[i] = snapshot_.entries[--snapshot_.count];
-        }
+      if (mdns::InterfaceRecord* entry = find_interface(args.at(0))) {
+        *entry = snapshot_.entries[--snapshot_.count];
       }
     } else {
       throw std::invalid_argument("iface up, down or recreate");
     }
     // As the core's own watch on the interfaces does, inside a pass.
-    begin_pass();
-    mDNSPlatformPosixRefreshInterfaceList(m_.get());
-    end_pass();
+    in_pass([&] { mDNSPlatformPosixRefreshInterfaceList(m_.get()); });
   }
 
-  mDNSInterfaceID iface(const std::vector<std::string>& w) const {
-    const std::string name = option(w, "iface", "");
+  mDNSInterfaceID iface_id(const std::string& name) const {
     return name.empty() ? mDNSInterface_Any : mdns::platform_interface_id_of(m_.get(), name.c_str());
   }
 
@@ -308,18 +306,13 @@ class Replay {
 
   // ---- Time ----
 
-  void pass() {
-    begin_pass();
-    end_pass();
-  }
-
-  void begin_pass() {
+  // `work` as the core's event loop runs it: on a pass, then what is due.
+  template <typename Work>
+  void in_pass(Work work) {
     mdns::engine_set_fake_clock(m_.get(), now_);
     mdns::engine_begin_pass(m_.get());
     in_pass_ = true;
-  }
-
-  void end_pass() {
+    work();
     mdns::engine_run_scheduled(m_.get());
     in_pass_ = false;
   }
@@ -327,79 +320,40 @@ class Replay {
   // Runs a pass at every moment before `t` when the core has work; the
   // actions at `t` then come before the pass at `t`.
   void advance_to(int32_t t) {
-    const int32_t target = kEpoch + t;
-    for (int guard = 0; guard < 1000000 && now_ < target; ++guard) {
-      pass();
+    for (int guard = 0; guard < 1000000 && now_ < kEpoch + t; ++guard) {
+      in_pass([] {});
       now_ += std::max(mdns::engine_time_to_next_event(m_.get(), now_), 1);
     }
-    now_ = target;
+    now_ = kEpoch + t;
     mdns::engine_set_fake_clock(m_.get(), now_);
   }
 
   // ---- Actions ----
 
   Slot& slot(const std::string& id) {
-    std::unique_ptr<Slot>& s = slots_[id];
-    if (!s) {
-      s = std::make_unique<Slot>();
-      s->id = id;
-      s->replay = this;
-    }
-    return *s;
-  }
-
-  // A start must succeed, or be refused when the line says "refused".
-  static void started(mStatus status, const std::vector<std::string>& w) {
-    if ((status != mStatus_NoError) != flag(w, "refused")) {
-      throw std::runtime_error(status != mStatus_NoError ? "refused: " + std::to_string(status) : "not refused");
-    }
+    Slot& s = slots_[id];  // a map's entries stay where they are: the core holds them
+    s.id = id;
+    s.replay = this;
+    return s;
   }
 
   void act(const Line& line) {
-    const auto& w = line.words;
+    const Words& w = line.words;
     const std::string& verb = w[2];
     if (verb == "browse" || verb == "query" || verb == "resolve") {
-      slot(w[3]).stops = option(w, "then-stop", "");
-      slot(w[3]).resolves = flag(w, "then-resolve") ? w[3] : "";
-    }
-    if (verb == "browse") {
       Slot& s = slot(w[3]);
-      // As an application makes them from its texts ("-": an empty text).
-      const bool has_domain = w.size() > 5 && (w[5].back() == '.' || w[5] == "-");
-      domainname type{};
-      domainname domain{};
-      MakeDomainNameFromDNSNameString(&type, w[4] == "-" ? "" : w[4].c_str());
-      MakeDomainNameFromDNSNameString(&domain, !has_domain ? "local." : w[5] == "-" ? "" : w[5].c_str());
-      started(mDNS_StartBrowse(m_.get(), &s.question, &type, &domain, iface(w), mDNSfalse, on_answer, &s), w);
-    } else if (verb == "query") {
-      Slot& s = slot(w[3]);
-      s.question.qname = to_name(wire_name(w[4]));
-      s.question.qtype = type_code(w[5]);
-      s.question.qclass = kDNSClass_IN;
-      s.question.InterfaceID = iface(w);
-      s.question.QuestionCallback = on_answer;
-      s.question.QuestionContext = &s;
-      started(mDNS_StartQuery(m_.get(), &s.question), w);
-    } else if (verb == "resolve") {
-      Slot& s = slot(w[3]);
-      s.resolve = true;
-      s.info.name = to_name(wire_name(w[4]));
-      s.info.InterfaceID = iface(w);
-      started(mDNS_StartResolveService(m_.get(), &s.query, &s.info, on_resolved, &s), w);
+      s.stops = option(w, "then-stop");
+      s.resolves = flag(w, "then-resolve");
+      const mStatus status = start(s, w);
+      if ((status != mStatus_NoError) != flag(w, "refused")) {
+        throw std::runtime_error(status != mStatus_NoError ? "refused: " + std::to_string(status)
+                                                           : "not refused");
+      }
     } else if (verb == "stop") {
       stop(slot(w[3]));
     } else if (verb == "recv" || verb == "recv-dns") {
-      // "repeat N": N packets, with {n} in the records counting from 1.
-      const int count = std::stoi(option(w, "repeat", "1"));
-      for (int n = 1; n <= count; ++n) {
-        Line copy = line;
-        for (Line& r : copy.body) {
-          for (std::string& word : r.words) {
-            const size_t at = word.find("{n}");
-            word = at == std::string::npos ? word : word.replace(at, 3, std::to_string(n));
-          }
-        }
-        receive(copy);
+      for (int n = 1; n <= std::stoi(option(w, "repeat", "1")); ++n) {
+        receive(numbered(line, n));
       }
     } else if (verb == "iface") {
       change_interfaces(w);
@@ -408,14 +362,55 @@ class Replay {
     }
   }
 
+  mStatus start(Slot& s, const Words& w) {
+    if (w[2] == "resolve") {
+      return start_resolve(s, name_of(w[4]), iface_id(option(w, "iface")));
+    }
+    if (w[2] == "query") {
+      s.question.qname = name_of(w[4]);
+      s.question.qtype = type_code(w[5]);
+      s.question.qclass = kDNSClass_IN;
+      s.question.InterfaceID = iface_id(option(w, "iface"));
+      s.question.QuestionCallback = on_answer;
+      s.question.QuestionContext = &s;
+      return mDNS_StartQuery(m_.get(), &s.question);
+    }
+    // As an application makes them from its texts ("-": an empty text).
+    const bool has_domain = w.size() > 5 && (w[5].back() == '.' || w[5] == "-");
+    domainname type{};
+    domainname domain{};
+    MakeDomainNameFromDNSNameString(&type, w[4] == "-" ? "" : w[4].c_str());
+    MakeDomainNameFromDNSNameString(&domain, !has_domain ? "local." : w[5] == "-" ? "" : w[5].c_str());
+    return mDNS_StartBrowse(m_.get(), &s.question, &type, &domain, iface_id(option(w, "iface")), mDNSfalse,
+                            on_answer, &s);
+  }
+
+  mStatus start_resolve(Slot& s, const domainname& instance, mDNSInterfaceID interface_id) {
+    s.resolve = true;
+    s.info.name = instance;
+    s.info.InterfaceID = interface_id;
+    return mDNS_StartResolveService(m_.get(), &s.query, &s.info, on_resolved, &s);
+  }
+
+  // The `n`th of "repeat N" packets: {n} in its records counts from 1.
+  static Line numbered(Line line, int n) {
+    for (Line& r : line.body) {
+      for (std::string& word : r.words) {
+        const size_t at = word.find("{n}");
+        word = at == std::string::npos ? word : word.replace(at, 3, std::to_string(n));
+      }
+    }
+    return line;
+  }
+
   // The latest one-shot, or unicast query ("for NAME TYPE": the latest asking that).
-  const Sent* last_asked(bool unicast, const std::vector<std::string>& w) const {
+  const Sent* last_asked(bool unicast, const Words& w) const {
     const auto at = std::find(w.begin(), w.end(), "for");
     for (auto it = sent_.rbegin(); it != sent_.rend(); ++it) {
-      const bool kind = unicast ? it->transport >= mdns::Transport::kUnicastDns
-                                : it->transport == mdns::Transport::kOneShot;
-      if (kind && (at == w.end() || (!it->questions.empty() && it->questions[0].type == type_code(at[2]) &&
-                                     mdns::names_equal(it->questions[0].name, to_name(wire_name(at[1])))))) {
+      const bool kind = unicast ? it->transport() >= mdns::Transport::kUnicastDns
+                                : it->transport() == mdns::Transport::kOneShot;
+      if (kind && (at == w.end() ||
+                   (!it->questions.empty() && it->questions[0].is(name_of(at[1]), type_code(at[2]))))) {
         return &*it;
       }
     }
@@ -423,95 +418,77 @@ class Replay {
   }
 
   Bytes message_of(const Line& line, const Sent* asked) const {
-    const auto& w = line.words;
+    const Words& w = line.words;
     if (flag(w, "raw")) {
-      std::vector<std::string> digits = {"hex"};
-      digits.insert(digits.end(), std::find(w.begin(), w.end(), "raw") + 1, w.end());
+      Words digits(std::find(w.begin(), w.end(), "raw"), w.end());
+      digits[0] = "hex";  // how record_data takes any bytes
       return record_data(0, digits);
     }
     DnsMessage msg(0, static_cast<uint16_t>(std::stoul(option(w, "flags", "8400"), nullptr, 16)));
-    if (flag(w, "echo") && asked != nullptr) {
-      msg.set_id(asked->id);
-      for (const Record& q : asked->questions) {
-        msg.question(text_of(q.name), q.type);
-      }
+    if (asked != nullptr && (flag(w, "echo") || flag(w, "echo-id"))) {
+      msg.set_id(asked->header.id);  // echo-id: the ID only, the questions may then differ from those asked
     }
-    if (flag(w, "echo-id") && asked != nullptr) {
-      msg.set_id(asked->id);  // the ID only: the questions may then differ from what was asked
+    for (size_t i = 0; asked != nullptr && flag(w, "echo") && i < asked->questions.size(); ++i) {
+      msg.question(text_of(asked->questions[i].name), asked->questions[i].type);
     }
     if (flag(w, "id")) {
       msg.set_id(static_cast<uint16_t>(std::stoul(option(w, "id", "0"))));
     }
     for (const Line& r : line.body) {
-      const auto& f = r.words;
+      const Words& f = r.words;
       if (f[0] == "qd") {
         msg.question(f.at(1), type_code(f.at(2)));
         continue;
       }
-      const DnsMessage::Section section = f[0] == "an"   ? DnsMessage::kAnswer
-                                          : f[0] == "ns" ? DnsMessage::kAuthority
-                                                         : DnsMessage::kAdditional;
+      const auto section = f[0] == "an"   ? DnsMessage::kAnswer
+                           : f[0] == "ns" ? DnsMessage::kAuthority
+                                          : DnsMessage::kAdditional;
       const bool flush = f.size() > 4 && f[4] == "flush";
       const uint16_t type = type_code(f.at(2));
-      const std::vector<std::string> data(f.begin() + (flush ? 5 : 4), f.end());
-      msg.add(section,
-              {f[1], type, static_cast<uint32_t>(std::stoul(f.at(3))), record_data(type, data), flush});
+      const Bytes data = record_data(type, Words(f.begin() + (flush ? 5 : 4), f.end()));
+      msg.add(section, {f[1], type, static_cast<uint32_t>(std::stoul(f.at(3))), data, flush});
     }
     return msg.bytes();
   }
 
   void receive(const Line& line) {
-    const auto& w = line.words;
-    begin_pass();
-    if (w[2] == "recv-dns") {
-      const Sent* asked = last_asked(true, w);
-      if (asked == nullptr) {
-        throw std::runtime_error("no unicast query to answer");
+    const Words& w = line.words;
+    in_pass([&] {
+      if (w[2] == "recv-dns") {
+        const Sent* asked = last_asked(true, w);
+        if (asked == nullptr) {
+          throw std::runtime_error("no unicast query to answer");
+        }
+        const Bytes bytes = message_of(line, asked);
+        mdns::unicast_receive(m_.get(), asked->message.socket, address_of(option(w, "from", asked->server)),
+                              static_cast<uint16_t>(std::stoi(option(w, "port", "53"))), bytes.data(),
+                              bytes.size());
+        return;
       }
-      const Bytes bytes = message_of(line, asked);
-      const mDNSAddr from = address_from(option(w, "from", asked->server));
-      const uint16_t port = static_cast<uint16_t>(std::stoi(option(w, "port", "53")));
-      mdns::unicast_receive(m_.get(), asked->socket, from, port, bytes.data(), bytes.size());
-    } else {
-      const bool one_shot = flag(w, "oneshot");
       const Bytes bytes = message_of(line, last_asked(false, w));
       mdns::Arrival arrival{};
-      arrival.source = address_from(w.at(3));
+      arrival.source = address_of(w.at(3));
       const int port = std::stoi(option(w, "port", "5353"));
       arrival.source_port.b[0] = static_cast<uint8_t>(port >> 8);
       arrival.source_port.b[1] = static_cast<uint8_t>(port);
-      const std::string name = option(w, "iface", snapshot_.entries[0].info.ifname);
-      arrival.interface_id = mdns::platform_interface_id_of(m_.get(), name.c_str());
-      arrival.transport = one_shot ? mdns::Transport::kOneShot : mdns::Transport::kMulticast;
+      arrival.interface_id = iface_id(option(w, "iface", snapshot_.entries[0].info.ifname));
+      arrival.transport = flag(w, "oneshot") ? mdns::Transport::kOneShot : mdns::Transport::kMulticast;
       mdns::engine_receive(m_.get(), bytes.data(), bytes.size(), arrival);
-    }
-    end_pass();
+    });
   }
 
   // ---- What the core does ----
 
   static void capture(void* context, const mdns::SentMessage& message) {
     auto* self = static_cast<Replay*>(context);
-    Sent sent{};
-    sent.time = self->now();
-    sent.transport = message.transport;
-    sent.iface = self->iface_name(message.interface_id);
-    sent.family = message.family;
-    sent.socket = message.socket;
-    sent.server = message.destination.type != mDNSAddrType_None ? address_text(message.destination) : "";
-    const uint8_t* data = message.data;
-    size_t length = message.length;
-    if (message.transport == mdns::Transport::kUnicastTcp && length >= 2) {
-      data += 2;  // the length prefix
-      length -= 2;
-    }
-    mdns::MessageParser parser(data, length);
-    mdns::MessageHeader h;
-    parser.read_header(h);
-    sent.id = h.id;
-    sent.flags = h.flags;
+    Sent sent{self->now(), message, self->iface_name(message.interface_id),
+              message.destination.type != mDNSAddrType_None ? address_text(message.destination) : ""};
+    const size_t prefix = message.transport == mdns::Transport::kUnicastTcp && message.length >= 2 ? 2 : 0;
+    mdns::MessageParser parser(message.data + prefix, message.length - prefix);  // TCP: after its length
+    parser.read_header(sent.header);
     mdns::ParsedQuestion q;
-    for (int i = 0; i < h.qdcount && parser.next_question(q) == mdns::MessageParser::Result::kOk; ++i) {
+    for (int i = 0; i < sent.header.qdcount && parser.next_question(q) == mdns::MessageParser::Result::kOk;
+         ++i) {
       sent.questions.push_back({q.name, q.qtype, {}});
       sent.unicast_response |= q.unicast_response;
     }
@@ -543,27 +520,17 @@ class Replay {
 
   static void on_answer(mDNS* const, DNSQuestion* q, const ResourceRecord* const answer, QC_result kind) {
     auto* s = static_cast<Slot*>(q->QuestionContext);
-    const Bytes data = wire_data(answer->rrtype, *answer->rdata);
-    std::string text = answer->rrtype == kDNSType_PTR ? text_of(answer->rdata->u.name) : "";
-    if (answer->rrtype == kDNSType_A || answer->rrtype == kDNSType_AAAA) {
-      mDNSAddr a{};
-      a.type = answer->rrtype == kDNSType_A ? mDNSAddrType_IPv4 : mDNSAddrType_IPv6;
-      std::copy(data.begin(), data.end(), a.ip.v6.b);
-      text = address_text(a);
+    const uint16_t type = answer->rrtype;
+    const Bytes data = wire_data(type, *answer->rdata);
+    const bool address = type == kDNSType_A || type == kDNSType_AAAA;
+    const std::string text = address                ? address_text(type == kDNSType_A, data.data())
+                             : type == kDNSType_PTR ? text_of(answer->rdata->u.name)
+                                                    : "";
+    s->replay->log_event(*s, kind == QC_add ? "add" : "remove", type, data, text);
+    if (kind == QC_add && s->resolves) {  // as the device search does
+      Slot& r = s->replay->slot(s->id + "/" + text_of(answer->rdata->u.name));
+      s->replay->start_resolve(r, answer->rdata->u.name, answer->InterfaceID);
     }
-    s->replay->log_event(*s, kind == QC_add ? "add" : "remove", answer->rrtype, data, text);
-    if (kind == QC_add && !s->resolves.empty()) {
-      s->replay->resolve_instance(*s, answer->rdata->u.name, answer->InterfaceID);
-    }
-  }
-
-  // As the device search does: every instance a browse adds is resolved.
-  void resolve_instance(const Slot& browse, const domainname& instance, mDNSInterfaceID interface_id) {
-    Slot& r = slot(browse.id + "/" + text_of(instance));
-    r.resolve = true;
-    r.info.name = instance;
-    r.info.InterfaceID = interface_id;
-    mDNS_StartResolveService(m_.get(), &r.query, &r.info, on_resolved, &r);
   }
 
   static void on_resolved(mDNS* const, ServiceInfoQuery* query) {
@@ -574,39 +541,20 @@ class Replay {
 
   // ---- Expectations ----
 
-  static mdns::Transport transport_of(const std::vector<std::string>& w) {
-    return flag(w, "oneshot") ? mdns::Transport::kOneShot
-           : flag(w, "dns")   ? mdns::Transport::kUnicastDns
-           : flag(w, "tcp")   ? mdns::Transport::kUnicastTcp
-                              : mdns::Transport::kMulticast;
-  }
-
-  static bool has_record(const std::vector<Record>& records, const std::vector<std::string>& f) {
-    const domainname name = to_name(wire_name(f.at(1)));
-    const uint16_t type = type_code(f.at(2));
-    const std::vector<std::string> fields(f.begin() + 3, f.end());
-    return std::any_of(records.begin(), records.end(), [&](const Record& r) {
-      return r.type == type && mdns::names_equal(r.name, name) &&
-             (fields.empty() || same_data(type, r.data, record_data(type, fields)));
-    });
-  }
-
   bool send_matches(const Sent& sent, const Line& line, const Window& w) const {
-    const auto& words = line.words;
+    const Words& words = line.words;
     const std::string family = flag(words, "v6") ? "6" : flag(words, "v4") ? "4" : "";
-    if (sent.consumed || !w.contains(sent.time) || sent.transport != transport_of(words) ||
-        (flag(words, "iface") && sent.iface != option(words, "iface", "")) ||
-        (flag(words, "to") && sent.server != option(words, "to", "")) ||
-        (!family.empty() && std::to_string(sent.family) != family) ||
-        flag(words, "tc") != ((sent.flags & 0x0200) != 0) || flag(words, "qu") != sent.unicast_response) {
+    if (sent.consumed || !w.contains(sent.time) || sent.transport() != transport_of(words) ||
+        (flag(words, "iface") && sent.iface != option(words, "iface")) ||
+        (flag(words, "to") && sent.server != option(words, "to")) ||
+        (!family.empty() && std::to_string(sent.message.family) != family) ||
+        flag(words, "tc") != sent.truncated() || flag(words, "qu") != sent.unicast_response) {
       return false;
     }
     size_t questions = 0;
     for (const Line& b : line.body) {
-      const bool wanted = b.words[0] != "noknown";
-      const auto& records = b.words[0] == "q" ? sent.questions : sent.known;
       questions += b.words[0] == "q" ? 1 : 0;
-      if (has_record(records, b.words) != wanted) {
+      if (has_record(b.words[0] == "q" ? sent.questions : sent.known, b.words) != (b.words[0] != "noknown")) {
         return false;
       }
     }
@@ -619,147 +567,114 @@ class Replay {
       out += w.contains(s.time) ? s.describe() : "";
     }
     for (const Event& e : events_) {
-      out += w.contains(e.time)
-                 ? "  event at " + std::to_string(e.time) + " " + e.id + " " + e.kind + " " + e.text + "\n"
-                 : "";
+      out += w.contains(e.time) ? "  " + e.describe() + "\n" : "";
     }
     return "seen in the window:\n" + (out.empty() ? "  nothing\n" : out);
+  }
+
+  // How many of what the window holds `match` takes; `mark`: they were expected.
+  template <typename T, typename Match>
+  static int count(std::vector<T>& seen, const Window& w, Match match, bool mark) {
+    int n = 0;
+    for (T& x : seen) {
+      if (w.contains(x.time) && match(x)) {
+        x.consumed |= mark;
+        ++n;
+      }
+    }
+    return n;
   }
 
   // The first match, and with it the same query on the other interfaces and families.
   std::string expect_send(const Line& line, const Window& w) {
     const bool narrowed = flag(line.words, "v4") || flag(line.words, "v6") || flag(line.words, "iface");
-    for (Sent& s : sent_) {
-      if (send_matches(s, line, w)) {
-        const int32_t at = s.time;
-        for (Sent& same : sent_) {
-          if ((&same == &s || (!narrowed && same.time == at)) && send_matches(same, line, {at, at})) {
-            same.consumed = true;
-          }
-        }
-        return "";
-      }
+    const auto first =
+        std::find_if(sent_.begin(), sent_.end(), [&](const Sent& s) { return send_matches(s, line, w); });
+    if (first == sent_.end()) {
+      return seen_in(w);
     }
-    return seen_in(w);
+    const Sent* const match = &*first;
+    count(
+        sent_, {match->time, match->time},
+        [&](const Sent& s) {
+          return (&s == match || !narrowed) && send_matches(s, line, {match->time, match->time});
+        },
+        true);
+    return "";
+  }
+
+  std::string expect_event(const Line& line, const Window& w) {
+    const auto first = std::find_if(events_.begin(), events_.end(), [&](const Event& e) {
+      return !e.consumed && w.contains(e.time) && e.matches(line.words);
+    });
+    if (first == events_.end()) {
+      return seen_in(w);
+    }
+    first->consumed = true;
+    return "";
   }
 
   std::string expect_nosend(const Line& line, const Window& w) {
     const bool any = line.words.size() == 3;
-    for (const Sent& s : sent_) {
-      if (w.contains(s.time) && (any || s.transport == transport_of(line.words))) {
-        return seen_in(w);
-      }
-    }
-    return "";
-  }
-
-  // "ID kind DATA...", as an expectation gives them from its fourth word on.
-  static bool event_matches(const Event& e, const std::vector<std::string>& f) {
-    if (f.size() > 3 && e.id != f[3]) {
-      return false;
-    }
-    if (f.size() < 5) {
-      return true;
-    }
-    const std::vector<std::string> fields(f.begin() + 5, f.end());
-    if (e.kind != f[4]) {
-      return false;
-    }
-    if (e.kind != "resolved") {
-      return same_data(e.type, e.data, record_data(e.type, fields));
-    }
-    std::string text;
-    for (const std::string& x : fields) {
-      text += (text.empty() ? "" : " ") + x;
-    }
-    return e.text == text;
-  }
-
-  std::string expect_event(const Line& line, const Window& w) {
-    for (Event& e : events_) {
-      if (!e.consumed && w.contains(e.time) && event_matches(e, line.words)) {
-        e.consumed = true;
-        return "";
-      }
-    }
-    return seen_in(w);
-  }
-
-  // "expect count W ID-prefix kind N": N events of that kind for slots whose
-  // name starts with the prefix (a browse's resolves are "ID/instance").
-  std::string expect_count(const Line& line, const Window& w) {
-    const auto& f = line.words;
-    int n = 0;
-    for (Event& e : events_) {
-      if (w.contains(e.time) && e.id.rfind(f.at(3), 0) == 0 && e.kind == f.at(4)) {
-        e.consumed = true;
-        ++n;
-      }
-    }
-    return n == std::stoi(f.at(5)) ? "" : "counted " + std::to_string(n) + "\n";
-  }
-
-  // "expect at-most W N [oneshot|dns|tcp]": no more than N packets of that kind.
-  std::string expect_at_most(const Line& line, const Window& w) {
-    int n = 0;
-    for (Sent& s : sent_) {
-      if (w.contains(s.time) && s.transport == transport_of(line.words)) {
-        s.consumed = true;
-        ++n;
-      }
-    }
-    return n <= std::stoi(line.words.at(3)) ? "" : "sent " + std::to_string(n) + "\n";
-  }
-
-  // The multicast queries that ask one question in the window, one line each:
-  // "at W" for the first, "+W" for the gap since the one before, "+double"
-  // for a gap of two to two and a bit times the one before.
-  std::string expect_series(const Line& line, const Window& w) {
-    const domainname name = to_name(wire_name(line.words.at(3)));
-    const uint16_t type = type_code(line.words.at(4));
-    auto asks = [&](const Sent& s) {
-      return s.transport == mdns::Transport::kMulticast && w.contains(s.time) &&
-             std::any_of(s.questions.begin(), s.questions.end(),
-                         [&](const Record& q) { return q.type == type && mdns::names_equal(q.name, name); });
-    };
-    std::vector<Sent*> asking;
-    for (Sent& s : sent_) {
-      if (asks(s) && (asking.empty() || asking.back()->time != s.time)) {
-        asking.push_back(&s);
-      }
-    }
-    std::string times;
-    for (const Sent* s : asking) {
-      times += " " + std::to_string(s->time);
-    }
-    if (asking.size() != line.body.size()) {
-      return "asked at" + times + "\n";
-    }
-    for (size_t i = 0; i < asking.size(); ++i) {
-      const std::string& step = line.body[i].words.at(line.body[i].words[0] == "at" ? 1 : 0);
-      const bool gap = step[0] == '+' && i > 0;
-      const int32_t previous = i > 1 ? asking[i - 1]->time - asking[i - 2]->time : 0;
-      const Window expected = step == "+double" ? Window{2 * previous, 2 * previous + 200}
-                                                : parse_window(gap ? step.substr(1) : step);
-      if (!expected.contains(gap ? asking[i]->time - asking[i - 1]->time : asking[i]->time)) {
-        return "asked at" + times + "\n";
-      }
-    }
-    // A query's packets: those that ask, and their known-answer continuations.
-    for (Sent& s : sent_) {
-      s.consumed |=
-          asks(s) || (s.questions.empty() && s.transport == mdns::Transport::kMulticast &&
-                      std::any_of(asking.begin(), asking.end(), [&](Sent* a) { return a->time == s.time; }));
-    }
-    return "";
+    const auto of_kind = [&](const Sent& s) { return any || s.transport() == transport_of(line.words); };
+    return count(sent_, w, of_kind, false) == 0 ? "" : seen_in(w);
   }
 
   std::string expect_noevent(const Line& line, const Window& w) {
-    for (const Event& e : events_) {
-      if (w.contains(e.time) && event_matches(e, line.words)) {
-        return seen_in(w);
+    const auto matches = [&](const Event& e) { return e.matches(line.words); };
+    return count(events_, w, matches, false) == 0 ? "" : seen_in(w);
+  }
+
+  // Slots named ID or starting with it: a browse's resolves are "ID/instance".
+  std::string expect_count(const Line& line, const Window& w) {
+    const Words& f = line.words;
+    const auto of_kind = [&](const Event& e) { return e.id.rfind(f.at(3), 0) == 0 && e.kind == f.at(4); };
+    const int n = count(events_, w, of_kind, true);
+    return n == std::stoi(f.at(5)) ? "" : "counted " + std::to_string(n) + "\n";
+  }
+
+  std::string expect_at_most(const Line& line, const Window& w) {
+    const auto of_kind = [&](const Sent& s) { return s.transport() == transport_of(line.words); };
+    const int n = count(sent_, w, of_kind, true);
+    return n <= std::stoi(line.words.at(3)) ? "" : "sent " + std::to_string(n) + "\n";
+  }
+
+  std::string expect_series(const Line& line, const Window& w) {
+    const domainname name = name_of(line.words.at(3));
+    const uint16_t type = type_code(line.words.at(4));
+    const auto asks = [&](const Sent& s) {
+      return s.transport() == mdns::Transport::kMulticast &&
+             std::any_of(s.questions.begin(), s.questions.end(),
+                         [&](const Record& q) { return q.is(name, type); });
+    };
+    std::vector<int32_t> times;  // one a query, however many packets it took
+    std::string asked = "asked at";
+    for (const Sent& s : sent_) {
+      if (w.contains(s.time) && asks(s) && (times.empty() || times.back() != s.time)) {
+        times.push_back(s.time);
+        asked += " " + std::to_string(s.time);
       }
     }
+    bool as_expected = times.size() == line.body.size();
+    for (size_t i = 0; as_expected && i < times.size(); ++i) {
+      const std::string& step = line.body[i].words.at(line.body[i].words[0] == "at" ? 1 : 0);
+      const bool gap = step[0] == '+' && i > 0;
+      const int32_t previous = i > 1 ? times[i - 1] - times[i - 2] : 0;
+      const Window expected = step == "+double" ? Window{2 * previous, 2 * previous + 200}
+                                                : parse_window(gap ? step.substr(1) : step);
+      as_expected = expected.contains(gap ? times[i] - times[i - 1] : times[i]);
+    }
+    if (!as_expected) {
+      return asked + "\n";
+    }
+    // A query's packets: those that ask, and their known-answer continuations.
+    count(
+        sent_, w,
+        [&](const Sent& s) {
+          return asks(s) || (s.questions.empty() && s.transport() == mdns::Transport::kMulticast &&
+                             std::count(times.begin(), times.end(), s.time) > 0);
+        },
+        true);
     return "";
   }
 
@@ -771,7 +686,7 @@ class Replay {
   uint32_t next_ifindex_ = 2;
   int32_t now_ = kEpoch;
   bool in_pass_ = false;
-  std::map<std::string, std::unique_ptr<Slot>> slots_;
+  std::map<std::string, Slot> slots_;
   std::vector<Sent> sent_;
   std::vector<Event> events_;
   std::vector<std::string> failures_;

@@ -69,9 +69,9 @@ Scenario read_scenario(const std::string& path) {
     const auto& w = line.words;
     try {
       if (w[0] == "interface" && w.size() >= 2) {
-        s.interfaces.push_back(line.text.substr(line.text.find(w[1])));
+        s.interfaces.emplace_back(w.begin() + 1, w.end());
       } else if (w[0] == "nameserver" && w.size() >= 2) {
-        s.nameservers.push_back(line.text.substr(line.text.find(w[1])));
+        s.nameservers.emplace_back(w.begin() + 1, w.end());
       } else if (w[0] == "cache" && w.size() == 2) {
         s.cache_entries = static_cast<uint32_t>(std::stoul(w[1]));
       } else if (w[0] == "allow" && w.size() == 3 && w[2] == "sends") {
@@ -92,7 +92,7 @@ Scenario read_scenario(const std::string& path) {
     }
   }
   if (s.interfaces.empty()) {
-    s.interfaces.push_back("eth0 192.168.1.10/24");
+    s.interfaces.push_back({"eth0", "192.168.1.10/24"});
   }
   std::stable_sort(s.actions.begin(), s.actions.end(), [](const Line& a, const Line& b) {
     return parse_time(a.words[1]) < parse_time(b.words[1]);

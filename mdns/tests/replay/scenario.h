@@ -20,7 +20,9 @@
 //     qd NAME TYPE
 //     an|ns|ar NAME TYPE TTL [flush] DATA...       a packet arrives (echo: repeats the last
 //   at T recv-dns [for NAME TYPE] [from ADDR] [port P] [echo] ...   one-shot's or unicast query's
-//                                                  ID and questions; "for" picks the query)
+//                                                  ID and questions; "for" picks the query;
+//                                                  "repeat N": N packets, {n} in their
+//                                                  records counting from 1)
 //   at T iface up NAME ADDR/LEN... | down NAME | recreate NAME    the host's interfaces change
 //
 //   expect send T1..T2 [oneshot|dns|tcp] [iface NAME] [v4|v6] [to SERVER] [tc] [qu]
@@ -31,6 +33,10 @@
 //   expect noevent T1..T2 [ID [add|remove DATA | resolved ADDRESS PORT]]
 //   expect count T1..T2 ID kind N                  N events of that kind, of slots named ID...
 //   expect at-most T1..T2 N [oneshot|dns|tcp]      no more than N packets of that kind
+//   expect series T1..T2 NAME TYPE                 the multicast queries asking that, one a
+//     at T1..T2 | +T1..T2 | +double                line: the first's time, the gap since the
+//                                                  one before, or two to two and a bit times
+//                                                  the gap before that
 //
 // Times are milliseconds from the start; a window may be one time.  Every send
 // and event must be expected, unless the file allows extras.
@@ -57,8 +63,8 @@ struct Line {
 
 struct Scenario {
   std::string name;
-  std::vector<std::string> interfaces = {};  // "eth0 192.168.1.10/24 ..."
-  std::vector<std::string> nameservers;      // "ADDR [port P]"
+  std::vector<std::vector<std::string>> interfaces;   // "eth0 192.168.1.10/24 ...", in words
+  std::vector<std::vector<std::string>> nameservers;  // "ADDR [port P]", in words
   uint32_t cache_entries = 128;
   bool allow_extra_sends = false;
   bool allow_extra_events = false;
