@@ -178,13 +178,14 @@ struct Slot {
 
 class Replay {
  public:
-  explicit Replay(const Scenario& s) : s_(s), m_(new mDNS()), cache_(s.cache_entries) {
-    for (const Words& w : s.interfaces) {
-      set_interface(w, false);
+  explicit Replay(Scenario s) : s_(std::move(s)), m_(new mDNS()), cache_(s_.cache_entries) {
+    for (const Words& w : s_.interfaces) {
+      interfaces_.push_back({w, next_ifindex_++});
     }
+    publish_interfaces();
     std::vector<mDNSAddr> servers;
     std::vector<uint16_t> ports;
-    for (const Words& w : s.nameservers) {
+    for (const Words& w : s_.nameservers) {
       servers.push_back(address_of(w[0]));
       ports.push_back(static_cast<uint16_t>(std::stoi(option(w, "port", "53"))));
     }
@@ -192,7 +193,7 @@ class Replay {
     mdns::platform_set_send_hook(&p_, &Replay::capture, this);
     mdns::platform_test_set_name_servers(&p_, servers.data(), ports.data(), static_cast<int>(servers.size()));
     mdns::engine_set_fake_clock(m_.get(), kEpoch);
-    if (mDNS_Init(m_.get(), &p_, cache_.data(), s.cache_entries, mDNSfalse, nullptr, nullptr) !=
+    if (mDNS_Init(m_.get(), &p_, cache_.data(), s_.cache_entries, mDNSfalse, nullptr, nullptr) !=
         mStatus_NoError) {
       throw std::runtime_error("mDNS_Init failed");
     }
@@ -204,7 +205,8 @@ class Replay {
     mDNS_FinalExit(m_.get());
   }
 
-  void run() {
+  // The steps, then what the core did against what the scenario expects.
+  std::vector<std::string> run() {
     for (const Line& line : s_.actions) {
       advance_to(parse_time(line.words[1]));
       try {
@@ -214,8 +216,10 @@ class Replay {
       }
     }
     advance_to(s_.end + 1);
+    return check();
   }
 
+ private:
   std::vector<std::string> check() {
     using Check = std::string (Replay::*)(const Line&, const Window&);
     static const std::map<std::string, Check> kChecks = {
@@ -244,51 +248,44 @@ class Replay {
     return failures_;
   }
 
- private:
   int32_t now() const { return now_ - kEpoch; }
 
-  // ---- The host's interfaces ----
-
-  mdns::InterfaceRecord* find_interface(const std::string& name) {
-    mdns::InterfaceRecord* const end = snapshot_.entries + snapshot_.count;
-    mdns::InterfaceRecord* const found = std::find_if(
-        snapshot_.entries, end, [&](const mdns::InterfaceRecord& e) { return name == e.info.ifname; });
-    return found != end ? found : nullptr;
-  }
-
-  // "NAME ADDR/LEN...".  Recreated: the same addresses under a new index, as
-  // when a device is removed and plugged in again.
-  void set_interface(const Words& w, bool recreated) {
-    mdns::InterfaceRecord* entry = find_interface(w[0]);
-    const mdns::InterfaceRecord old = entry != nullptr ? *entry : mdns::InterfaceRecord{};
-    entry = entry != nullptr ? entry : &snapshot_.entries[snapshot_.count++];
-    mdns::interface_reset(*entry, w[0].c_str(),
-                          old.ifindex == 0 || recreated ? next_ifindex_++ : old.ifindex);
-    for (size_t i = 1; i < w.size(); ++i) {
-      const size_t slash = w[i].find('/');
-      mdns::interface_add_address(*entry, address_of(w[i].substr(0, slash)),
-                                  std::stoi(w[i].substr(slash + 1)));
-    }
-    for (size_t i = 0; recreated && i < old.naddrs; ++i) {
-      mdns::interface_add_address(*entry, old.addrs[i].addr, old.addrs[i].prefix_length);
-    }
-    entry->v4usable = mdns::interface_has_family(*entry, mDNSAddrType_IPv4);
-    entry->v6usable = mdns::interface_has_family(*entry, mDNSAddrType_IPv6);
-  }
-
+  // Down: gone from the host's list (its place taken by the last, as a list
+  // of interfaces is kept); recreated: back at once under a new index.
   void change_interfaces(const Words& w) {
     const Words args(w.begin() + 4, w.end());
-    if (w[3] == "up" || w[3] == "recreate") {
-      set_interface(args, w[3] == "recreate");
-    } else if (w[3] == "down") {
-      if (mdns::InterfaceRecord* entry = find_interface(args.at(0))) {
-        *entry = snapshot_.entries[--snapshot_.count];
-      }
-    } else {
+    const auto known = std::find_if(interfaces_.begin(), interfaces_.end(),
+                                    [&](const auto& i) { return i.first[0] == args.at(0); });
+    if (w[3] == "up" && known != interfaces_.end()) {
+      known->first = args;
+    } else if (w[3] == "up") {
+      interfaces_.push_back({args, next_ifindex_++});
+    } else if (w[3] == "down" && known != interfaces_.end()) {
+      *known = interfaces_.back();
+      interfaces_.pop_back();
+    } else if (w[3] == "recreate" && known != interfaces_.end()) {
+      known->second = next_ifindex_++;
+    } else if (w[3] != "down" && w[3] != "recreate") {
       throw std::invalid_argument("iface up, down or recreate");
     }
+    publish_interfaces();
     // As the core's own watch on the interfaces does, inside a pass.
     in_pass([&] { mDNSPlatformPosixRefreshInterfaceList(m_.get()); });
+  }
+
+  void publish_interfaces() {
+    snapshot_.count = 0;
+    for (const auto& [w, index] : interfaces_) {
+      mdns::InterfaceRecord& entry = snapshot_.entries[snapshot_.count++];
+      mdns::interface_reset(entry, w[0].c_str(), index);
+      for (size_t i = 1; i < w.size(); ++i) {
+        const size_t slash = w[i].find('/');
+        mdns::interface_add_address(entry, address_of(w[i].substr(0, slash)),
+                                    std::stoi(w[i].substr(slash + 1)));
+      }
+      entry.v4usable = mdns::interface_has_family(entry, mDNSAddrType_IPv4);
+      entry.v6usable = mdns::interface_has_family(entry, mDNSAddrType_IPv6);
+    }
   }
 
   mDNSInterfaceID iface_id(const std::string& name) const {
@@ -303,8 +300,6 @@ class Replay {
     }
     return "";
   }
-
-  // ---- Time ----
 
   // `work` as the core's event loop runs it: on a pass, then what is due.
   template <typename Work>
@@ -327,8 +322,6 @@ class Replay {
     now_ = kEpoch + t;
     mdns::engine_set_fake_clock(m_.get(), now_);
   }
-
-  // ---- Actions ----
 
   Slot& slot(const std::string& id) {
     Slot& s = slots_[id];  // a map's entries stay where they are: the core holds them
@@ -424,15 +417,14 @@ class Replay {
       digits[0] = "hex";  // how record_data takes any bytes
       return record_data(0, digits);
     }
-    DnsMessage msg(0, static_cast<uint16_t>(std::stoul(option(w, "flags", "8400"), nullptr, 16)));
-    if (asked != nullptr && (flag(w, "echo") || flag(w, "echo-id"))) {
-      msg.set_id(asked->header.id);  // echo-id: the ID only, the questions may then differ from those asked
-    }
-    for (size_t i = 0; asked != nullptr && flag(w, "echo") && i < asked->questions.size(); ++i) {
+    // echo: the ID and questions of what was asked; echo-id: its ID only.
+    const bool echo = asked != nullptr && flag(w, "echo");
+    const uint16_t id = flag(w, "id") ? static_cast<uint16_t>(std::stoul(option(w, "id", "0")))
+                        : echo || (asked != nullptr && flag(w, "echo-id")) ? asked->header.id
+                                                                           : 0;
+    DnsMessage msg(id, static_cast<uint16_t>(std::stoul(option(w, "flags", "8400"), nullptr, 16)));
+    for (size_t i = 0; echo && i < asked->questions.size(); ++i) {
       msg.question(text_of(asked->questions[i].name), asked->questions[i].type);
-    }
-    if (flag(w, "id")) {
-      msg.set_id(static_cast<uint16_t>(std::stoul(option(w, "id", "0"))));
     }
     for (const Line& r : line.body) {
       const Words& f = r.words;
@@ -471,13 +463,11 @@ class Replay {
       const int port = std::stoi(option(w, "port", "5353"));
       arrival.source_port.b[0] = static_cast<uint8_t>(port >> 8);
       arrival.source_port.b[1] = static_cast<uint8_t>(port);
-      arrival.interface_id = iface_id(option(w, "iface", snapshot_.entries[0].info.ifname));
+      arrival.interface_id = iface_id(option(w, "iface", interfaces_.at(0).first[0]));
       arrival.transport = flag(w, "oneshot") ? mdns::Transport::kOneShot : mdns::Transport::kMulticast;
       mdns::engine_receive(m_.get(), bytes.data(), bytes.size(), arrival);
     });
   }
-
-  // ---- What the core does ----
 
   static void capture(void* context, const mdns::SentMessage& message) {
     auto* self = static_cast<Replay*>(context);
@@ -539,16 +529,14 @@ class Replay {
     s->replay->log_event(*s, "resolved", 0, {}, address_text(query->info->ip) + " " + std::to_string(port));
   }
 
-  // ---- Expectations ----
-
   bool send_matches(const Sent& sent, const Line& line, const Window& w) const {
     const Words& words = line.words;
-    const std::string family = flag(words, "v6") ? "6" : flag(words, "v4") ? "4" : "";
+    const int family = flag(words, "v6") ? 6 : flag(words, "v4") ? 4 : 0;
     if (sent.consumed || !w.contains(sent.time) || sent.transport() != transport_of(words) ||
         (flag(words, "iface") && sent.iface != option(words, "iface")) ||
         (flag(words, "to") && sent.server != option(words, "to")) ||
-        (!family.empty() && std::to_string(sent.message.family) != family) ||
-        flag(words, "tc") != sent.truncated() || flag(words, "qu") != sent.unicast_response) {
+        (family != 0 && sent.message.family != family) || flag(words, "tc") != sent.truncated() ||
+        flag(words, "qu") != sent.unicast_response) {
       return false;
     }
     size_t questions = 0;
@@ -593,13 +581,10 @@ class Replay {
     if (first == sent_.end()) {
       return seen_in(w);
     }
-    const Sent* const match = &*first;
-    count(
-        sent_, {match->time, match->time},
-        [&](const Sent& s) {
-          return (&s == match || !narrowed) && send_matches(s, line, {match->time, match->time});
-        },
-        true);
+    const Window at{first->time, first->time};
+    for (Sent& s : sent_) {
+      s.consumed |= (&s == &*first || !narrowed) && send_matches(s, line, at);
+    }
     return "";
   }
 
@@ -678,11 +663,12 @@ class Replay {
     return "";
   }
 
-  const Scenario& s_;
+  const Scenario s_;
   std::unique_ptr<mDNS> m_;
   mDNS_PlatformSupport p_{};
   std::vector<CacheEntity> cache_;
-  mdns::InterfaceSnapshot snapshot_;
+  std::vector<std::pair<Words, uint32_t>> interfaces_;  // with the index of each
+  mdns::InterfaceSnapshot snapshot_;                    // what the core reads of them
   uint32_t next_ifindex_ = 2;
   int32_t now_ = kEpoch;
   bool in_pass_ = false;
@@ -698,35 +684,31 @@ std::string scenario_dir() {
   return dir != nullptr ? dir : SCENARIO_DIR;
 }
 
-std::vector<std::string> scenario_files() {
-  std::vector<std::string> files;
+std::vector<std::string> scenario_names() {
+  std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(scenario_dir())) {
     if (entry.path().extension() == ".scn") {
-      files.push_back(entry.path().filename().string());
+      names.push_back(entry.path().stem().string());
     }
   }
-  std::sort(files.begin(), files.end());
-  return files;
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 class ReplayTest : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(ReplayTest, Scenario) {
-  const Scenario scenario = read_scenario(scenario_dir() + "/" + GetParam());
-  Replay replay(scenario);
-  replay.run();
-  for (const std::string& failure : replay.check()) {
+  for (const std::string& failure : Replay(read_scenario(scenario_dir() + "/" + GetParam() + ".scn")).run()) {
     ADD_FAILURE() << failure;
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Replay, ReplayTest, ::testing::ValuesIn(scenario_files()),
-                         [](const ::testing::TestParamInfo<std::string>& param) {
-                           std::string name = param.param.substr(0, param.param.size() - 4);
-                           std::replace_if(
-                               name.begin(), name.end(), [](char c) { return !std::isalnum(c); }, '_');
-                           return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Replay, ReplayTest, ::testing::ValuesIn(scenario_names()), [](const auto& param) {
+  std::string name = param.param;
+  std::replace_if(
+      name.begin(), name.end(), [](char c) { return !std::isalnum(c); }, '_');
+  return name;
+});
 
 }  // namespace
 }  // namespace replay
