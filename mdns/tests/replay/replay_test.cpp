@@ -445,19 +445,19 @@ class Replay {
 
   void receive(const Line& line) {
     const Words& w = line.words;
+    const bool dns = w[2] == "recv-dns";
     in_pass([&] {
-      if (w[2] == "recv-dns") {
-        const Sent* asked = last_asked(true, w);
-        if (asked == nullptr) {
-          throw std::runtime_error("no unicast query to answer");
-        }
-        const Bytes bytes = message_of(line, asked);
+      const Sent* asked = last_asked(dns, w);
+      if (dns && asked == nullptr) {
+        throw std::runtime_error("no unicast query to answer");
+      }
+      const Bytes bytes = message_of(line, asked);
+      if (dns) {
         mdns::unicast_receive(m_.get(), asked->message.socket, address_of(option(w, "from", asked->server)),
                               static_cast<uint16_t>(std::stoi(option(w, "port", "53"))), bytes.data(),
                               bytes.size());
         return;
       }
-      const Bytes bytes = message_of(line, last_asked(false, w));
       mdns::Arrival arrival{};
       arrival.source = address_of(w.at(3));
       const int port = std::stoi(option(w, "port", "5353"));
@@ -641,7 +641,7 @@ class Replay {
       }
     }
     bool as_expected = times.size() == line.body.size();
-    for (size_t i = 0; as_expected && i < times.size(); ++i) {
+    for (size_t i = 0; as_expected && i < times.size(); ++i) {  // see scenario.h for the steps
       const std::string& step = line.body[i].words.at(line.body[i].words[0] == "at" ? 1 : 0);
       const bool gap = step[0] == '+' && i > 0;
       const int32_t previous = i > 1 ? times[i - 1] - times[i - 2] : 0;

@@ -34,11 +34,8 @@ int32_t parse_time(const std::string& text) {
 
 Window parse_window(const std::string& text) {
   const size_t dots = text.find("..");
-  if (dots == std::string::npos) {
-    const int32_t t = parse_time(text);
-    return {t, t};
-  }
-  return {parse_time(text.substr(0, dots)), parse_time(text.substr(dots + 2))};
+  return {parse_time(text.substr(0, dots)),
+          parse_time(dots == std::string::npos ? text : text.substr(dots + 2))};
 }
 
 Scenario read_scenario(const std::string& path) {
