@@ -346,7 +346,7 @@ class Replay {
       stop(slot(w[3]));
     } else if (verb == "recv" || verb == "recv-dns") {
       for (int n = 1; n <= std::stoi(option(w, "repeat", "1")); ++n) {
-        receive(numbered(line, n));
+        receive(line, n);
       }
     } else if (verb == "iface") {
       change_interfaces(w);
@@ -385,32 +385,19 @@ class Replay {
     return mDNS_StartResolveService(m_.get(), &s.query, &s.info, on_resolved, &s);
   }
 
-  // The `n`th of "repeat N" packets: {n} in its records counts from 1.
-  static Line numbered(Line line, int n) {
-    for (Line& r : line.body) {
-      for (std::string& word : r.words) {
-        const size_t at = word.find("{n}");
-        word = at == std::string::npos ? word : word.replace(at, 3, std::to_string(n));
-      }
-    }
-    return line;
-  }
-
   // The latest one-shot, or unicast query ("for NAME TYPE": the latest asking that).
   const Sent* last_asked(bool unicast, const Words& w) const {
     const auto at = std::find(w.begin(), w.end(), "for");
-    for (auto it = sent_.rbegin(); it != sent_.rend(); ++it) {
-      const bool kind = unicast ? it->transport() >= mdns::Transport::kUnicastDns
-                                : it->transport() == mdns::Transport::kOneShot;
-      if (kind && (at == w.end() ||
-                   (!it->questions.empty() && it->questions[0].is(name_of(at[1]), type_code(at[2]))))) {
-        return &*it;
-      }
-    }
-    return nullptr;
+    const auto it = std::find_if(sent_.rbegin(), sent_.rend(), [&](const Sent& s) {
+      return (unicast ? s.transport() >= mdns::Transport::kUnicastDns
+                      : s.transport() == mdns::Transport::kOneShot) &&
+             (at == w.end() || (!s.questions.empty() && s.questions[0].is(name_of(at[1]), type_code(at[2]))));
+    });
+    return it != sent_.rend() ? &*it : nullptr;
   }
 
-  Bytes message_of(const Line& line, const Sent* asked) const {
+  // The `n`th of "repeat N" packets: {n} in its records counts from 1.
+  Bytes message_of(const Line& line, const Sent* asked, int n) const {
     const Words& w = line.words;
     if (flag(w, "raw")) {
       Words digits(std::find(w.begin(), w.end(), "raw"), w.end());
@@ -427,7 +414,11 @@ class Replay {
       msg.question(text_of(asked->questions[i].name), asked->questions[i].type);
     }
     for (const Line& r : line.body) {
-      const Words& f = r.words;
+      Words f = r.words;
+      for (std::string& word : f) {
+        const size_t at = word.find("{n}");
+        word = at == std::string::npos ? word : word.replace(at, 3, std::to_string(n));
+      }
       if (f[0] == "qd") {
         msg.question(f.at(1), type_code(f.at(2)));
         continue;
@@ -443,7 +434,7 @@ class Replay {
     return msg.bytes();
   }
 
-  void receive(const Line& line) {
+  void receive(const Line& line, int n) {
     const Words& w = line.words;
     const bool dns = w[2] == "recv-dns";
     in_pass([&] {
@@ -451,7 +442,7 @@ class Replay {
       if (dns && asked == nullptr) {
         throw std::runtime_error("no unicast query to answer");
       }
-      const Bytes bytes = message_of(line, asked);
+      const Bytes bytes = message_of(line, asked, n);
       if (dns) {
         mdns::unicast_receive(m_.get(), asked->message.socket, address_of(option(w, "from", asked->server)),
                               static_cast<uint16_t>(std::stoi(option(w, "port", "53"))), bytes.data(),
