@@ -144,6 +144,20 @@ void report_gone(mDNS* m, DNSQuestion* q, CacheRecord* rr) {
   }
 }
 
+// A record pushed out for space is no longer an answer its questions hold:
+// a unique question whose group starts asking again (a twin joins it) must
+// query rather than rest on an answer the cache has not got.
+void uncount_evicted(mDNS* m, CacheRecord* rr) {
+  QuestionWalk walk(m, rr->resrec.namehash);
+  while (DNSQuestion* q = walk.next()) {
+    QuestionState& s = state_of(q);
+    if (s.kind != QuestionKind::kBrowse && s.phase != Phase::kWaitingForCache && s.current_answers > 0 &&
+        question_answered_by(*q, rr->resrec)) {
+      s.current_answers--;
+    }
+  }
+}
+
 }  // namespace
 
 void record_added(mDNS* m, CacheRecord* rr) {
@@ -184,6 +198,9 @@ void record_departs(mDNS* m, CacheRecord* rr, Departure why) {
     // Pushed out for space, the record still exists on the network: nobody is
     // told, and the browses still remember it.
     core.counters.records_evicted++;
+    if (!rr->add_pending) {
+      uncount_evicted(m, rr);
+    }
     cache_free(core, rr);
     return;
   }
