@@ -27,7 +27,6 @@ struct Browse {
   DNSQuestion question{};
   std::vector<BrowseEvent> events;
 
-  // The first add event of the instance, or null.
   const BrowseEvent* first_add(const std::string& instance) const;
   int adds_of(const std::string& instance) const { return count(instance, true); }
   int removes_of(const std::string& instance) const { return count(instance, false); }
@@ -41,7 +40,6 @@ struct Resolve {
   std::vector<ResolveResult> results;
   mDNSu32 queries_sent_at_first_result = 0;
 
-  // The first result of that address family, or null.
   const ResolveResult* first_of(int family) const;
 };
 

@@ -30,7 +30,6 @@ int int_option(int fd, int level, int name) {
   return value;
 }
 
-// Sends `count` datagrams of `size` bytes to the IPv4 group over loopback.
 void send_to_group_on_loopback(int count, size_t size) {
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   const ip_mreqn out_if{{}, {}, static_cast<int>(if_nametoindex("lo"))};
