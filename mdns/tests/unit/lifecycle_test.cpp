@@ -33,7 +33,7 @@ class Lifecycle : public ::testing::Test {
   std::vector<CacheEntity> cache_ = std::vector<CacheEntity>(8);
 };
 
-TEST_F(Lifecycle, StopsOfWhatNeverRanDoNothingAndStartsTwiceAreRefused) {
+TEST_F(Lifecycle, StopsOfWhatNeverRanDoNothingStartsTwiceAreRefusedAndExitStopsEverything) {
   DNSQuestion never{};
   EXPECT_EQ(mDNS_StopQuery(m_.get(), &never), mStatus_BadParamErr);
   DNSQuestion garbage;
@@ -51,10 +51,8 @@ TEST_F(Lifecycle, StopsOfWhatNeverRanDoNothingAndStartsTwiceAreRefused) {
   EXPECT_EQ(mDNS_StopQuery(m_.get(), &copy), mStatus_BadParamErr);
   EXPECT_EQ(mDNS_StopQuery(m_.get(), &q), mStatus_NoError);
   EXPECT_EQ(mDNS_StopQuery(m_.get(), &q), mStatus_BadParamErr);
-}
 
-TEST_F(Lifecycle, ExitStopsEverythingAndInitWorksAgainOnTheSameStorage) {
-  DNSQuestion q{};
+  // Exit stops everything, and init works again on the same storage.
   ServiceInfo info{};
   ServiceInfoQuery resolve{};
   MakeDomainNameFromDNSNameString(&info.name, "Tv._http._tcp.local.");

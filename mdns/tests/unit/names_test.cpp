@@ -102,7 +102,7 @@ TEST(DeconstructServiceName, SplitsOnlyInstanceAppProtocolDomain) {
   }
 }
 
-TEST(NameRelations, EqualityFoldsOnlyAsciiLettersAndParentsFollowLabels) {
+TEST(NameRelations, EqualityFoldsOnlyAsciiLettersParentsFollowLabelsAndBuildingStopsAt255Bytes) {
   // a, b, a equals b, a is b or under it, a is exactly one label under b
   const std::tuple<const char*, const char*, bool, bool, const char*> cases[] = {
       {"Printer._IPP._tcp.LOCAL", "printer._ipp._TCP.local", true, true, nullptr},
@@ -123,9 +123,7 @@ TEST(NameRelations, EqualityFoldsOnlyAsciiLettersAndParentsFollowLabels) {
     EXPECT_EQ(mdns::split_first_label(dn(a), dn(b), l), first != nullptr) << a;
     EXPECT_EQ(text_of(l, 0), first != nullptr ? first : "") << a;
   }
-}
-
-TEST(NameBuilding, AppendAndPrependStopAt255Bytes) {
+  // Appending and prepending stop at 255 bytes.
   domainname head = dn("_http._tcp");
   domainlabel l;
   std::memcpy(l.c, "\3a.b", 4);

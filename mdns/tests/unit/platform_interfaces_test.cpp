@@ -99,15 +99,14 @@ std::string read(InterfaceRecord (&table)[mDNS_MaxInterfaces], NetworkInterfaceI
     s += " " + std::string(i->ifname) + "=" + id_text(i->InterfaceID) + (found ? "(" : "?(") +
          (found && r->v4usable ? "4" : "") + (found && r->v6usable ? "6" : "") + ")";
   }
-  const auto ids = [](const mDNSInterfaceID* id, size_t count) {
-    std::string list = " |";
+  for (const auto& [ids, count] :
+       {std::pair{changes.added, changes.added_count}, std::pair{changes.removed, changes.removed_count}}) {
+    s += " |";
     for (size_t i = 0; i < count; ++i) {
-      list += " " + id_text(id[i]);
+      s += " " + id_text(ids[i]);
     }
-    return list;
-  };
-  return s.substr(1) + ids(changes.added, changes.added_count) + ids(changes.removed, changes.removed_count) +
-         " |" + membership.log;
+  }
+  return s.substr(1) + " |" + membership.log;
 }
 
 TEST(InterfaceTable, IdsStayWithNamesAndChangesAreReported) {

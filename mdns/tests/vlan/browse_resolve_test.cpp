@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <initializer_list>
-
 #include <memory>
 #include <string>
 
@@ -20,7 +19,6 @@ using sorvalen::test::AnnouncedService;
 using sorvalen::test::VirtualLan;
 
 const AnnouncedService kPrinter{"Office Printer", "_ipp._tcp", 631, {"rp=ipp/print"}};
-const AnnouncedService kScanner{"Office Scanner", "_ipp._tcp", 8631, {}};
 const AnnouncedService kCamera{"Door Camera", "_ipp._tcp", 554, {}};
 
 // Generous: avahi answers within a second; the machine may be busy.
@@ -34,50 +32,43 @@ class BrowseResolveOnLan : public ::testing::Test {
     lan_->add_lan();
     lan_->add_host("querier", {1});
     lan_->add_host("printer", {1});
-    lan_->start_avahi("printer", {kPrinter, kScanner});
-  }
-
-  std::unique_ptr<CoreOnLan> start_core() {
-    auto core = std::make_unique<CoreOnLan>(lan_->netns("querier"));
-    EXPECT_TRUE(core->started()) << "mDNS_Init: " << core->status();
-    return core;
+    lan_->start_avahi("printer", {kPrinter, {"Office Scanner", "_ipp._tcp", 8631, {}}});
+    core_ = std::make_unique<CoreOnLan>(lan_->netns("querier"));
+    ASSERT_EQ(core_->status(), mStatus_NoError) << "mDNS_Init";
   }
 
   std::unique_ptr<VirtualLan> lan_;
+  // Outlive the core: its exit stops them.
+  Browse browse_;
+  Resolve resolve_;
+  std::unique_ptr<CoreOnLan> core_;
 };
 
 TEST_F(BrowseResolveOnLan, FindsResolvesAndFollowsTheDevice) {
-  auto core = start_core();
-  ASSERT_TRUE(core->started());
-  Browse browse;
-  ASSERT_EQ(core->browse(browse, "_ipp._tcp"), mStatus_NoError);
-  ASSERT_TRUE(core->run_until(
-      [&] { return browse.adds_of("Office Printer") && browse.adds_of("Office Scanner"); }, kFindMs));
+  ASSERT_EQ(core_->browse(browse_, "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until(
+      [&] { return browse_.adds_of("Office Printer") && browse_.adds_of("Office Scanner"); }, kFindMs));
 
   // The answer's additional records complete the resolve: it asks nothing.
-  Resolve resolve;
-  const mDNSu32 queries_before = engine_counters(&core->core()).queries_sent;
-  ASSERT_EQ(core->resolve(resolve, "Office Printer", "_ipp._tcp"), mStatus_NoError);
-  ASSERT_TRUE(core->run_until(
-      [&] { return resolve.has_family(mDNSAddrType_IPv4) && resolve.has_family(mDNSAddrType_IPv6); },
-      kFindMs));
-  EXPECT_EQ(resolve.queries_sent_at_first_result, queries_before);
-  EXPECT_EQ(address_text(resolve.first_of(mDNSAddrType_IPv4)->ip), lan_->host_ipv4("printer"));
-  EXPECT_EQ(address_text(resolve.first_of(mDNSAddrType_IPv6)->ip), lan_->host_ipv6_link_local("printer"));
-  EXPECT_EQ(resolve.results.size(), 2u) << "each address once";
-  const std::string txt(reinterpret_cast<const char*>(resolve.info.TXTinfo), resolve.info.TXTlen);
+  const mDNSu32 queries_before = engine_counters(&core_->core()).queries_sent;
+  ASSERT_EQ(core_->resolve(resolve_, "Office Printer", "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until(
+      [&] { return resolve_.first_of(mDNSAddrType_IPv4) && resolve_.first_of(mDNSAddrType_IPv6); }, kFindMs));
+  EXPECT_EQ(resolve_.queries_sent_at_first_result, queries_before);
+  EXPECT_EQ(address_text(resolve_.first_of(mDNSAddrType_IPv4)->ip), lan_->host_ipv4("printer"));
+  EXPECT_EQ(address_text(resolve_.first_of(mDNSAddrType_IPv6)->ip), lan_->host_ipv6_link_local("printer"));
+  EXPECT_EQ(resolve_.results.size(), 2u) << "each address once";
+  const std::string txt(reinterpret_cast<const char*>(resolve_.info.TXTinfo), resolve_.info.TXTlen);
   EXPECT_NE(txt.find("rp=ipp/print"), std::string::npos);
 
   // The device moves the service to another port: the resolve reports it.
   lan_->add_service("printer", {"Office Printer", "_ipp._tcp", 6310, {"rp=ipp/print"}});
-  ASSERT_TRUE(core->run_until([&] { return resolve.results.back().port == 6310; }, kFindMs));
+  ASSERT_TRUE(core_->run_until([&] { return resolve_.results.back().port == 6310; }, kFindMs));
 
   lan_->remove_service("printer", "Office Scanner", "_ipp._tcp");
-  ASSERT_TRUE(core->run_until([&] { return browse.removes_of("Office Scanner") > 0; }, kFindMs));
+  ASSERT_TRUE(core_->run_until([&] { return browse_.removes_of("Office Scanner") > 0; }, kFindMs));
   lan_->stop_avahi("printer");
-  EXPECT_TRUE(core->run_until([&] { return browse.removes_of("Office Printer") > 0; }, kFindMs));
-  mDNS_StopResolveService(&core->core(), &resolve.query);
-  mDNS_StopQuery(&core->core(), &browse.question);
+  EXPECT_TRUE(core_->run_until([&] { return browse_.removes_of("Office Printer") > 0; }, kFindMs));
 }
 
 // A device without a DHCP server answers from 169.254/16, outside the querier's subnet.
@@ -85,17 +76,11 @@ TEST_F(BrowseResolveOnLan, FindsADeviceWithALinkLocalAddress) {
   lan_->add_host("camera", {1});
   lan_->command({"set-ipv4", "camera", "eth0", "169.254.20.20/16"});
   lan_->start_avahi("camera", {kCamera});
-  auto core = start_core();
-  ASSERT_TRUE(core->started());
-  Browse browse;
-  ASSERT_EQ(core->browse(browse, "_ipp._tcp"), mStatus_NoError);
-  ASSERT_TRUE(core->run_until([&] { return browse.adds_of("Door Camera") > 0; }, kFindMs));
-  Resolve resolve;
-  ASSERT_EQ(core->resolve(resolve, "Door Camera", "_ipp._tcp"), mStatus_NoError);
-  ASSERT_TRUE(core->run_until([&] { return resolve.has_family(mDNSAddrType_IPv4); }, kFindMs));
-  EXPECT_EQ(address_text(resolve.first_of(mDNSAddrType_IPv4)->ip), "169.254.20.20");
-  mDNS_StopResolveService(&core->core(), &resolve.query);
-  mDNS_StopQuery(&core->core(), &browse.question);
+  ASSERT_EQ(core_->browse(browse_, "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until([&] { return browse_.adds_of("Door Camera") > 0; }, kFindMs));
+  ASSERT_EQ(core_->resolve(resolve_, "Door Camera", "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until([&] { return resolve_.first_of(mDNSAddrType_IPv4) != nullptr; }, kFindMs));
+  EXPECT_EQ(address_text(resolve_.first_of(mDNSAddrType_IPv4)->ip), "169.254.20.20");
 }
 
 // Responders differ in what they answer and when; python3-zeroconf beside avahi-daemon.
@@ -103,54 +88,38 @@ TEST_F(BrowseResolveOnLan, FindsAndResolvesAZeroconfResponderBesideAvahi) {
   lan_->add_host("lamp", {1});
   lan_->add_service("lamp", {"Desk Lamp", "_ipp._tcp", 9100, {}});
   lan_->command({"start-zeroconf", "lamp"});
-  auto core = start_core();
-  ASSERT_TRUE(core->started());
-  Browse browse;
-  ASSERT_EQ(core->browse(browse, "_ipp._tcp"), mStatus_NoError);
-  ASSERT_TRUE(core->run_until([&] { return browse.adds_of("Desk Lamp") && browse.adds_of("Office Printer"); },
-                              kFindMs));
-  Resolve resolve;
-  ASSERT_EQ(core->resolve(resolve, "Desk Lamp", "_ipp._tcp"), mStatus_NoError);
-  ASSERT_TRUE(core->run_until([&] { return resolve.has_family(mDNSAddrType_IPv4); }, kFindMs));
-  EXPECT_EQ(resolve.first_of(mDNSAddrType_IPv4)->port, 9100);
-  EXPECT_EQ(address_text(resolve.first_of(mDNSAddrType_IPv4)->ip), lan_->host_ipv4("lamp"));
-  mDNS_StopResolveService(&core->core(), &resolve.query);
-  mDNS_StopQuery(&core->core(), &browse.question);
+  ASSERT_EQ(core_->browse(browse_, "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until(
+      [&] { return browse_.adds_of("Desk Lamp") && browse_.adds_of("Office Printer"); }, kFindMs));
+  ASSERT_EQ(core_->resolve(resolve_, "Desk Lamp", "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until([&] { return resolve_.first_of(mDNSAddrType_IPv4) != nullptr; }, kFindMs));
+  EXPECT_EQ(resolve_.first_of(mDNSAddrType_IPv4)->port, 9100);
+  EXPECT_EQ(address_text(resolve_.first_of(mDNSAddrType_IPv4)->ip), lan_->host_ipv4("lamp"));
 }
 
 // With the other family's socket closed, each family alone finds and resolves the device.
 class OneFamilyOnLan : public BrowseResolveOnLan, public ::testing::WithParamInterface<int> {};
 
 TEST_P(OneFamilyOnLan, FindsAndResolvesTheDevice) {
-  auto core = start_core();
-  ASSERT_TRUE(core->started());
-  EXPECT_EQ(core->interface_names(), std::vector<std::string>{"eth0"});
   const int family = GetParam();
-  PlatformState& p = platform_of(&core->core());
+  PlatformState& p = platform_of(&core_->core());
   const bool v4 = family == mDNSAddrType_IPv4;
   for (int* other : {v4 ? &p.sock_v6 : &p.sock_v4, v4 ? &p.one_shot_v6 : &p.one_shot_v4}) {
     close(*other);
     *other = -1;
   }
-  Browse browse;
-  ASSERT_EQ(core->browse(browse, "_ipp._tcp"), mStatus_NoError);
-  ASSERT_TRUE(core->run_until([&] { return browse.adds_of("Office Printer") > 0; }, kFindMs));
-  EXPECT_EQ(browse.events.front().interface_id, core->interface_id("eth0"));
-  Resolve resolve;
-  ASSERT_EQ(core->resolve(resolve, "Office Printer", "_ipp._tcp"), mStatus_NoError);
-  ASSERT_TRUE(core->run_until([&] { return resolve.has_family(family); }, kFindMs));
-  EXPECT_EQ(resolve.first_of(family)->port, 631);
-  EXPECT_EQ(address_text(resolve.first_of(family)->ip),
+  ASSERT_EQ(core_->browse(browse_, "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until([&] { return browse_.adds_of("Office Printer") > 0; }, kFindMs));
+  EXPECT_EQ(browse_.events.front().interface_id, core_->interface_id("eth0"));
+  ASSERT_EQ(core_->resolve(resolve_, "Office Printer", "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until([&] { return resolve_.first_of(family) != nullptr; }, kFindMs));
+  EXPECT_EQ(resolve_.first_of(family)->port, 631);
+  EXPECT_EQ(address_text(resolve_.first_of(family)->ip),
             family == mDNSAddrType_IPv4 ? lan_->host_ipv4("printer") : lan_->host_ipv6_link_local("printer"));
-  mDNS_StopResolveService(&core->core(), &resolve.query);
-  mDNS_StopQuery(&core->core(), &browse.question);
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, OneFamilyOnLan, ::testing::Values(mDNSAddrType_IPv4, mDNSAddrType_IPv6),
-                         [](const ::testing::TestParamInfo<int>& param) {
-                           return param.param == mDNSAddrType_IPv4 ? std::string("IPv4")
-                                                                   : std::string("IPv6");
-                         });
+                         ::testing::PrintToStringParamName());
 
 }  // namespace
 }  // namespace mdns::vlan_test

@@ -27,7 +27,6 @@ struct Browse {
   DNSQuestion question{};
   std::vector<BrowseEvent> events;
 
-  // The first add event of the instance, or null.
   const BrowseEvent* first_add(const std::string& instance) const;
   int adds_of(const std::string& instance) const { return count(instance, true); }
   int removes_of(const std::string& instance) const { return count(instance, false); }
@@ -41,8 +40,6 @@ struct Resolve {
   std::vector<ResolveResult> results;
   mDNSu32 queries_sent_at_first_result = 0;
 
-  bool has_family(int family) const { return first_of(family) != nullptr; }
-  // The first result of that address family, or null.
   const ResolveResult* first_of(int family) const;
 };
 
@@ -52,17 +49,11 @@ class CoreOnLan {
   explicit CoreOnLan(std::string netns);
   ~CoreOnLan();
 
-  CoreOnLan(const CoreOnLan&) = delete;
-  CoreOnLan& operator=(const CoreOnLan&) = delete;
-
-  bool started() const { return status_ == mStatus_NoError; }
   mStatus status() const { return status_; }
   mDNS& core() { return *m_; }
-  mDNS_PlatformSupport& platform() { return *p_; }
 
   // The interface ID of an interface name of the namespace (null when unknown).
   mDNSInterfaceID interface_id(const std::string& ifname) const;
-  std::vector<std::string> interface_names() const;
 
   mStatus browse(Browse& browse, const std::string& type, mDNSInterfaceID interface_id = mDNSInterface_Any);
   // The instance must be plain text (no dots or backslashes).
@@ -71,15 +62,12 @@ class CoreOnLan {
 
   // Runs the event loop until `done` holds or `timeout_ms` passes; returns `done()`.
   bool run_until(const std::function<bool()>& done, int timeout_ms);
-  void run_for(int ms) {
-    run_until([] { return false; }, ms);
-  }
 
  private:
   std::string netns_;
-  std::unique_ptr<mDNS> m_;
-  std::unique_ptr<mDNS_PlatformSupport> p_;
-  std::vector<CacheEntity> cache_;
+  std::unique_ptr<mDNS> m_ = std::make_unique<mDNS>();
+  std::unique_ptr<mDNS_PlatformSupport> p_ = std::make_unique<mDNS_PlatformSupport>();
+  std::vector<CacheEntity> cache_ = std::vector<CacheEntity>(500);
   mStatus status_ = mStatus_UnknownErr;
 };
 

@@ -30,16 +30,11 @@ int int_option(int fd, int level, int name) {
   return value;
 }
 
-// Sends `count` datagrams of `size` bytes to the IPv4 group over loopback.
 void send_to_group_on_loopback(int count, size_t size) {
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ip_mreqn out_if{};
-  out_if.imr_ifindex = static_cast<int>(if_nametoindex("lo"));
+  const ip_mreqn out_if{{}, {}, static_cast<int>(if_nametoindex("lo"))};
   ASSERT_EQ(setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &out_if, sizeof out_if), 0);
-  sockaddr_in group{};
-  group.sin_family = AF_INET;
-  group.sin_port = htons(5353);
-  group.sin_addr.s_addr = htonl(0xE00000FB);  // 224.0.0.251
+  const sockaddr_in group{AF_INET, htons(5353), {htonl(0xE00000FB)}, {}};  // 224.0.0.251
   const std::vector<uint8_t> message(size, 0);
   for (int i = 0; i < count; ++i) {
     sendto(fd, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&group), sizeof group);
@@ -47,8 +42,8 @@ void send_to_group_on_loopback(int count, size_t size) {
   close(fd);
 }
 
-// One pass of an application's loop, waiting at most `wait_ms`.
-void one_pass(mDNS& m, int wait_ms) {
+// One pass of an application's loop, waiting at most `wait_ms`; returns the counters after it.
+const Counters& one_pass(mDNS& m, int wait_ms) {
   fd_set readfds;
   FD_ZERO(&readfds);
   int nfds = 0;
@@ -58,6 +53,7 @@ void one_pass(mDNS& m, int wait_ms) {
     FD_ZERO(&readfds);
   }
   mDNSPosixProcessFDSet(&m, &readfds);
+  return engine_counters(&m);
 }
 
 void check_on_loopback(mDNS& m) {
@@ -75,19 +71,15 @@ void check_on_loopback(mDNS& m) {
   ASSERT_NE(m.HostInterfaces, nullptr);
   EXPECT_STREQ(m.HostInterfaces->ifname, "lo");
   EXPECT_EQ(m.HostInterfaces->next, nullptr);
-  const mDNSInterfaceID lo = m.HostInterfaces->InterfaceID;
-  EXPECT_FALSE(platform_interface_usable(&m, lo, mDNSAddrType_IPv6));
+  EXPECT_FALSE(platform_interface_usable(&m, m.HostInterfaces->InterfaceID, mDNSAddrType_IPv6));
 
   // A flood waits for later passes instead of holding this one.
   send_to_group_on_loopback(100, 12);
-  one_pass(m, 1000);
-  EXPECT_EQ(engine_counters(&m).packets_received, 64u);
-  one_pass(m, 1000);
-  EXPECT_EQ(engine_counters(&m).packets_received, 100u);
+  EXPECT_EQ(one_pass(m, 1000).packets_received, 64u);
+  EXPECT_EQ(one_pass(m, 1000).packets_received, 100u);
   // A datagram larger than the buffer is dropped, not read in part.
   send_to_group_on_loopback(1, kReceiveBufferSize + 100);
-  one_pass(m, 1000);
-  EXPECT_EQ(engine_counters(&m).packets_received, 101u);
+  EXPECT_EQ(one_pass(m, 1000).packets_received, 101u);
   EXPECT_EQ(engine_counters(&m).packets_dropped, 101u);
 }
 
