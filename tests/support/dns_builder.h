@@ -44,10 +44,6 @@ class DnsMessage {
   DnsMessage& answer(const std::string& name, uint16_t type, uint32_t ttl, const Bytes& data) {
     return add(kAnswer, Record{name, type, ttl, data});
   }
-  DnsMessage& set_id(uint16_t id) {
-    id_ = id;
-    return *this;
-  }
   Bytes bytes() const;
 
  private:
