@@ -35,6 +35,10 @@ bool nsec_equal(const RData& a, const RData& b) {
 
 }  // namespace
 
+uint32_t wire_hash(const uint8_t* bytes, size_t n) {
+  return fnv1a_lowered(bytes, n);
+}
+
 bool wire_equal(const uint8_t* a, const uint8_t* b, size_t n) {
   // Length bytes are at most 63, below 'A', so lowering the whole wire form is safe.
   for (size_t i = 0; i < n; ++i) {

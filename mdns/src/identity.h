@@ -14,6 +14,8 @@ namespace mdns {
 bool names_equal(const domainname& a, const domainname& b);
 // Wire bytes (labels with their length bytes) equal without regard to ASCII case.
 bool wire_equal(const uint8_t* a, const uint8_t* b, size_t n);
+// Of wire bytes, without regard to ASCII case: equal when wire_equal holds.
+uint32_t wire_hash(const uint8_t* bytes, size_t n);
 uint32_t name_hash(const domainname& name);
 
 bool rdata_equal(uint16_t rrtype, const RData& a, const RData& b);

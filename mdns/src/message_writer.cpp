@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "constants.h"
+#include "identity.h"
 #include "message_reader.h"
 #include "names.h"
 
@@ -52,23 +53,10 @@ bool QueryWriter::put_u32(uint32_t v) {
   return put_bytes(b, 4);
 }
 
-namespace {
-
-// Of the bytes of an uncompressed name (or suffix): only equal ones can match.
-uint32_t suffix_hash(const uint8_t* suffix, size_t length) {
-  uint32_t h = 2166136261u;
-  for (size_t i = 0; i < length; ++i) {
-    h = (h ^ suffix[i]) * 16777619u;
-  }
-  return h;
-}
-
-}  // namespace
-
 // Finds an earlier written name (or suffix of one) equal byte for byte to the
 // uncompressed `suffix`; its message offset, or -1.
 int QueryWriter::find_target(const uint8_t* suffix, size_t length) const {
-  const uint32_t hash = suffix_hash(suffix, length);
+  const uint32_t hash = wire_hash(suffix, length);
   for (int i = 0; i < target_count_; ++i) {
     if (target_hashes_[i] != hash)
       continue;
@@ -101,7 +89,7 @@ bool QueryWriter::write_name(const domainname& name) {
     if (!put_bytes(name.c + i, 1 + name.c[i]))
       return false;
     if (at <= kMaxPointerOffset) {
-      new_hashes[new_count] = suffix_hash(name.c + i, length - i);
+      new_hashes[new_count] = wire_hash(name.c + i, length - i);
       new_targets[new_count++] = static_cast<uint16_t>(at);
     }
     i += 1 + name.c[i];

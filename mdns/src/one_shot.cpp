@@ -1,5 +1,6 @@
 #include "one_shot.h"
 
+#include <algorithm>
 #include <cstring>
 #include <initializer_list>
 
@@ -26,8 +27,7 @@ bool take_token(CoreState& core) {
   const int32_t elapsed = time_diff(core.now, core.one_shot_refilled);
   if (elapsed >= 1000 / kOneShotsPerSecond) {
     const int32_t earned = elapsed / (1000 / kOneShotsPerSecond);
-    core.one_shot_tokens =
-        core.one_shot_tokens + earned > kOneShotBurst ? kOneShotBurst : core.one_shot_tokens + earned;
+    core.one_shot_tokens = std::min(core.one_shot_tokens + earned, kOneShotBurst);
     core.one_shot_refilled =
         time_add(core.one_shot_refilled, static_cast<int64_t>(earned) * (1000 / kOneShotsPerSecond));
   }
