@@ -123,9 +123,9 @@ int32_t g_now = 1000000;
 mdns::InterfaceSnapshot g_interfaces;
 std::vector<DNSQuestion> g_questions;
 
-mdns::Arrival other_host_arrival() {
+mdns::Arrival multicast_from(const char* source) {
   mdns::Arrival arrival{};
-  arrival.source = mdns::address_from_text("192.168.1.30");
+  arrival.source = mdns::address_from_text(source);
   arrival.source_port.b[0] = 0x14;
   arrival.source_port.b[1] = 0xe9;
   arrival.interface_id = mdns::platform_interface_id_of(&g_core, "eth0");
@@ -164,7 +164,7 @@ void start_core(int questions) {
     push_record(answer, host, kDNSType_A, 0x8001, 120,
                 {10, 0, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)});
     mdns::engine_begin_pass(&g_core);
-    mdns::engine_receive(&g_core, answer.data(), answer.size(), other_host_arrival());
+    mdns::engine_receive(&g_core, answer.data(), answer.size(), multicast_from("192.168.1.30"));
     mdns::engine_run_scheduled(&g_core);
   }
   mdns::engine_begin_pass(&g_core);
@@ -179,12 +179,7 @@ void stop_core() {
 void run_receive(benchmark::State& state, const std::vector<std::vector<uint8_t>>& messages, int questions,
                  bool with_passes) {
   start_core(questions);
-  mdns::Arrival arrival{};
-  arrival.source = mdns::address_from_text("192.168.1.20");
-  arrival.source_port.b[0] = 0x14;
-  arrival.source_port.b[1] = 0xe9;
-  arrival.interface_id = mdns::platform_interface_id_of(&g_core, "eth0");
-  arrival.transport = mdns::Transport::kMulticast;
+  const mdns::Arrival arrival = multicast_from("192.168.1.20");
   size_t i = 0;
   const long allocations_before = g_allocations.load();
   for (auto _ : state) {
