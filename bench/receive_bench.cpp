@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "engine.h"
-#include "interfaces_posix.h"
+#include "engine/engine.h"
 #include "mdns/mdns.h"
-#include "platform.h"
+#include "platform/interfaces_posix.h"
+#include "platform/platform.h"
 
 extern "C" const char ProgramName[] = "receive_bench";
 

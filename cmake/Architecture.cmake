@@ -2,14 +2,17 @@
 #   the core (mdns/) includes nothing of the search library;
 #   the reverse lookup includes nothing of the core or the search;
 #   the search includes nothing of the reverse lookup;
-#   the shared records and text helpers include neither.
+#   the shared records and text helpers include neither;
+#   inside the core, a layer includes only layers below it: wire/ (bytes on
+#   the wire) sees nothing else of the core.
 # Run as a script: cmake -DROOT=<source dir> -P Architecture.cmake
 if(CMAKE_SCRIPT_MODE_FILE)
   set(rules
     "mdns|sorvalen/|search/|reverse_lookup/"
     "src/reverse_lookup|mdns/|search/|sorvalen/mdns_search"
     "src/search|reverse_lookup/|sorvalen/dns_reverse_lookup"
-    "src/common|mdns/|search/|reverse_lookup/|sorvalen/mdns_search|sorvalen/dns_reverse_lookup")
+    "src/common|mdns/|search/|reverse_lookup/|sorvalen/mdns_search|sorvalen/dns_reverse_lookup"
+    "mdns/src/wire|platform/|cache/|ask/|engine/")
   set(failures "")
   foreach(rule ${rules})
     string(REPLACE "|" ";" parts "${rule}")

@@ -4,11 +4,11 @@
 #include <cstdint>
 #include <cstring>
 
-#include "engine.h"
-#include "interfaces_posix.h"
+#include "ask/unicast_dns.h"
+#include "engine/engine.h"
 #include "mdns/mdns.h"
-#include "platform.h"
-#include "unicast_dns.h"
+#include "platform/interfaces_posix.h"
+#include "platform/platform.h"
 
 extern "C" const char ProgramName[] = "fuzz_mdns_core";
 

@@ -6,10 +6,10 @@
 #include <cstdint>
 #include <cstring>
 
-#include "identity.h"
-#include "message_reader.h"
-#include "message_writer.h"
-#include "names.h"
+#include "wire/identity.h"
+#include "wire/message_reader.h"
+#include "wire/message_writer.h"
+#include "wire/names.h"
 
 extern "C" const char ProgramName[] = "fuzz_mdns_message";
 

@@ -9,14 +9,14 @@
 #include <map>
 #include <sstream>
 
+#include "ask/unicast_dns.h"
 #include "dns_builder.h"
-#include "engine.h"
-#include "identity.h"
-#include "interfaces_posix.h"
-#include "message_reader.h"
-#include "names.h"
+#include "engine/engine.h"
+#include "platform/interfaces_posix.h"
 #include "scenario.h"
-#include "unicast_dns.h"
+#include "wire/identity.h"
+#include "wire/message_reader.h"
+#include "wire/names.h"
 
 namespace replay {
 namespace {

@@ -5,9 +5,9 @@
 #include <memory>
 #include <vector>
 
-#include "engine.h"
+#include "engine/engine.h"
 #include "mdns/mdns.h"
-#include "platform.h"
+#include "platform/platform.h"
 
 namespace mdns {
 namespace {

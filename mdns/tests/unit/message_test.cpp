@@ -8,11 +8,11 @@
 #include <tuple>
 #include <vector>
 
-#include "constants.h"
 #include "dns_builder.h"
-#include "message_reader.h"
-#include "message_writer.h"
-#include "names.h"
+#include "wire/constants.h"
+#include "wire/message_reader.h"
+#include "wire/message_writer.h"
+#include "wire/names.h"
 
 namespace {
 

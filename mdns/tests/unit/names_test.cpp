@@ -5,9 +5,9 @@
 #include <string>
 #include <tuple>
 
-#include "identity.h"
 #include "mdns/mdns.h"
-#include "names.h"
+#include "wire/identity.h"
+#include "wire/names.h"
 
 namespace {
 

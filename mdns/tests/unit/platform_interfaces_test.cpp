@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "interfaces_posix.h"
+#include "platform/interfaces_posix.h"
 
 namespace mdns {
 namespace {

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "core_on_lan.h"
-#include "engine.h"
-#include "platform_state.h"
+#include "engine/engine.h"
+#include "platform/platform_state.h"
 #include "virtual_lan.h"
 #include "virtual_lan_requirement.h"
 

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "engine.h"
+#include "engine/engine.h"
 #include "netns_scope.h"
 
 namespace mdns::vlan_test {

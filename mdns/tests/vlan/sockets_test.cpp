@@ -15,9 +15,9 @@
 #include <thread>
 #include <vector>
 
-#include "engine.h"
+#include "engine/engine.h"
 #include "mdns/mdns.h"
-#include "platform_state.h"
+#include "platform/platform_state.h"
 #include "virtual_lan_requirement.h"
 
 namespace mdns::vlan_test {

@@ -1,0 +1,127 @@
+#include "ask/one_shot.h"
+
+#include <algorithm>
+#include <cstring>
+#include <initializer_list>
+
+#include "ask/question_lists.h"
+#include "engine/engine.h"
+#include "engine/questions.h"
+#include "platform/clock.h"
+#include "platform/platform.h"
+#include "wire/message_reader.h"
+#include "wire/message_writer.h"
+
+namespace mdns {
+namespace {
+
+// So that a pass that starts thousands of questions stays bounded.
+constexpr int kMaxPacketsPerInterface = 2;
+// And so that what others send cannot make the core send without bound (a
+// storm of changed SRV records restarts address questions at its own pace):
+// one-shot packets come out of a bucket of this many, refilled at this rate.
+constexpr int32_t kOneShotBurst = 32;
+constexpr int32_t kOneShotsPerSecond = 16;
+
+bool take_token(CoreState& core) {
+  const int32_t elapsed = time_diff(core.now, core.one_shot_refilled);
+  if (elapsed >= 1000 / kOneShotsPerSecond) {
+    const int32_t earned = elapsed / (1000 / kOneShotsPerSecond);
+    core.one_shot_tokens = std::min(core.one_shot_tokens + earned, kOneShotBurst);
+    core.one_shot_refilled =
+        time_add(core.one_shot_refilled, static_cast<int64_t>(earned) * (1000 / kOneShotsPerSecond));
+  }
+  if (core.one_shot_tokens == 0) {
+    return false;
+  }
+  core.one_shot_tokens--;
+  return true;
+}
+
+const OneShot* find(const CoreState& core, uint16_t id, const Arrival& arrival) {
+  for (const OneShot& o : core.one_shots) {
+    if (o.question_count > 0 && o.id == id && o.interface_id == arrival.interface_id &&
+        o.family == arrival.source.type && time_diff(core.now, o.sent) <= kOneShotLifetimeMs) {
+      return &o;
+    }
+  }
+  return nullptr;
+}
+
+bool for_interface(const DNSQuestion& q, mDNSInterfaceID interface_id) {
+  return q.InterfaceID == mDNSInterface_Any || q.InterfaceID == interface_id;
+}
+
+// Packets of the wanted questions for one interface and family.
+void send_on(mDNS* m, DNSQuestion* wanted, mDNSInterfaceID interface_id, int family) {
+  CoreState& core = core_of(m);
+  DNSQuestion* q = wanted;
+  for (int packet = 0; packet < kMaxPacketsPerInterface && q != nullptr && take_token(core); ++packet) {
+    OneShot& record = core.one_shots[core.one_shot_next++ % kMaxOneShots];
+    record = OneShot{};
+    record.id = platform_random_id();
+    QueryWriter writer(core.txbuf, kMaxQueryPayload, record.id);
+    for (; q != nullptr && record.question_count < kOneShotQuestions; q = list_next(q)) {
+      if (!for_interface(*q, interface_id)) {
+        continue;
+      }
+      if (!writer.add_question(q->qname, q->qtype, q->qclass)) {
+        break;
+      }
+      record.questions[record.question_count++] = question_key(q->qname, q->qtype, q->qclass);
+    }
+    if (record.question_count == 0) {
+      return;
+    }
+    record.family = static_cast<uint8_t>(family);
+    record.interface_id = interface_id;
+    record.sent = core.now;
+    core.counters.one_shots_sent++;
+    engine_send_multicast(m, Transport::kOneShot, interface_id, family, core.txbuf, writer.finish());
+  }
+}
+
+}  // namespace
+
+void one_shots_reset(CoreState& core) {
+  std::memset(core.one_shots, 0, sizeof core.one_shots);
+  core.one_shot_next = 0;
+  core.one_shot_tokens = kOneShotBurst;
+  core.one_shot_refilled = core.now;
+}
+
+void send_one_shots(mDNS* m) {
+  CoreState& core = core_of(m);
+  DNSQuestion* wanted = list_first(core, ListId::kOneShot);
+  if (wanted == nullptr) {
+    return;
+  }
+  for (const NetworkInterfaceInfo* i = m->HostInterfaces; i != nullptr; i = i->next) {
+    for (int family : {mDNSAddrType_IPv4, mDNSAddrType_IPv6}) {
+      if (platform_interface_usable(m, i->InterfaceID, family)) {
+        send_on(m, wanted, i->InterfaceID, family);
+      }
+    }
+  }
+  while (list_pop(core, ListId::kOneShot) != nullptr) {
+  }
+}
+
+bool one_shot_expected(mDNS* m, const MessageHeader& header, const Arrival& arrival) {
+  return header.qdcount > 0 && find(core_of(m), header.id, arrival) != nullptr;
+}
+
+bool one_shot_asked(mDNS* m, const MessageHeader& header, const Arrival& arrival, uint32_t question_key) {
+  const OneShot* o = find(core_of(m), header.id, arrival);
+  if (o == nullptr) {
+    return false;
+  }
+  for (int i = 0; i < o->question_count; ++i) {
+    if (o->questions[i] == question_key) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace mdns

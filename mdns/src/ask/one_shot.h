@@ -1,0 +1,28 @@
+// One-shot queries (RFC 6762 section 5.1): when a question starts and the
+// cache cannot answer it, one query goes out at once from an ephemeral port,
+// per interface and family, shared by the questions started in the same pass.
+// Responders must answer it directly (section 6.7) and do so without the
+// delays of multicast answers.  The answers are accepted only with the ID of
+// an outstanding one-shot and a question section that repeats its questions.
+#pragma once
+
+#include <cstdint>
+
+#include "engine/core_state.h"
+
+namespace mdns {
+
+struct MessageHeader;
+struct Arrival;
+
+void one_shots_reset(CoreState& core);
+
+// Sends one-shots for the questions that want one, and forgets the list.
+void send_one_shots(mDNS* m);
+
+// Whether a response that arrived on a one-shot socket answers an outstanding
+// one-shot: its ID and interface, and each of its questions one the one-shot asked.
+bool one_shot_expected(mDNS* m, const MessageHeader& header, const Arrival& arrival);
+bool one_shot_asked(mDNS* m, const MessageHeader& header, const Arrival& arrival, uint32_t question_key);
+
+}  // namespace mdns

@@ -1,0 +1,275 @@
+#include "cache/cache.h"
+
+#include <cstring>
+
+#include "platform/clock.h"
+#include "wire/identity.h"
+#include "wire/message_reader.h"
+
+namespace mdns {
+namespace {
+
+constexpr int kRefreshSteps = 4;  // queries at 80, 85, 90 and 95 % of the TTL
+
+struct TimerAccess {
+  static HeapLinks<CacheRecord>& links(CacheRecord* rr) { return rr->timer; }
+};
+using CacheTimers = PairingHeap<CacheRecord, TimerAccess>;
+
+uint32_t bucket_of(uint32_t name_hash) {
+  return name_hash % kCacheBuckets;
+}
+
+uint32_t identity_bucket_of(uint32_t name_hash, uint32_t data_hash) {
+  return (name_hash ^ (data_hash * 2654435761u)) % kCacheBuckets;
+}
+
+CacheRecord* entry_at(CoreState& core, uint32_t index_plus_one) {
+  return index_plus_one == 0 ? nullptr : &record_at(core, index_plus_one);
+}
+
+// The timer fires at the next refresh point, or at expiry after the last.
+int32_t timer_time(const CacheRecord& rr) {
+  if (!rr.expiring && rr.refresh_step < kRefreshSteps && time_diff(rr.next_refresh, rr.expiry) < 0) {
+    return rr.next_refresh;
+  }
+  return rr.expiry;
+}
+
+void arm_timer(CoreState& core, CacheRecord* rr) {
+  CacheTimers(core.cache_timer_root).insert(rr, timer_time(*rr));
+}
+
+// 80, 85, 90, 95 % of the TTL from the time of receipt, plus up to 2 % at random.
+void plan_refresh(CoreState& core, CacheRecord* rr) {
+  if (rr->refresh_step >= kRefreshSteps) {
+    rr->next_refresh = rr->expiry;
+    return;
+  }
+  const int64_t ttl_ms = static_cast<int64_t>(rr->resrec.rroriginalttl) * 1000;
+  const int64_t base = ttl_ms * (80 + 5 * rr->refresh_step) / 100;
+  const int64_t jitter = random_between(core.random_state, 0, static_cast<uint32_t>(ttl_ms * 2 / 100));
+  rr->next_refresh = time_add(rr->received, base + jitter);
+}
+
+void set_lifetime(CoreState& core, CacheRecord* rr, uint32_t ttl, int32_t now) {
+  if (ttl > kMaxCachedTtlSeconds) {
+    ttl = kMaxCachedTtlSeconds;
+  }
+  rr->resrec.rroriginalttl = ttl;
+  rr->received = now;
+  rr->expiry = time_add(now, static_cast<int64_t>(ttl) * 1000);
+  rr->expiring = 0;
+  rr->refresh_step = 0;
+  plan_refresh(core, rr);
+  arm_timer(core, rr);
+}
+
+// Two doubly linked chains per entry: by owner name (what questions look up)
+// and by name and data (what re-receipts look up); both unlink in constant time.
+void link_entry(CoreState& core, CacheRecord* rr) {
+  const uint32_t self = index_of(core, rr);
+  uint32_t& head = core.cache_buckets[bucket_of(rr->resrec.namehash)];
+  rr->bucket_prev = 0;
+  rr->bucket_next = head;
+  if (head != 0) {
+    entry_at(core, head)->bucket_prev = self;
+  }
+  head = self;
+  uint32_t& ihead = core.identity_buckets[identity_bucket_of(rr->resrec.namehash, rr->rdata_hash)];
+  rr->identity_prev = 0;
+  rr->identity_next = ihead;
+  if (ihead != 0) {
+    entry_at(core, ihead)->identity_prev = self;
+  }
+  ihead = self;
+}
+
+void unlink_entry(CoreState& core, CacheRecord* rr) {
+  if (rr->bucket_prev != 0) {
+    entry_at(core, rr->bucket_prev)->bucket_next = rr->bucket_next;
+  } else {
+    core.cache_buckets[bucket_of(rr->resrec.namehash)] = rr->bucket_next;
+  }
+  if (rr->bucket_next != 0) {
+    entry_at(core, rr->bucket_next)->bucket_prev = rr->bucket_prev;
+  }
+  if (rr->identity_prev != 0) {
+    entry_at(core, rr->identity_prev)->identity_next = rr->identity_next;
+  } else {
+    core.identity_buckets[identity_bucket_of(rr->resrec.namehash, rr->rdata_hash)] = rr->identity_next;
+  }
+  if (rr->identity_next != 0) {
+    entry_at(core, rr->identity_next)->identity_prev = rr->identity_prev;
+  }
+}
+
+}  // namespace
+
+void cache_reset(CoreState& core) {
+  core.cache_free = 0;
+  core.cache_used = 0;
+  core.cache_timer_root = nullptr;
+  std::memset(core.cache_buckets, 0, sizeof core.cache_buckets);
+  std::memset(core.identity_buckets, 0, sizeof core.identity_buckets);
+  for (uint32_t i = core.cache_size; i > 0; --i) {
+    CacheRecord* rr = &record_at(core, i);
+    std::memset(rr, 0, sizeof *rr);
+    rr->bucket_next = core.cache_free;
+    core.cache_free = i;
+  }
+  std::memset(core.senders, 0, sizeof core.senders);
+}
+
+CacheRecord* cache_find(CoreState& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
+                        mDNSInterfaceID interface_id) {
+  for (CacheRecord* rr = entry_at(core, core.identity_buckets[identity_bucket_of(name_hash, data_hash)]);
+       rr != nullptr; rr = entry_at(core, rr->identity_next)) {
+    const ResourceRecord& r = rr->resrec;
+    if (r.namehash == name_hash && rr->rdata_hash == data_hash && r.rrtype == rec.rrtype &&
+        r.rrclass == rec.rrclass && r.InterfaceID == interface_id && names_equal(*r.name, rec.name) &&
+        rdata_equal(r.rrtype, *r.rdata, rec.rdata)) {
+      return rr;
+    }
+  }
+  return nullptr;
+}
+
+bool cache_full(const CoreState& core) {
+  return core.cache_free == 0;
+}
+
+CacheRecord* cache_insert(CoreState& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
+                          mDNSInterfaceID interface_id, Source source, uint8_t sender, int32_t now) {
+  CacheRecord* rr = entry_at(core, core.cache_free);
+  if (rr == nullptr) {
+    return nullptr;
+  }
+  core.cache_free = rr->bucket_next;
+  std::memset(rr, 0, sizeof *rr);
+  rr->namestorage = rec.name;
+  rr->rdatastorage = rec.rdata;
+  rr->rdatastorage.MaxRDLength = static_cast<mDNSu16>(sizeof(RDataBody));
+  ResourceRecord& r = rr->resrec;
+  r.rrtype = rec.rrtype;
+  r.rrclass = rec.rrclass;
+  r.rdlength = rec.rdata.length;
+  r.InterfaceID = interface_id;
+  r.name = &rr->namestorage;
+  r.namehash = name_hash;
+  r.rdata = &rr->rdatastorage;
+  rr->rdata_hash = data_hash;
+  rr->packet_seq = core.packet_seq;
+  rr->importance_generation = core.question_generation - 1;
+  rr->source = source;
+  rr->sender = sender;
+  rr->in_use = 1;
+  set_lifetime(core, rr, rec.ttl, now);
+  link_entry(core, rr);
+  core.cache_used++;
+  core.senders[sender].cached++;
+  core.counters.records_cached++;
+  return rr;
+}
+
+void cache_refresh(CoreState& core, CacheRecord* rr, uint32_t ttl, int32_t now) {
+  rr->packet_seq = core.packet_seq;
+  set_lifetime(core, rr, ttl, now);
+}
+
+void cache_expire_soon(CoreState& core, CacheRecord* rr, int32_t now) {
+  rr->expiring = 1;
+  rr->expiry = time_add(now, kGoodbyeDelayMs);
+  rr->next_refresh = rr->expiry;
+  arm_timer(core, rr);
+}
+
+void cache_free(CoreState& core, CacheRecord* rr) {
+  if (!rr->in_use) {
+    return;
+  }
+  CacheTimers(core.cache_timer_root).remove(rr);
+  unlink_entry(core, rr);
+  core.senders[rr->sender].cached--;
+  sender_release_if_unused(core, rr->sender);
+  rr->in_use = 0;
+  rr->bucket_next = core.cache_free;
+  core.cache_free = index_of(core, rr);
+  core.cache_used--;
+}
+
+CacheRecord* cache_next_due(CoreState& core, int32_t now) {
+  CacheRecord* rr = CacheTimers(core.cache_timer_root).top();
+  return rr != nullptr && time_reached(rr->timer.key, now) ? rr : nullptr;
+}
+
+bool cache_expired(const CacheRecord& rr, int32_t now) {
+  return time_reached(rr.expiry, now);
+}
+
+bool cache_pass_refresh_point(CoreState& core, CacheRecord* rr) {
+  if (rr->expiring || rr->refresh_step >= kRefreshSteps) {
+    arm_timer(core, rr);
+    return false;
+  }
+  rr->refresh_step++;
+  plan_refresh(core, rr);
+  arm_timer(core, rr);
+  return true;
+}
+
+bool cache_next_time(const CoreState& core, int32_t& when) {
+  if (core.cache_timer_root == nullptr) {
+    return false;
+  }
+  when = core.cache_timer_root->timer.key;
+  return true;
+}
+
+int64_t cache_remaining_ms(const CacheRecord& rr, int32_t now) {
+  return time_diff(rr.expiry, now);
+}
+
+CacheRecord* cache_first(CoreState& core, uint32_t name_hash) {
+  return entry_at(core, core.cache_buckets[bucket_of(name_hash)]);
+}
+
+CacheRecord* cache_next(CoreState& core, const CacheRecord* rr) {
+  return entry_at(core, rr->bucket_next);
+}
+
+CacheRecord* cache_entry(CoreState& core, uint32_t index) {
+  if (index >= core.cache_size) {
+    return nullptr;
+  }
+  CacheRecord* rr = &record_at(core, index + 1);
+  return rr->in_use ? rr : nullptr;
+}
+
+uint8_t sender_slot(CoreState& core, const mDNSAddr& address) {
+  const size_t size = address.type == mDNSAddrType_IPv4 ? 4 : 16;
+  int free_slot = 0;
+  for (int i = 1; i < kMaxSenders; ++i) {
+    const Sender& s = core.senders[i];
+    if (s.address.type == mDNSAddrType_None) {
+      free_slot = free_slot == 0 ? i : free_slot;
+      continue;
+    }
+    if (s.address.type == address.type && std::memcmp(&s.address.ip, &address.ip, size) == 0) {
+      return static_cast<uint8_t>(i);
+    }
+  }
+  if (free_slot != 0) {
+    core.senders[free_slot].address = address;
+  }
+  return static_cast<uint8_t>(free_slot);
+}
+
+void sender_release_if_unused(CoreState& core, uint8_t slot) {
+  Sender& s = core.senders[slot];
+  if (slot != 0 && s.cached == 0 && s.answers == 0) {
+    s = Sender{};
+  }
+}
+
+}  // namespace mdns

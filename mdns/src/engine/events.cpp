@@ -1,0 +1,307 @@
+#include "engine/events.h"
+
+#include "ask/query_schedule.h"
+#include "cache/browse_answers.h"
+#include "cache/cache.h"
+#include "engine/questions.h"
+#include "platform/clock.h"
+#include "wire/identity.h"
+#include "wire/names.h"
+
+namespace mdns {
+namespace {
+
+// A record to hand to callbacks when the cache no longer holds one: a browse
+// answer remembered apart from the cache.
+struct DetachedRecord {
+  ResourceRecord view;
+  domainname name;
+  RData rdata;
+};
+
+bool fill_detached(const CoreState& core, int index, DetachedRecord& out) {
+  const BrowseAnswer& a = core.answers[index];
+  if (!browse_answer_name(core, index, out.rdata.u.name)) {
+    return false;
+  }
+  out.name = a.browse->qname;
+  out.rdata.MaxRDLength = sizeof(RDataBody);
+  out.rdata.length = static_cast<mDNSu16>(name_length(out.rdata.u.name));
+  out.view = ResourceRecord{};
+  out.view.rrtype = kDNSType_PTR;
+  out.view.rrclass = kDNSClass_IN;
+  out.view.rdlength = out.rdata.length;
+  out.view.InterfaceID = interface_from_number(a.interface_slot);
+  out.view.name = &out.name;
+  out.view.namehash = state_of(a.browse).name_hash;
+  out.view.rdata = &out.rdata;
+  return true;
+}
+
+void call_back(mDNS* m, DNSQuestion* q, const ResourceRecord& rr, QC_result kind) {
+  if (q->QuestionCallback != nullptr) {
+    q->QuestionCallback(m, q, &rr, kind);
+  }
+}
+
+bool core_alive(mDNS* m) {
+  return core_of(m).initialized;
+}
+
+// Forgets a remembered answer and tells its browse that the instance is gone.
+void report_answer_gone(mDNS* m, int index) {
+  CoreState& core = core_of(m);
+  DetachedRecord gone;
+  DNSQuestion* browse = core.answers[index].browse;
+  const bool named = fill_detached(core, index, gone);
+  browse_answer_forget(core, index);
+  QuestionState& s = state_of(browse);
+  if (s.current_answers > 0) {
+    s.current_answers--;
+  }
+  if (named) {
+    call_back(m, browse, gone.view, QC_rmv);
+  }
+}
+
+// A PTR answer reaches a browse (new, or received again): reported once, and
+// remembered until it goes away.
+void report_to_browse(mDNS* m, DNSQuestion* browse, CacheRecord* rr) {
+  CoreState& core = core_of(m);
+  domainlabel instance;
+  const domainname& target = rr->resrec.rdata->u.name;
+  // DNS-SD instances sit directly under the browsed name; nothing else is one.
+  if (!split_first_label(target, browse->qname, instance)) {
+    return;
+  }
+  const int known = browse_answer_find(core, browse, instance, rr->rdata_hash, rr->resrec.InterfaceID);
+  if (known >= 0) {
+    if (!rr->expiring) {
+      browse_answer_renew(core, known, rr->resrec.rroriginalttl, rr->received);
+    }
+    return;
+  }
+  if (rr->expiring) {
+    return;
+  }
+  int evicted = -1;
+  const Admission admission = browse_answer_admit(core, rr->sender, evicted);
+  if (admission == Admission::kRefused) {
+    return;
+  }
+  if (admission == Admission::kMustEvict) {
+    report_answer_gone(m, evicted);
+    if (!core_alive(m) || !question_active(m, browse)) {
+      return;
+    }
+  }
+  if (browse_answer_remember(core, browse, instance, rr->rdata_hash, rr->resrec.InterfaceID, rr->sender,
+                             rr->resrec.rroriginalttl, rr->received) < 0) {
+    return;
+  }
+  state_of(browse).current_answers++;
+  call_back(m, browse, rr->resrec, QC_add);
+}
+
+void report_added(mDNS* m, DNSQuestion* q, CacheRecord* rr) {
+  QuestionState& s = state_of(q);
+  if (s.kind == QuestionKind::kBrowse) {
+    report_to_browse(m, q, rr);
+    return;
+  }
+  s.current_answers++;
+  if (s.leader == nullptr && is_unique_type(q->qtype)) {
+    schedule_rest(m, q);
+  }
+  call_back(m, q, rr->resrec, QC_add);
+}
+
+// A record left on the network: the questions that had it hear so, and a
+// unique question left without an answer asks again.
+void report_gone(mDNS* m, DNSQuestion* q, CacheRecord* rr) {
+  CoreState& core = core_of(m);
+  QuestionState& s = state_of(q);
+  if (s.kind == QuestionKind::kBrowse) {
+    domainlabel instance;
+    const int known = split_first_label(rr->resrec.rdata->u.name, q->qname, instance)
+                          ? browse_answer_find(core, q, instance, rr->rdata_hash, rr->resrec.InterfaceID)
+                          : -1;
+    if (known >= 0) {
+      report_answer_gone(m, known);
+    }
+    return;
+  }
+  if (s.current_answers > 0) {
+    s.current_answers--;
+  }
+  call_back(m, q, rr->resrec, QC_rmv);
+  if (!core_alive(m) || !question_active(m, q)) {
+    return;
+  }
+  DNSQuestion* leader = leader_of(q);
+  if (q == leader && is_unique_type(q->qtype) && s.current_answers == 0) {
+    schedule_ask_again(m, leader, core.now);
+  }
+}
+
+// A record pushed out for space is no longer an answer its questions hold:
+// a unique question whose group starts asking again (a twin joins it) must
+// query rather than rest on an answer the cache has not got.
+void uncount_evicted(mDNS* m, CacheRecord* rr) {
+  QuestionWalk walk(m, rr->resrec.namehash);
+  while (DNSQuestion* q = walk.next()) {
+    QuestionState& s = state_of(q);
+    if (s.kind != QuestionKind::kBrowse && s.phase != Phase::kWaitingForCache && s.current_answers > 0 &&
+        question_answered_by(*q, rr->resrec)) {
+      s.current_answers--;
+    }
+  }
+}
+
+}  // namespace
+
+void record_added(mDNS* m, CacheRecord* rr) {
+  QuestionWalk walk(m, rr->resrec.namehash);
+  while (DNSQuestion* q = walk.next()) {
+    // One still waiting for its first delivery will find the record then.
+    if (state_of(q).phase == Phase::kWaitingForCache || !question_answered_by(*q, rr->resrec)) {
+      continue;
+    }
+    report_added(m, q, rr);
+    if (!core_alive(m) || !rr->in_use) {
+      return;
+    }
+  }
+}
+
+void record_renewed(mDNS* m, CacheRecord* rr) {
+  if (rr->resrec.rrtype != kDNSType_PTR) {
+    return;
+  }
+  QuestionWalk walk(m, rr->resrec.namehash);
+  while (DNSQuestion* q = walk.next()) {
+    const QuestionState& s = state_of(q);
+    if (s.kind != QuestionKind::kBrowse || s.phase == Phase::kWaitingForCache ||
+        !question_answered_by(*q, rr->resrec)) {
+      continue;
+    }
+    report_to_browse(m, q, rr);
+    if (!core_alive(m) || !rr->in_use) {
+      return;
+    }
+  }
+}
+
+void record_departs(mDNS* m, CacheRecord* rr, Departure why) {
+  CoreState& core = core_of(m);
+  if (why == Departure::kEvicted) {
+    // Pushed out for space, the record still exists on the network: nobody is
+    // told, and the browses still remember it.
+    core.counters.records_evicted++;
+    if (!rr->add_pending) {
+      uncount_evicted(m, rr);
+    }
+    cache_free(core, rr);
+    return;
+  }
+  if (!rr->add_pending) {
+    QuestionWalk walk(m, rr->resrec.namehash);
+    while (DNSQuestion* q = walk.next()) {
+      if (state_of(q).phase == Phase::kWaitingForCache || !question_answered_by(*q, rr->resrec)) {
+        continue;
+      }
+      report_gone(m, q, rr);
+      if (!core_alive(m)) {
+        return;
+      }
+    }
+  }
+  cache_free(core, rr);
+}
+
+void goodbye_for_uncached(mDNS* m, const ResourceRecord& goodbye) {
+  CoreState& core = core_of(m);
+  QuestionWalk walk(m, goodbye.namehash);
+  while (DNSQuestion* q = walk.next()) {
+    if (state_of(q).kind != QuestionKind::kBrowse || !question_answered_by(*q, goodbye)) {
+      continue;
+    }
+    domainlabel instance;
+    if (!split_first_label(goodbye.rdata->u.name, q->qname, instance)) {
+      continue;
+    }
+    const int known =
+        browse_answer_find(core, q, instance, name_hash(goodbye.rdata->u.name), goodbye.InterfaceID);
+    if (known >= 0) {
+      browse_answer_expire_soon(core, known, core.now);
+    }
+  }
+}
+
+void deliver_cached_answers(mDNS* m, DNSQuestion* q) {
+  CoreState& core = core_of(m);
+  QuestionState& s = state_of(q);
+  s.phase = state_of(q).leader != nullptr ? Phase::kFollowing : Phase::kFirstQueryDue;
+  core.question_generation++;
+  bool answered = false;
+  for (CacheRecord* rr = cache_first(core, s.name_hash); rr != nullptr;) {
+    CacheRecord* next = cache_next(core, rr);
+    // A record in the second after a goodbye is still an answer (its owner may
+    // correct the goodbye, and its removal is reported if not), but not one
+    // that spares the question its queries.
+    if (!rr->add_pending && question_answered_by(*q, rr->resrec)) {
+      answered = answered || !rr->expiring;
+      report_added(m, q, rr);
+      // The callback may have stopped this very question, or the core.
+      if (!core_alive(m) || !question_active(m, q)) {
+        return;
+      }
+    }
+    rr = next;
+  }
+  if (s.leader == nullptr) {
+    schedule_after_first_delivery(m, q, answered);
+  }
+}
+
+void request_refresh(mDNS* m, const CacheRecord& rr) {
+  CoreState& core = core_of(m);
+  QuestionWalk walk(m, rr.resrec.namehash);
+  while (DNSQuestion* q = walk.next()) {
+    const QuestionState& s = state_of(q);
+    if (s.phase != Phase::kWaitingForCache && !s.listening && question_answered_by(*q, rr.resrec)) {
+      schedule_refresh(m, leader_of(q), core.now);
+    }
+  }
+}
+
+void browse_answer_due(mDNS* m, int index) {
+  CoreState& core = core_of(m);
+  BrowseAnswer& a = core.answers[index];
+  if (time_reached(a.expiry, core.now)) {
+    report_answer_gone(m, index);
+    return;
+  }
+  // Its refresh point: the browse asks, whether or not the cache still holds the record.
+  a.refresh_at = a.expiry;
+  if (!state_of(a.browse).listening) {
+    schedule_refresh(m, leader_of(a.browse), core.now);
+  }
+}
+
+void interface_gone(mDNS* m, mDNSInterfaceID interface_id) {
+  CoreState& core = core_of(m);
+  for (uint32_t i = 0; i < core.cache_size && core_alive(m); ++i) {
+    CacheRecord* rr = cache_entry(core, i);
+    if (rr != nullptr && rr->resrec.InterfaceID == interface_id) {
+      record_departs(m, rr, Departure::kInterfaceGone);
+    }
+  }
+  for (int i = 0; i < mDNS_MaxBrowseAnswers && core_alive(m); ++i) {
+    if (core.answers[i].in_use && interface_from_number(core.answers[i].interface_slot) == interface_id) {
+      report_answer_gone(m, i);
+    }
+  }
+}
+
+}  // namespace mdns

@@ -1,0 +1,207 @@
+// The receive path: acceptance checks, cache update, then answer events.
+#include "engine/receive.h"
+#include "ask/one_shot.h"
+#include "cache/cache.h"
+#include "engine/cache_policy.h"
+#include "engine/engine.h"
+#include "engine/events.h"
+#include "engine/questions.h"
+#include "platform/clock.h"
+#include "platform/platform.h"
+#include "wire/identity.h"
+#include "wire/message_reader.h"
+#include "wire/names.h"
+
+namespace mdns {
+namespace {
+
+constexpr uint32_t kNewEntry = 0x80000000u;
+
+bool acceptable_header(const MessageHeader& h) {
+  const unsigned opcode = (h.flags >> 11) & 0xFu;
+  const unsigned rcode = h.flags & 0xFu;
+  return (h.flags & kFlagResponse) != 0 && opcode == 0 && rcode == 0;
+}
+
+uint16_t port_of(mDNSIPPort port) {
+  return static_cast<uint16_t>((port.b[0] << 8) | port.b[1]);
+}
+
+void deliver_packet_records(mDNS* m) {
+  CoreState& core = core_of(m);
+  const uint32_t count = core.packet_record_count;
+  core.packet_record_count = 0;
+  for (uint32_t i = 0; i < count && core.initialized; ++i) {
+    const uint32_t entry = core.packet_records[i];
+    CacheRecord* rr = &record_at(core, entry & ~kNewEntry);
+    if (!rr->in_use) {
+      continue;
+    }
+    if ((entry & kNewEntry) == 0) {
+      record_renewed(m, rr);
+    } else if (rr->add_pending) {
+      rr->add_pending = 0;
+      record_added(m, rr);
+    }
+    if (rr->in_use) {
+      note_victim_candidate(m, rr);
+    }
+  }
+}
+
+void note_packet_record(mDNS* m, CacheRecord* rr, bool is_new) {
+  CoreState& core = core_of(m);
+  if (core.packet_record_count == kMaxPacketRecords) {
+    deliver_packet_records(m);
+  }
+  core.packet_records[core.packet_record_count++] = index_of(core, rr) | (is_new ? kNewEntry : 0);
+}
+
+// A cache-flush record: the other records of its name, type and class on this
+// interface that are older than a second and not from this packet go away in
+// one second.
+void flush_older_records(mDNS* m, const CacheRecord& fresh) {
+  CoreState& core = core_of(m);
+  const ResourceRecord& f = fresh.resrec;
+  for (CacheRecord* rr = cache_first(core, f.namehash); rr != nullptr; rr = cache_next(core, rr)) {
+    const ResourceRecord& r = rr->resrec;
+    if (rr == &fresh || rr->expiring || rr->packet_seq == core.packet_seq || r.rrtype != f.rrtype ||
+        r.rrclass != f.rrclass || r.InterfaceID != f.InterfaceID || r.namehash != f.namehash ||
+        time_diff(core.now, rr->received) <= kFlushGraceMs || !names_equal(*r.name, *f.name)) {
+      continue;
+    }
+    cache_expire_soon(core, rr, core.now);
+    note_victim_candidate(m, rr);
+  }
+}
+
+void handle_goodbye(mDNS* m, const ParsedRecord& rec, CacheRecord* rr, uint32_t hash,
+                    mDNSInterfaceID interface_id) {
+  CoreState& core = core_of(m);
+  if (rr != nullptr) {
+    if (!rr->expiring) {
+      cache_expire_soon(core, rr, core.now);
+      note_victim_candidate(m, rr);
+    }
+    return;
+  }
+  if (rec.rrtype == kDNSType_PTR) {
+    ResourceRecord view{};
+    RData rdata = rec.rdata;
+    view.rrtype = rec.rrtype;
+    view.rrclass = rec.rrclass;
+    view.InterfaceID = interface_id;
+    view.name = &rec.name;
+    view.namehash = hash;
+    view.rdata = &rdata;
+    goodbye_for_uncached(m, view);
+  }
+}
+
+// A free entry, giving one up if the cache is full; null when none can go.
+bool make_room(mDNS* m) {
+  CoreState& core = core_of(m);
+  if (!cache_full(core)) {
+    return true;
+  }
+  CacheRecord* victim = choose_victim(m);
+  if (victim == nullptr) {
+    core.counters.records_refused++;
+    return false;
+  }
+  record_departs(m, victim, Departure::kEvicted);
+  return true;
+}
+
+}  // namespace
+
+void store_record(mDNS* m, const ParsedRecord& rec, const RecordOrigin& origin) {
+  CoreState& core = core_of(m);
+  const uint32_t hash = name_hash(rec.name);
+  const uint32_t data_hash = rdata_hash(rec.rrtype, rec.rdata);
+  CacheRecord* rr = cache_find(core, rec, hash, data_hash, origin.interface_id);
+  if (rec.ttl == 0) {
+    handle_goodbye(m, rec, rr, hash, origin.interface_id);
+    return;
+  }
+  if (rr != nullptr) {
+    // A direct answer to a one-shot carries a short TTL (at most 10 s): it
+    // never shortens what a multicast answer gave.
+    const bool shorter = time_diff(time_add(core.now, static_cast<int64_t>(rec.ttl) * 1000), rr->expiry) < 0;
+    if (origin.source != Source::kOneShot || !shorter || rr->expiring) {
+      cache_refresh(core, rr, rec.ttl, core.now);
+    }
+    note_packet_record(m, rr, false);
+  } else {
+    if (!make_room(m)) {
+      return;
+    }
+    rr =
+        cache_insert(core, rec, hash, data_hash, origin.interface_id, origin.source, origin.sender, core.now);
+    if (rr == nullptr) {
+      return;
+    }
+    rr->add_pending = 1;
+    note_packet_record(m, rr, true);
+  }
+  if (rec.cache_flush) {
+    flush_older_records(m, *rr);
+  }
+}
+
+void finish_packet(mDNS* m) {
+  deliver_packet_records(m);
+}
+
+void engine_receive(mDNS* m, const uint8_t* message, size_t length, const Arrival& arrival) {
+  CoreState& core = core_of(m);
+  if (!core.initialized) {
+    return;
+  }
+  core.counters.packets_received++;
+  MessageParser parser(message, length);
+  MessageHeader header;
+  const bool one_shot = arrival.transport == Transport::kOneShot;
+  if (port_of(arrival.source_port) != kMdnsPort || !parser.read_header(header) ||
+      !acceptable_header(header) || !platform_source_on_link(m, arrival.interface_id, arrival.source) ||
+      (one_shot && !one_shot_expected(m, header, arrival))) {
+    core.counters.packets_dropped++;
+    return;
+  }
+  // An answer to a one-shot repeats its questions; any other question is not ours.
+  ParsedQuestion question;
+  for (uint32_t i = 0; i < header.qdcount; ++i) {
+    if (parser.next_question(question) != MessageParser::Result::kOk ||
+        (one_shot &&
+         !one_shot_asked(m, header, arrival, question_key(question.name, question.qtype, question.qclass)))) {
+      core.counters.packets_dropped++;
+      return;
+    }
+  }
+  core.counters.packets_accepted++;
+  core.packet_seq++;
+
+  RecordOrigin origin;
+  origin.interface_id = arrival.interface_id;
+  origin.source = one_shot ? Source::kOneShot : Source::kMulticast;
+  origin.sender = sender_slot(core, arrival.source);
+  // Every record of the packet is cached before any event goes out, so that a
+  // callback starting a resolve already finds the additional records.
+  static_assert(sizeof(ParsedRecord) < 2048, "parsed record lives on the stack");
+  ParsedRecord rec;
+  for (;;) {
+    const MessageParser::Result result = parser.next_record(rec);
+    if (result == MessageParser::Result::kSkipped) {
+      continue;
+    }
+    if (result != MessageParser::Result::kOk) {
+      break;  // end, or malformed: the rest cannot be trusted
+    }
+    store_record(m, rec, origin);
+  }
+  sender_release_if_unused(core, origin.sender);
+  finish_packet(m);
+  engine_deliver_waiting(m);
+}
+
+}  // namespace mdns

@@ -1,0 +1,117 @@
+#include "wire/names.h"
+
+#include <cstring>
+
+#include "wire/constants.h"
+#include "wire/identity.h"
+
+namespace mdns {
+
+size_t name_length(const domainname& name) {
+  size_t i = 0;
+  while (i < kMaxNameLength) {
+    const uint8_t len = name.c[i];
+    if (len == 0) {
+      return i + 1;
+    }
+    if (len > MAX_DOMAIN_LABEL) {
+      return 0;  // also rejects 0x40 / 0x80 / 0xC0 label types
+    }
+    i += 1 + len;
+  }
+  return 0;
+}
+
+bool append_name(domainname& head, const domainname& tail) {
+  const size_t lh = name_length(head);
+  const size_t lt = name_length(tail);
+  if (lh == 0 || lt == 0 || lh - 1 + lt > kMaxNameLength) {
+    return false;
+  }
+  std::memmove(head.c + lh - 1, tail.c, lt);
+  return true;
+}
+
+bool prepend_label(domainname& out, const domainlabel& label, const domainname& rest) {
+  const size_t ll = label.c[0];
+  const size_t lr = name_length(rest);
+  if (ll == 0 || ll > MAX_DOMAIN_LABEL || lr == 0 || 1 + ll + lr > kMaxNameLength) {
+    return false;
+  }
+  domainname tmp;  // `out` may be `rest`
+  std::memcpy(tmp.c, label.c, 1 + ll);
+  std::memcpy(tmp.c + 1 + ll, rest.c, lr);
+  std::memcpy(out.c, tmp.c, 1 + ll + lr);
+  return true;
+}
+
+size_t label_count(const domainname& name) {
+  if (name_length(name) == 0) {
+    return 0;
+  }
+  size_t count = 0;
+  for (size_t i = 0; name.c[i] != 0; i += 1 + name.c[i]) {
+    ++count;
+  }
+  return count;
+}
+
+bool copy_name(domainname& out, const domainname& in) {
+  const size_t len = name_length(in);
+  if (len == 0) {
+    return false;
+  }
+  std::memmove(out.c, in.c, len);
+  return true;
+}
+
+const uint8_t* skip_labels(const domainname& name, size_t count) {
+  if (name_length(name) == 0) {
+    return nullptr;
+  }
+  size_t i = 0;
+  for (; count > 0; --count) {
+    if (name.c[i] == 0) {
+      return nullptr;
+    }
+    i += 1 + name.c[i];
+  }
+  return name.c + i;
+}
+
+bool label_equals(const uint8_t* label, const char* text) {
+  const size_t len = std::strlen(text);
+  if (label[0] != len) {
+    return false;
+  }
+  domainname a{};
+  domainname b{};
+  std::memcpy(a.c, label, 1 + len);
+  b.c[0] = static_cast<uint8_t>(len);
+  std::memcpy(b.c + 1, text, len);
+  return names_equal(a, b);
+}
+
+bool name_is_under(const domainname& name, const domainname& ancestor) {
+  const size_t n = label_count(name);
+  const size_t a = label_count(ancestor);
+  if (name_length(name) == 0 || name_length(ancestor) == 0 || n < a) {
+    return false;
+  }
+  const uint8_t* rest = skip_labels(name, n - a);
+  const size_t tail = name_length(name) - static_cast<size_t>(rest - name.c);
+  return tail == name_length(ancestor) && wire_equal(rest, ancestor.c, tail);
+}
+
+bool split_first_label(const domainname& name, const domainname& parent, domainlabel& label) {
+  const size_t first = name.c[0];
+  const size_t rest = name_length(parent);
+  if (first == 0 || first > MAX_DOMAIN_LABEL || rest == 0 || 1 + first + rest > kMaxNameLength ||
+      !wire_equal(name.c + 1 + first, parent.c, rest)) {
+    return false;
+  }
+  std::memcpy(label.c, name.c, 1 + first);
+  return true;
+}
+
+}  // namespace mdns
