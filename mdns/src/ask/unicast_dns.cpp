@@ -99,9 +99,14 @@ size_t write_query(const UnicastQuery& u, uint8_t* buffer, size_t capacity) {
 void send_udp(mDNS* m, UnicastQuery& u) {
   CoreState& core = core_of(m);
   close_socket(m, u);
-  u.server = static_cast<uint8_t>(u.attempts % core.server_count);
+  // The resolver file may have lost its servers since the last send.
+  if (core.server_count == 0) {
+    give_up(m, u);
+    return;
+  }
+  u.server = core.servers[u.attempts % core.server_count];
   u.id = platform_random_id();
-  u.fd = platform_open_dns_udp(m, core.servers[u.server]);
+  u.fd = platform_open_dns_udp(m, u.server);
   u.stage = UnicastStage::kUdp;
   u.deadline = time_add(core.now, static_cast<int64_t>(kFirstTimeoutMs) << u.attempts);
   u.attempts++;
@@ -118,7 +123,7 @@ void send_udp(mDNS* m, UnicastQuery& u) {
 void start_tcp(mDNS* m, UnicastQuery& u) {
   CoreState& core = core_of(m);
   close_socket(m, u);
-  u.fd = platform_open_dns_tcp(m, core.servers[u.server]);
+  u.fd = platform_open_dns_tcp(m, u.server);
   u.stage = UnicastStage::kTcpConnecting;
   u.tcp_done = 0;
   u.deadline = time_add(core.now, kTcpTimeoutMs);
@@ -127,8 +132,8 @@ void start_tcp(mDNS* m, UnicastQuery& u) {
   }
 }
 
-bool same_server(const CoreState& core, const UnicastQuery& u, const mDNSAddr& source, uint16_t port) {
-  const NameServer& s = core.servers[u.server];
+bool same_server(const UnicastQuery& u, const mDNSAddr& source, uint16_t port) {
+  const NameServer& s = u.server;
   const size_t size = s.address.type == mDNSAddrType_IPv4 ? 4 : 16;
   return port == s.port && source.type == s.address.type && std::memcmp(&source.ip, &s.address.ip, size) == 0;
 }
@@ -180,8 +185,7 @@ void accept_answer(mDNS* m, UnicastQuery& u, MessageParser& parser) {
   DNSQuestion* leader = u.question;
   core.counters.packets_accepted++;
   core.packet_seq++;
-  RecordOrigin origin{mDNSInterface_Any, Source::kUnicastDns,
-                      sender_slot(core, core.servers[u.server].address)};
+  RecordOrigin origin{mDNSInterface_Any, Source::kUnicastDns, sender_slot(core, u.server.address)};
   uint32_t shortest = 0;
   ParsedRecord rec;
   for (MessageParser::Result r; (r = parser.next_record(rec)) != MessageParser::Result::kEnd;) {
@@ -436,7 +440,7 @@ void unicast_receive(mDNS* m, int socket, const mDNSAddr& source, uint16_t port,
   CoreState& core = core_of(m);
   core.counters.packets_received++;
   UnicastQuery* u = slot_of_socket(core, socket);
-  if (u == nullptr || !same_server(core, *u, source, port)) {
+  if (u == nullptr || !same_server(*u, source, port)) {
     core.counters.packets_dropped++;
     return;
   }

@@ -203,21 +203,21 @@ constexpr size_t kTcpMessageSize = 65535;
 
 enum class UnicastStage : uint8_t { kFree, kUdp, kTcpConnecting, kTcpWriting, kTcpReading };
 
+struct NameServer {
+  mDNSAddr address;
+  uint16_t port;   // host order
+  uint32_t scope;  // the interface index of a link-local IPv6 server, else 0
+};
+
 struct UnicastQuery {
   UnicastStage stage;
-  uint8_t server;    // index into the servers
-  uint8_t attempts;  // UDP sends so far
+  NameServer server;  // the one asked: only it may answer, whatever the configuration says now
+  uint8_t attempts;   // UDP sends so far
   uint16_t id;
   int fd;
   DNSQuestion* question;  // the group leader it asks for
   int32_t deadline;       // of this attempt
   uint32_t tcp_done;      // bytes written or read over TCP
-};
-
-struct NameServer {
-  mDNSAddr address;
-  uint16_t port;   // host order
-  uint32_t scope;  // the interface index of a link-local IPv6 server, else 0
 };
 
 // ---- The core -------------------------------------------------------------------

@@ -117,18 +117,6 @@ uint32_t question_key(const domainname& name, uint16_t qtype, uint16_t qclass) {
          (static_cast<uint32_t>(qclass) << 7);
 }
 
-bool name_is_link_local(const domainname& name) {
-  static const char* const kZones[] = {"local.",          "254.169.in-addr.arpa.", "8.e.f.ip6.arpa.",
-                                       "9.e.f.ip6.arpa.", "a.e.f.ip6.arpa.",       "b.e.f.ip6.arpa."};
-  for (const char* zone : kZones) {
-    domainname z;
-    if (MakeDomainNameFromDNSNameString(&z, zone) != nullptr && name_is_under(name, z)) {
-      return true;
-    }
-  }
-  return false;
-}
-
 bool question_active(const mDNS* m, const DNSQuestion* q) {
   if (m == nullptr || q == nullptr) {
     return false;
@@ -156,7 +144,13 @@ bool question_answered_by(const DNSQuestion& q, const ResourceRecord& rr) {
   if (q.InterfaceID != mDNSInterface_Any && q.InterfaceID != rr.InterfaceID) {
     return false;
   }
-  return state_of(&q).name_hash == rr.namehash && names_equal(q.qname, *rr.name);
+  // Records of unicast DNS carry no interface, those of the link always one:
+  // a question is answered only over the transport it asks on.
+  const QuestionState& s = state_of(&q);
+  if (s.unicast != (rr.InterfaceID == mDNSInterface_Any)) {
+    return false;
+  }
+  return s.name_hash == rr.namehash && names_equal(q.qname, *rr.name);
 }
 
 DNSQuestion* leader_of(DNSQuestion* q) {

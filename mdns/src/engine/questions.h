@@ -21,10 +21,6 @@ bool is_unique_type(uint16_t rrtype);
 // Name, type and class, as a one-shot's answer must repeat them.
 uint32_t question_key(const domainname& name, uint16_t qtype, uint16_t qclass);
 
-// Whether the name is asked on the link (under local. or a link-local reverse
-// zone) rather than by unicast DNS.
-bool name_is_link_local(const domainname& name);
-
 // Adds the question; its cached answers are delivered at the next pass.
 mStatus question_start(mDNS* m, DNSQuestion* q, QuestionKind kind, int32_t now);
 void question_stop(mDNS* m, DNSQuestion* q);

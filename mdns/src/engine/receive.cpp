@@ -197,7 +197,11 @@ void engine_receive(mDNS* m, const uint8_t* message, size_t length, const Arriva
     if (result != MessageParser::Result::kOk) {
       break;  // end, or malformed: the rest cannot be trusted
     }
-    store_record(m, rec, origin);
+    // The link speaks only for its own names (RFC 6762 sections 3 and 22):
+    // anything else a host multicasts could stand in for unicast DNS answers.
+    if (name_is_link_local(rec.name)) {
+      store_record(m, rec, origin);
+    }
   }
   sender_release_if_unused(core, origin.sender);
   finish_packet(m);

@@ -7,6 +7,8 @@
 
 namespace mdns {
 
+constexpr size_t kMaxLinkLocalZoneLabels = 5;
+
 size_t name_length(const domainname& name) {
   size_t i = 0;
   while (i < kMaxNameLength) {
@@ -84,12 +86,13 @@ bool label_equals(const uint8_t* label, const char* text) {
   if (label[0] != len) {
     return false;
   }
-  domainname a{};
-  domainname b{};
-  std::memcpy(a.c, label, 1 + len);
-  b.c[0] = static_cast<uint8_t>(len);
-  std::memcpy(b.c + 1, text, len);
-  return names_equal(a, b);
+  for (size_t i = 0; i < len; ++i) {
+    const auto lower = [](uint8_t c) { return c >= 'A' && c <= 'Z' ? static_cast<uint8_t>(c + 32) : c; };
+    if (lower(label[1 + i]) != lower(static_cast<uint8_t>(text[i]))) {
+      return false;
+    }
+  }
+  return true;
 }
 
 bool name_is_under(const domainname& name, const domainname& ancestor) {
@@ -112,6 +115,49 @@ bool split_first_label(const domainname& name, const domainname& parent, domainl
   }
   std::memcpy(label.c, name.c, 1 + first);
   return true;
+}
+
+namespace {
+
+// The wire offsets of the name's last labels, the last first; how many were found.
+size_t last_labels(const domainname& name, const uint8_t* out[], size_t wanted) {
+  const uint8_t* ring[kMaxLinkLocalZoneLabels] = {};
+  size_t count = 0;
+  size_t at = 0;
+  while (at < MAX_DOMAIN_NAME && name.c[at] != 0) {
+    if (name.c[at] > MAX_DOMAIN_LABEL) {
+      return 0;
+    }
+    ring[count++ % kMaxLinkLocalZoneLabels] = &name.c[at];
+    at += 1u + name.c[at];
+  }
+  if (at >= MAX_DOMAIN_NAME) {
+    return 0;
+  }
+  const size_t found = count < wanted ? count : wanted;
+  for (size_t i = 0; i < found; ++i) {
+    out[i] = ring[(count - 1 - i) % kMaxLinkLocalZoneLabels];
+  }
+  return found;
+}
+
+}  // namespace
+
+bool name_is_link_local(const domainname& name) {
+  const uint8_t* last[kMaxLinkLocalZoneLabels];
+  const size_t n = last_labels(name, last, kMaxLinkLocalZoneLabels);
+  if (n >= 1 && label_equals(last[0], "local")) {
+    return true;
+  }
+  if (n >= 4 && label_equals(last[0], "arpa") && label_equals(last[1], "in-addr") &&
+      label_equals(last[2], "169") && label_equals(last[3], "254")) {
+    return true;
+  }
+  // fe80::/10: the nibbles f, e, then 8, 9, a or b.
+  return n >= 5 && label_equals(last[0], "arpa") && label_equals(last[1], "ip6") &&
+         label_equals(last[2], "f") && label_equals(last[3], "e") &&
+         (label_equals(last[4], "8") || label_equals(last[4], "9") || label_equals(last[4], "a") ||
+          label_equals(last[4], "b"));
 }
 
 }  // namespace mdns

@@ -39,4 +39,8 @@ bool name_is_under(const domainname& name, const domainname& ancestor);
 // Whether `name` is exactly one label (returned in `label`) followed by `parent`.
 bool split_first_label(const domainname& name, const domainname& parent, domainlabel& label);
 
+// Whether the name belongs to the link (under local. or a link-local reverse
+// zone: 254.169.in-addr.arpa., 8-b.e.f.ip6.arpa.) rather than to unicast DNS.
+bool name_is_link_local(const domainname& name);
+
 }  // namespace mdns

@@ -273,6 +273,18 @@ class Replay {
     in_pass([&] { mDNSPlatformPosixRefreshInterfaceList(m_.get()); });
   }
 
+  // The resolver file now lists these servers (port 53), then an interface
+  // change makes the core read it again.
+  void change_name_servers(const Words& addresses) {
+    std::vector<mDNSAddr> servers;
+    std::vector<uint16_t> ports(addresses.size(), 53);
+    for (const std::string& a : addresses) {
+      servers.push_back(address_of(a));
+    }
+    mdns::platform_test_set_name_servers(&p_, servers.data(), ports.data(), static_cast<int>(servers.size()));
+    in_pass([&] { mDNSPlatformPosixRefreshInterfaceList(m_.get()); });
+  }
+
   void publish_interfaces() {
     snapshot_.count = 0;
     for (const auto& [w, index] : interfaces_) {
@@ -350,6 +362,8 @@ class Replay {
       }
     } else if (verb == "iface") {
       change_interfaces(w);
+    } else if (verb == "nameservers") {
+      change_name_servers(Words(w.begin() + 3, w.end()));
     } else {
       throw std::invalid_argument("unknown action");
     }

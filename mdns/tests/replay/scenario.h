@@ -24,6 +24,7 @@
 //                                                  "repeat N": N packets, {n} in their
 //                                                  records counting from 1)
 //   at T iface up NAME ADDR/LEN... | down NAME | recreate NAME    the host's interfaces change
+//   at T nameservers [ADDR...]                     the resolver file now lists these (or none)
 //
 //   expect send T1..T2 [oneshot|dns|tcp] [iface NAME] [v4|v6] [to SERVER] [tc] [qu]
 //     q NAME TYPE                                  exactly these questions; and at least
