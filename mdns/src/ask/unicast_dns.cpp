@@ -4,7 +4,6 @@
 
 #include "ask/question_lists.h"
 #include "cache/cache.h"
-#include "engine/events.h"
 #include "engine/questions.h"
 #include "engine/receive.h"
 #include "platform/clock.h"
@@ -155,17 +154,16 @@ bool in_bailiwick(const ParsedRecord& rec, const DNSQuestion& q) {
          name_is_under(rec.name, q.qname);
 }
 
-// Records of the question's set that this answer no longer holds have gone.
-void drop_missing(mDNS* m, const DNSQuestion& q) {
+// Records of the question's set that this answer no longer holds have gone:
+// they leave, with their events, once the answer is stored.
+void expire_missing(mDNS* m, const DNSQuestion& q) {
   CoreState& core = core_of(m);
   const uint32_t hash = name_hash(q.qname);
-  for (CacheRecord* rr = cache_first(core, hash); rr != nullptr && core.initialized;) {
-    CacheRecord* next = cache_next(core, rr);
-    if (rr->source == Source::kUnicastDns && rr->packet_seq != core.packet_seq &&
+  for (CacheRecord* rr = cache_first(core, hash); rr != nullptr; rr = cache_next(core, rr)) {
+    if (rr->source == Source::kUnicastDns && rr->packet_seq != core.packet_seq && !rr->expiring &&
         rr->resrec.rrtype == q.qtype && names_equal(*rr->resrec.name, q.qname)) {
-      record_departs(m, rr, Departure::kMissing);
+      cache_expire_now(core, rr, core.now);
     }
-    rr = next;
   }
 }
 
@@ -198,11 +196,13 @@ void accept_answer(mDNS* m, UnicastQuery& u, MessageParser& parser) {
     }
   }
   sender_release_if_unused(core, origin.sender);
-  // An empty answer and a name error (NXDOMAIN) both mean: nothing, or nothing left.
+  // An empty answer and a name error (NXDOMAIN) both mean: nothing, or nothing
+  // left.  The query's own bookkeeping is done before any callback runs, so
+  // that what a callback stops stays stopped.
   release(m, u);
   state_of(leader).phase = Phase::kPolling;
   plan_ask(m, leader, time_add(core.now, poll_interval(shortest)));
-  drop_missing(m, *leader);
+  expire_missing(m, *leader);
   finish_packet(m);
 }
 

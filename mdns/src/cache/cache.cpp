@@ -109,6 +109,8 @@ void unlink_entry(CoreState& core, CacheRecord* rr) {
 void cache_reset(CoreState& core) {
   core.cache_free = 0;
   core.cache_used = 0;
+  core.packet_head = 0;
+  core.packet_tail = 0;
   core.cache_timer_root = nullptr;
   std::memset(core.cache_buckets, 0, sizeof core.cache_buckets);
   std::memset(core.identity_buckets, 0, sizeof core.identity_buckets);
@@ -181,6 +183,13 @@ void cache_expire_soon(CoreState& core, CacheRecord* rr, int32_t now) {
   rr->expiring = 1;
   rr->expiry = time_add(now, kGoodbyeDelayMs);
   rr->next_refresh = rr->expiry;
+  arm_timer(core, rr);
+}
+
+void cache_expire_now(CoreState& core, CacheRecord* rr, int32_t now) {
+  rr->expiring = 1;
+  rr->expiry = now;
+  rr->next_refresh = now;
   arm_timer(core, rr);
 }
 

@@ -30,6 +30,9 @@ void cache_refresh(CoreState& core, CacheRecord* rr, uint32_t ttl, int32_t now);
 // Leaves in one second (a goodbye, or flushed by a newer record of its set).
 void cache_expire_soon(CoreState& core, CacheRecord* rr, int32_t now);
 
+// Leaves at the next pass (unicast DNS: a new answer no longer holds it).
+void cache_expire_now(CoreState& core, CacheRecord* rr, int32_t now);
+
 // Takes the entry out of the store.
 void cache_free(CoreState& core, CacheRecord* rr);
 

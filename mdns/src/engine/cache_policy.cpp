@@ -197,7 +197,7 @@ CacheRecord* least_needed_of_anybody(mDNS* m) {
 }  // namespace
 
 Importance importance_of(mDNS* m, CacheRecord* rr) {
-  if (rr->add_pending) {
+  if (rr->add_pending || rr->in_packet) {
     return kPinned;
   }
   // What questions need only changes when a question starts, stops or stops

@@ -17,7 +17,7 @@ enum Importance : uint8_t {
   kIdle = 0,          // no question that asks needs it
   kNeeded = 1,        // answers a question that asks (a resolve, a plain query)
   kBrowseAnswer = 2,  // a PTR answer of a browse that asks
-  kPinned = 3,        // not yet delivered: never given up
+  kPinned = 3,        // in the packet being stored, or not yet delivered: never given up
 };
 
 Importance importance_of(mDNS* m, CacheRecord* rr);

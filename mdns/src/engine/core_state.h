@@ -124,6 +124,8 @@ struct CacheRecord {
   uint8_t sender;        // index into the sender table
   uint8_t importance;    // as of importance_generation (see cache_policy.h)
   Source source;
+  uint8_t in_packet;     // brought (new or again) by the packet being stored: its events wait
+  uint32_t packet_next;  // index + 1 of the next record of that packet
 };
 static_assert(sizeof(CacheRecord) <= mDNS_CacheEntitySize, "cache record outgrew its storage");
 static_assert(alignof(CacheRecord) <= alignof(CacheEntity), "cache record alignment");
@@ -223,7 +225,6 @@ struct UnicastQuery {
 // ---- The core -------------------------------------------------------------------
 
 constexpr size_t kReceiveBufferSize = 9000;
-constexpr uint32_t kMaxPacketRecords = 128;
 
 struct Counters {
   uint32_t packets_sent;
@@ -297,9 +298,10 @@ struct CoreState {
   UnicastQuery unicast[kMaxUnicastQueries];
   uint8_t tcp_buffer[kTcpMessageSize + 2];
 
-  // The records of the packet being processed, delivered once it is all cached.
-  uint32_t packet_records[kMaxPacketRecords];  // index + 1; the top bit marks a new entry
-  uint32_t packet_record_count;
+  // The records of the packet being stored (index + 1, chained through
+  // packet_next), delivered once it is all stored: however many it holds.
+  uint32_t packet_head;
+  uint32_t packet_tail;
 
   Counters counters;
   uint8_t rxbuf[kReceiveBufferSize];

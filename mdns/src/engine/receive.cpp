@@ -15,8 +15,6 @@
 namespace mdns {
 namespace {
 
-constexpr uint32_t kNewEntry = 0x80000000u;
-
 bool acceptable_header(const MessageHeader& h) {
   const unsigned opcode = (h.flags >> 11) & 0xFu;
   const unsigned rcode = h.flags & 0xFu;
@@ -29,32 +27,45 @@ uint16_t port_of(mDNSIPPort port) {
 
 void deliver_packet_records(mDNS* m) {
   CoreState& core = core_of(m);
-  const uint32_t count = core.packet_record_count;
-  core.packet_record_count = 0;
-  for (uint32_t i = 0; i < count && core.initialized; ++i) {
-    const uint32_t entry = core.packet_records[i];
-    CacheRecord* rr = &record_at(core, entry & ~kNewEntry);
+  // A callback may end the core (its storage is then reset) or stop
+  // questions; it cannot store records, so the chain only shrinks here.
+  while (core.initialized && core.packet_head != 0) {
+    CacheRecord* rr = &record_at(core, core.packet_head);
+    core.packet_head = rr->packet_next;
+    rr->packet_next = 0;
+    rr->in_packet = 0;
     if (!rr->in_use) {
       continue;
     }
-    if ((entry & kNewEntry) == 0) {
-      record_renewed(m, rr);
-    } else if (rr->add_pending) {
+    if (rr->add_pending) {
       rr->add_pending = 0;
       record_added(m, rr);
+    } else {
+      record_renewed(m, rr);
     }
     if (rr->in_use) {
       note_victim_candidate(m, rr);
     }
   }
+  core.packet_tail = 0;
 }
 
-void note_packet_record(mDNS* m, CacheRecord* rr, bool is_new) {
+// Until the packet is delivered its records are pinned (see cache_policy.h),
+// so no entry of the chain is given up for space while it grows.
+void note_packet_record(mDNS* m, CacheRecord* rr) {
   CoreState& core = core_of(m);
-  if (core.packet_record_count == kMaxPacketRecords) {
-    deliver_packet_records(m);
+  if (rr->in_packet) {
+    return;  // the same record twice in one packet
   }
-  core.packet_records[core.packet_record_count++] = index_of(core, rr) | (is_new ? kNewEntry : 0);
+  rr->in_packet = 1;
+  rr->packet_next = 0;
+  const uint32_t self = index_of(core, rr);
+  if (core.packet_tail != 0) {
+    record_at(core, core.packet_tail).packet_next = self;
+  } else {
+    core.packet_head = self;
+  }
+  core.packet_tail = self;
 }
 
 // A cache-flush record: the other records of its name, type and class on this
@@ -131,7 +142,7 @@ void store_record(mDNS* m, const ParsedRecord& rec, const RecordOrigin& origin) 
     if (origin.source != Source::kOneShot || !shorter || rr->expiring) {
       cache_refresh(core, rr, rec.ttl, core.now);
     }
-    note_packet_record(m, rr, false);
+    note_packet_record(m, rr);
   } else {
     if (!make_room(m)) {
       return;
@@ -142,7 +153,7 @@ void store_record(mDNS* m, const ParsedRecord& rec, const RecordOrigin& origin) 
       return;
     }
     rr->add_pending = 1;
-    note_packet_record(m, rr, true);
+    note_packet_record(m, rr);
   }
   if (rec.cache_flush) {
     flush_older_records(m, *rr);

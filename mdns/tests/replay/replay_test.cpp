@@ -429,23 +429,38 @@ class Replay {
     }
     for (const Line& r : line.body) {
       Words f = r.words;
-      for (std::string& word : f) {
-        const size_t at = word.find("{n}");
-        word = at == std::string::npos ? word : word.replace(at, 3, std::to_string(n));
+      int copies = 1;
+      if (f.size() > 2 && f[f.size() - 2] == "each") {
+        copies = std::stoi(f.back());
+        f.resize(f.size() - 2);
       }
-      if (f[0] == "qd") {
-        msg.question(f.at(1), type_code(f.at(2)));
-        continue;
+      for (int i = 1; i <= copies; ++i) {
+        add_line(msg, numbered(numbered(f, "{n}", n), "{i}", i));
       }
-      const auto section = f[0] == "an"   ? DnsMessage::kAnswer
-                           : f[0] == "ns" ? DnsMessage::kAuthority
-                                          : DnsMessage::kAdditional;
-      const bool flush = f.size() > 4 && f[4] == "flush";
-      const uint16_t type = type_code(f.at(2));
-      const Bytes data = record_data(type, Words(f.begin() + (flush ? 5 : 4), f.end()));
-      msg.add(section, {f[1], type, static_cast<uint32_t>(std::stoul(f.at(3))), data, flush});
     }
     return msg.bytes();
+  }
+
+  static Words numbered(Words f, const std::string& mark, int value) {
+    for (std::string& word : f) {
+      const size_t at = word.find(mark);
+      word = at == std::string::npos ? word : word.replace(at, mark.size(), std::to_string(value));
+    }
+    return f;
+  }
+
+  void add_line(DnsMessage& msg, const Words& f) const {
+    if (f[0] == "qd") {
+      msg.question(f.at(1), type_code(f.at(2)));
+      return;
+    }
+    const auto section = f[0] == "an"   ? DnsMessage::kAnswer
+                         : f[0] == "ns" ? DnsMessage::kAuthority
+                                        : DnsMessage::kAdditional;
+    const bool flush = f.size() > 4 && f[4] == "flush";
+    const uint16_t type = type_code(f.at(2));
+    const Bytes data = record_data(type, Words(f.begin() + (flush ? 5 : 4), f.end()));
+    msg.add(section, {f[1], type, static_cast<uint32_t>(std::stoul(f.at(3))), data, flush});
   }
 
   void receive(const Line& line, int n) {

@@ -22,7 +22,8 @@
 //   at T recv-dns [for NAME TYPE] [from ADDR] [port P] [echo] ...   one-shot's or unicast query's
 //                                                  ID and questions; "for" picks the query;
 //                                                  "repeat N": N packets, {n} in their
-//                                                  records counting from 1)
+//                                                  records counting from 1; a record line
+//                                                  ending "each N": N records, {i} counting)
 //   at T iface up NAME ADDR/LEN... | down NAME | recreate NAME    the host's interfaces change
 //   at T nameservers [ADDR...]                     the resolver file now lists these (or none)
 //
