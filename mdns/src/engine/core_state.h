@@ -89,6 +89,7 @@ struct ResolveState {
   DNSQuestion aaaa;
   bool has_srv;
   bool reported;  // at least one address went to the caller
+  bool silent;    // a newer resolve of the same instance on the same interface reports instead
   mDNSIPPort port;
   domainname target;
   uint8_t reported_count;

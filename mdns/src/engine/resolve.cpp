@@ -17,6 +17,13 @@ ServiceInfoQuery* query_of(DNSQuestion* q) {
   return static_cast<ServiceInfoQuery*>(q->QuestionContext);
 }
 
+// The resolve's callbacks: a silent resolve only keeps its questions, so that
+// the newer one that replaced it inherits their schedule, and hears nothing.
+ServiceInfoQuery* speaking_query_of(DNSQuestion* q) {
+  ServiceInfoQuery* query = query_of(q);
+  return resolve_of(query).silent ? nullptr : query;
+}
+
 bool resolve_active(mDNS* m, ServiceInfoQuery* query) {
   return resolve_of(query).magic == kResolveMagic && question_active(m, &resolve_of(query).srv);
 }
@@ -108,8 +115,9 @@ void report_address(mDNS* m, ServiceInfoQuery* query, const ResourceRecord& answ
 }
 
 void on_address(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_result kind) {
-  if (kind == QC_add) {
-    report_address(m, query_of(q), *answer);
+  ServiceInfoQuery* query = speaking_query_of(q);
+  if (kind == QC_add && query != nullptr) {
+    report_address(m, query, *answer);
   }
 }
 
@@ -190,7 +198,10 @@ bool is_current(const ResolveState& rs, const rdataSRV& srv) {
 }
 
 void on_srv(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_result kind) {
-  ServiceInfoQuery* query = query_of(q);
+  ServiceInfoQuery* query = speaking_query_of(q);
+  if (query == nullptr) {
+    return;
+  }
   ResolveState& rs = resolve_of(query);
   const rdataSRV& srv = answer->rdata->u.srv;
   if (kind == QC_add) {
@@ -217,14 +228,42 @@ void on_srv(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_resu
 
 void on_txt(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_result kind) {
   (void)m;
-  if (kind != QC_add) {
+  ServiceInfoQuery* query = speaking_query_of(q);
+  if (kind != QC_add || query == nullptr) {
     return;
   }
-  ServiceInfo* info = query_of(q)->info;
+  ServiceInfo* info = query->info;
   const size_t n =
       answer->rdata->length < sizeof(info->TXTinfo) ? answer->rdata->length : sizeof(info->TXTinfo);
   std::memcpy(info->TXTinfo, answer->rdata->u.data, n);
   info->TXTlen = static_cast<mDNSu16>(n);
+}
+
+// Each add event of an instance starts a resolve (the device search does so):
+// the older resolves of the same instance on the same interface go silent, so
+// that an instance announced and withdrawn over and over reaches the caller
+// once per announcement, not once per announcement and earlier resolve.
+void silence_older_resolves(mDNS* m, ServiceInfoQuery* newest) {
+  CoreState& core = core_of(m);
+  const DNSQuestion& mine = resolve_of(newest).srv;
+  const uint32_t hash = state_of(&mine).name_hash;
+  for (DNSQuestion* q = core.question_buckets[hash % kQuestionBuckets]; q != nullptr;
+       q = state_of(q).bucket_next) {
+    if (q == &mine || state_of(q).kind != QuestionKind::kResolveSrv || q->InterfaceID != mine.InterfaceID ||
+        !names_equal(q->qname, mine.qname)) {
+      continue;
+    }
+    ResolveState& older = resolve_of(query_of(q));
+    if (older.silent) {
+      continue;
+    }
+    older.silent = true;
+    for (DNSQuestion* own : {&older.srv, &older.txt, &older.a, &older.aaaa}) {
+      if (question_active(m, own)) {
+        question_set_listening(m, own, true);
+      }
+    }
+  }
 }
 
 }  // namespace
@@ -266,7 +305,9 @@ mStatus mDNS_StartResolveService(mDNS* const m, ServiceInfoQuery* query, Service
   }
   if (status != mStatus_NoError) {
     mDNS_StopResolveService(m, query);
+    return status;
   }
+  silence_older_resolves(m, query);
   return status;
 }
 

@@ -172,7 +172,7 @@ struct Slot {
   ServiceInfoQuery query{};
   ServiceInfo info{};
   bool resolve = false;
-  bool resolves = false;  // "then-resolve": each instance it adds, as slot "ID/instance"
+  bool resolves = false;  // "then-resolve": each instance it adds, as slot "ID/instance" ("#N" from the 2nd)
   std::string stops;      // the slot its first callback stops ("then-stop ID")
 };
 
@@ -537,8 +537,10 @@ class Replay {
                              : type == kDNSType_PTR ? text_of(answer->rdata->u.name)
                                                     : "";
     s->replay->log_event(*s, kind == QC_add ? "add" : "remove", type, data, text);
-    if (kind == QC_add && s->resolves) {  // as the device search does
-      Slot& r = s->replay->slot(s->id + "/" + text_of(answer->rdata->u.name));
+    if (kind == QC_add && s->resolves) {  // as the device search does: new storage for each add
+      const std::string id = s->id + "/" + text_of(answer->rdata->u.name);
+      const int seen = ++s->replay->adds_[id];
+      Slot& r = s->replay->slot(seen == 1 ? id : id + "#" + std::to_string(seen));
       s->replay->start_resolve(r, answer->rdata->u.name, answer->InterfaceID);
     }
   }
@@ -693,6 +695,7 @@ class Replay {
   int32_t now_ = kEpoch;
   bool in_pass_ = false;
   std::map<std::string, Slot> slots_;
+  std::map<std::string, int> adds_;  // add events per browse and instance
   std::vector<Sent> sent_;
   std::vector<Event> events_;
   std::vector<std::string> failures_;
