@@ -166,6 +166,7 @@ CacheRecord* cache_insert(CoreState& core, const ParsedRecord& rec, uint32_t nam
   rr->source = source;
   rr->sender = sender;
   rr->in_use = 1;
+  rr->first_received = now;
   set_lifetime(core, rr, rec.ttl, now);
   link_entry(core, rr);
   core.cache_used++;

@@ -10,6 +10,7 @@
 #include "engine/engine.h"
 #include "engine/events.h"
 #include "engine/questions.h"
+#include "engine/resolve.h"
 #include "platform/clock.h"
 #include "platform/platform.h"
 #include "wire/names.h"
@@ -99,6 +100,8 @@ int32_t engine_clock(mDNS* m) {
 void engine_run_scheduled(mDNS* m) {
   CoreState& core = core_of(m);
   if (core.initialized) {
+    // Rechecks may start address questions, delivered in the same pass.
+    resolves_recheck_due(m);
     engine_deliver_waiting(m);
     age_cache(m);
     age_browse_answers(m);
@@ -128,6 +131,9 @@ int32_t engine_time_to_next_event(mDNS* m, int32_t now) {
     next = time_min(next, when);
   }
   if (browse_answers_next_time(core, when)) {
+    next = time_min(next, when);
+  }
+  if (resolves_next_recheck(m, when)) {
     next = time_min(next, when);
   }
   if (unicast_next_time(m, when)) {
@@ -242,6 +248,7 @@ void mDNS_FinalExit(mDNS* const m) {
   }
   CoreState& core = core_of(m);
   stop_all_questions(m);
+  resolves_forget_rechecks(m);
   unicast_close_all(m);
   platform_close(m);
   cache_reset(core);

@@ -88,12 +88,17 @@ struct ResolveState {
   DNSQuestion a;
   DNSQuestion aaaa;
   bool has_srv;
-  bool reported;  // at least one address went to the caller
-  bool silent;    // a newer resolve of the same instance on the same interface reports instead
+  bool reported;    // at least one address went to the caller
+  bool silent;      // a newer resolve of the same instance on the same interface reports instead
+  bool rechecking;  // on the core's recheck list, due at recheck_due
+  int32_t recheck_due;
+  ServiceInfoQuery* recheck_prev;
+  ServiceInfoQuery* recheck_next;
   mDNSIPPort port;
   domainname target;
   uint8_t reported_count;
   mDNSAddr reported_addresses[kMaxReportedAddresses];  // with the current SRV
+  int32_t first_batch[2];  // when the first reported IPv4 / IPv6 record was first received
 };
 static_assert(sizeof(ResolveState) <= mDNS_ResolvePrivateSize, "resolve state outgrew its storage");
 
@@ -116,6 +121,7 @@ struct CacheRecord {
   uint32_t known_answer_mark;
   uint32_t importance_generation;
   int32_t received;
+  int32_t first_received;  // kept when received again: how long it has stood unchanged
   int32_t expiry;
   int32_t next_refresh;
   uint8_t in_use;
@@ -263,6 +269,11 @@ struct CoreState {
   DNSQuestion* walk_cursors[kMaxWalkDepth];  // where each walk goes next; moved on by stops
   int walk_depth;
   uint32_t question_generation;  // changes whenever what questions need changes
+
+  // Resolves waiting to look again at a changed SRV or a further address,
+  // in the order they are due.
+  ServiceInfoQuery* recheck_head;
+  ServiceInfoQuery* recheck_tail;
 
   // Cache.
   CacheEntity* cache;

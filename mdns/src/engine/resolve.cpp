@@ -1,6 +1,15 @@
 // Service resolve: SRV and TXT of the instance, then A and AAAA of the SRV
 // target.  It follows the SRV as it changes, reports every address once per
 // SRV, and stops asking (on the link) for what it has reported: it listens.
+//
+// What the network can make a resolve report is bounded.  For an SRV, each
+// family's first address goes out at once, with the others that came in the
+// same announcement; later, only a replacement for reported addresses that
+// are all gone, once it has stood ten seconds.  A changed SRV is followed once
+// it has stood two seconds.  A host on the link whose records keep changing
+// is thus not believed until they stop, and then reported once more.
+#include "engine/resolve.h"
+
 #include <cstring>
 #include <initializer_list>
 
@@ -12,6 +21,9 @@
 
 namespace mdns {
 namespace {
+
+constexpr int32_t kSteadySrvMs = 2000;
+constexpr int32_t kSteadyReplacementMs = 10000;
 
 ServiceInfoQuery* query_of(DNSQuestion* q) {
   return static_cast<ServiceInfoQuery*>(q->QuestionContext);
@@ -26,6 +38,56 @@ ServiceInfoQuery* speaking_query_of(DNSQuestion* q) {
 
 bool resolve_active(mDNS* m, ServiceInfoQuery* query) {
   return resolve_of(query).magic == kResolveMagic && question_active(m, &resolve_of(query).srv);
+}
+
+// ---- Records that must stand still before they count ----
+
+// Unicast DNS answers change only when the core polls, at its own pace.
+bool steady(const CacheRecord& rr, int32_t now, int32_t for_ms) {
+  return !rr.expiring && (rr.source == Source::kUnicastDns || time_diff(now, rr.first_received) >= for_ms);
+}
+
+int32_t steady_at(const CacheRecord& rr, int32_t for_ms) {
+  return time_add(rr.first_received, for_ms);
+}
+
+int family_index(int family) {
+  return family == mDNSAddrType_IPv4 ? 0 : 1;
+}
+
+void recheck_unlink(CoreState& core, ServiceInfoQuery* query) {
+  ResolveState& rs = resolve_of(query);
+  if (!rs.rechecking) {
+    return;
+  }
+  (rs.recheck_prev != nullptr ? resolve_of(rs.recheck_prev).recheck_next : core.recheck_head) =
+      rs.recheck_next;
+  (rs.recheck_next != nullptr ? resolve_of(rs.recheck_next).recheck_prev : core.recheck_tail) =
+      rs.recheck_prev;
+  rs.rechecking = false;
+  rs.recheck_prev = rs.recheck_next = nullptr;
+}
+
+// Due times are mostly a little later than the last one listed: the list is
+// kept in order by walking back from its end.
+void recheck_at(mDNS* m, ServiceInfoQuery* query, int32_t when) {
+  CoreState& core = core_of(m);
+  ResolveState& rs = resolve_of(query);
+  if (rs.rechecking && time_diff(rs.recheck_due, when) <= 0) {
+    return;
+  }
+  recheck_unlink(core, query);
+  ServiceInfoQuery* after = core.recheck_tail;
+  while (after != nullptr && time_diff(resolve_of(after).recheck_due, when) > 0) {
+    after = resolve_of(after).recheck_prev;
+  }
+  ServiceInfoQuery* before = after != nullptr ? resolve_of(after).recheck_next : core.recheck_head;
+  rs.recheck_prev = after;
+  rs.recheck_next = before;
+  (after != nullptr ? resolve_of(after).recheck_next : core.recheck_head) = query;
+  (before != nullptr ? resolve_of(before).recheck_prev : core.recheck_tail) = query;
+  rs.recheck_due = when;
+  rs.rechecking = true;
 }
 
 // Every question of a resolve asks on the resolve's interface and reports to it.
@@ -89,6 +151,39 @@ void settle(mDNS* m, ResolveState& rs) {
   }
 }
 
+// Whether a reported address of the record's family is still cached.
+bool family_still_cached(mDNS* m, ServiceInfoQuery* query, uint16_t rrtype) {
+  CoreState& core = core_of(m);
+  ResolveState& rs = resolve_of(query);
+  DNSQuestion* q = rrtype == kDNSType_A ? &rs.a : &rs.aaaa;
+  for (CacheRecord* rr = cache_first(core, name_hash(rs.target)); rr != nullptr; rr = cache_next(core, rr)) {
+    mDNSAddr address;
+    if (rr->expiring || rr->add_pending || !question_answered_by(*q, rr->resrec) ||
+        !address_of(rr->resrec, address)) {
+      continue;
+    }
+    for (int i = 0; i < rs.reported_count; ++i) {
+      if (same_address(rs.reported_addresses[i], address)) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+// A further address counts only in place of reported ones that all went, and
+// once it has stood still; otherwise the resolve looks again when it may.
+bool replaces_what_went(mDNS* m, ServiceInfoQuery* query, const CacheRecord& rr) {
+  if (rr.expiring || family_still_cached(m, query, rr.resrec.rrtype)) {
+    return false;
+  }
+  if (!steady(rr, core_of(m).now, kSteadyReplacementMs)) {
+    recheck_at(m, query, steady_at(rr, kSteadyReplacementMs));
+    return false;
+  }
+  return true;
+}
+
 // Each address goes to the caller once with the current SRV's port.
 void report_address(mDNS* m, ServiceInfoQuery* query, const ResourceRecord& answer) {
   ResolveState& rs = resolve_of(query);
@@ -104,6 +199,13 @@ void report_address(mDNS* m, ServiceInfoQuery* query, const ResourceRecord& answ
   if (rs.reported_count == kMaxReportedAddresses) {
     return;  // a device with more addresses than that is not believed
   }
+  const CacheRecord& rr = *record_of(&answer);
+  int32_t& batch = rs.first_batch[family_index(address.type)];
+  if (!reported_family(rs, static_cast<mDNSu8>(address.type))) {
+    batch = rr.first_received;
+  } else if (rr.first_received != batch && !replaces_what_went(m, query, rr)) {
+    return;
+  }
   rs.reported_addresses[rs.reported_count++] = address;
   query->info->ip = address;
   query->info->port = rs.port;
@@ -116,8 +218,13 @@ void report_address(mDNS* m, ServiceInfoQuery* query, const ResourceRecord& answ
 
 void on_address(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_result kind) {
   ServiceInfoQuery* query = speaking_query_of(q);
-  if (kind == QC_add && query != nullptr) {
+  if (query == nullptr) {
+    return;
+  }
+  if (kind == QC_add) {
     report_address(m, query, *answer);
+  } else {
+    recheck_at(m, query, core_of(m).now);  // a replacement may count now
   }
 }
 
@@ -197,6 +304,22 @@ bool is_current(const ResolveState& rs, const rdataSRV& srv) {
   return rs.has_srv && rs.port.NotAnInteger == srv.port.NotAnInteger && names_equal(rs.target, srv.target);
 }
 
+// A resolve that has reported follows a new SRV once it stands still; before
+// that, the first one (or the same one back) is taken at once.
+void consider_srv(mDNS* m, ServiceInfoQuery* query, const ResourceRecord& answer) {
+  ResolveState& rs = resolve_of(query);
+  const rdataSRV& srv = answer.rdata->u.srv;
+  if (is_current(rs, srv)) {
+    return;
+  }
+  const CacheRecord& rr = *record_of(&answer);
+  if (!rs.reported || returns_unchanged(rs, srv) || steady(rr, core_of(m).now, kSteadySrvMs)) {
+    adopt(m, query, srv);
+  } else if (!rr.expiring) {
+    recheck_at(m, query, steady_at(rr, kSteadySrvMs));
+  }
+}
+
 void on_srv(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_result kind) {
   ServiceInfoQuery* query = speaking_query_of(q);
   if (query == nullptr) {
@@ -205,9 +328,7 @@ void on_srv(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_resu
   ResolveState& rs = resolve_of(query);
   const rdataSRV& srv = answer->rdata->u.srv;
   if (kind == QC_add) {
-    if (!is_current(rs, srv)) {
-      adopt(m, query, srv);
-    }
+    consider_srv(m, query, *answer);
     return;
   }
   // An older SRV that a newer one flushed changes nothing.
@@ -215,7 +336,9 @@ void on_srv(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_resu
     return;
   }
   if (const ResourceRecord* newer = other_cached_srv(m, rs, answer)) {
-    adopt(m, query, newer->rdata->u.srv);
+    // Until the newer one is followed, no address goes out with the old port.
+    rs.has_srv = false;
+    consider_srv(m, query, *newer);
     return;
   }
   // No SRV left: the target is no longer known.  A resolve that has reported
@@ -237,6 +360,25 @@ void on_txt(mDNS* m, DNSQuestion* q, const ResourceRecord* const answer, QC_resu
       answer->rdata->length < sizeof(info->TXTinfo) ? answer->rdata->length : sizeof(info->TXTinfo);
   std::memcpy(info->TXTinfo, answer->rdata->u.data, n);
   info->TXTlen = static_cast<mDNSu16>(n);
+}
+
+// The wait is over: a changed SRV that stood still is followed, and further
+// addresses that did are reported; what still changes is waited for again.
+void recheck(mDNS* m, ServiceInfoQuery* query) {
+  CoreState& core = core_of(m);
+  ResolveState& rs = resolve_of(query);
+  for (CacheRecord* rr = cache_first(core, name_hash(rs.srv.qname)); rr != nullptr;
+       rr = cache_next(core, rr)) {
+    if (!rr->add_pending && question_answered_by(rs.srv, rr->resrec)) {
+      consider_srv(m, query, rr->resrec);
+      if (!core.initialized || !resolve_active(m, query) || rs.silent) {
+        return;
+      }
+    }
+  }
+  if (rs.has_srv) {
+    report_cached_addresses(m, query);
+  }
 }
 
 // Each add event of an instance starts a resolve (the device search does so):
@@ -267,6 +409,35 @@ void silence_older_resolves(mDNS* m, ServiceInfoQuery* newest) {
 }
 
 }  // namespace
+
+void resolves_recheck_due(mDNS* m) {
+  CoreState& core = core_of(m);
+  while (core.initialized && core.recheck_head != nullptr &&
+         time_reached(resolve_of(core.recheck_head).recheck_due, core.now)) {
+    ServiceInfoQuery* query = core.recheck_head;
+    recheck_unlink(core, query);
+    if (resolve_active(m, query) && !resolve_of(query).silent) {
+      recheck(m, query);
+    }
+  }
+}
+
+bool resolves_next_recheck(const mDNS* m, int32_t& when) {
+  const CoreState& core = core_of(m);
+  if (core.recheck_head == nullptr) {
+    return false;
+  }
+  when = resolve_of(core.recheck_head).recheck_due;
+  return true;
+}
+
+void resolves_forget_rechecks(mDNS* m) {
+  CoreState& core = core_of(m);
+  while (core.recheck_head != nullptr) {
+    recheck_unlink(core, core.recheck_head);
+  }
+}
+
 }  // namespace mdns
 
 using namespace mdns;
@@ -316,6 +487,7 @@ void mDNS_StopResolveService(mDNS* const m, ServiceInfoQuery* query) {
     return;
   }
   stop_questions(m, resolve_of(query));
+  recheck_unlink(core_of(m), query);
   resolve_of(query).magic = 0;
 }
 
