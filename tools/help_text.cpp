@@ -49,12 +49,13 @@ const std::vector<CommandHelp> kCommands = {
          {"output",
           {"Text: one line per event, four columns separated by tabs: the event (+ appeared, - went away, "
            "~ moved to another port), the instance name, the service type and domain, and the endpoint, "
-           "address:port or [IPv6 address]:port. In names, backslashes, control characters, characters that "
-           "reorder text and bytes that are not UTF-8 are written as escapes (\\\\, \\n, \\t, \\xHH, "
-           "\\uHHHH), so every line is one event.",
+           "address:port or [IPv6 address]:port. In names, backslashes, control characters, line and "
+           "paragraph separators, invisible and formatting characters (those that reorder text among them) "
+           "and bytes that are not UTF-8 are written as escapes (\\\\, \\n, \\t, \\xHH, \\uHHHH, "
+           "\\UHHHHHHHH), so every line is one event, also for a reader that splits lines at U+2028.",
            "JSON: one object per line with the members event (add, remove or update), name, type, domain, "
            "family (ipv4 or ipv6), address, port, interface (its name when known, else null) and, for "
-           "update, old_port.",
+           "update, old_port. The same characters are escaped in strings (\\uHHHH).",
            "An IPv6 link-local address is shown with its interface as the zone (fe80::1%eth0) when the "
            "interface is known: with --interface, or when only one interface is usable.",
            "When an instance is withdrawn, each of its endpoints is shown going away. When it moves to "

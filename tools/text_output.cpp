@@ -45,16 +45,49 @@ bool is_control(uint32_t code) {
   return code < 0x20 || (code >= 0x7f && code <= 0x9f);
 }
 
-// Characters that change the order in which a terminal shows what follows.
-bool is_bidi_control(uint32_t code) {
-  return code == 0x061c || code == 0x200e || code == 0x200f || (code >= 0x202a && code <= 0x202e) ||
-         (code >= 0x2066 && code <= 0x2069);
+// The line and paragraph separators (Zl, Zp), which readers of lines may
+// split on, and the format characters (Cf: invisible ones, the controls of
+// text direction, tags), which hide or reorder what a name shows.  From
+// UnicodeData.txt of Unicode 15.0.
+constexpr struct {
+  uint32_t first, last;
+} kSeparatorsAndFormats[] = {
+    {0x00ad, 0x00ad},   {0x0600, 0x0605},   {0x061c, 0x061c},   {0x06dd, 0x06dd},   {0x070f, 0x070f},
+    {0x0890, 0x0891},   {0x08e2, 0x08e2},   {0x180e, 0x180e},   {0x200b, 0x200f},   {0x2028, 0x202e},
+    {0x2060, 0x2064},   {0x2066, 0x206f},   {0xfeff, 0xfeff},   {0xfff9, 0xfffb},   {0x110bd, 0x110bd},
+    {0x110cd, 0x110cd}, {0x13430, 0x1343f}, {0x1bca0, 0x1bca3}, {0x1d173, 0x1d17a}, {0xe0001, 0xe0001},
+    {0xe0020, 0xe007f},
+};
+
+bool is_separator_or_format(uint32_t code) {
+  for (const auto& range : kSeparatorsAndFormats) {
+    if (code >= range.first && code <= range.last)
+      return true;
+  }
+  return false;
+}
+
+bool needs_escape(uint32_t code) {
+  return is_control(code) || is_separator_or_format(code);
 }
 
 std::string hex_escape(const char* format, unsigned value) {
   char escaped[12];
   std::snprintf(escaped, sizeof escaped, format, value);
   return escaped;
+}
+
+// \uHHHH, or \UHHHHHHHH beyond the first plane.
+std::string text_escape(uint32_t code) {
+  return hex_escape(code > 0xffff ? "\\U%08x" : "\\u%04x", code);
+}
+
+// JSON has only \uHHHH: beyond the first plane, a surrogate pair.
+std::string json_escape(uint32_t code) {
+  if (code <= 0xffff)
+    return hex_escape("\\u%04x", code);
+  const uint32_t offset = code - 0x10000;
+  return hex_escape("\\u%04x", 0xd800 + (offset >> 10)) + hex_escape("\\u%04x", 0xdc00 + (offset & 0x3ff));
 }
 
 }  // namespace
@@ -78,8 +111,8 @@ std::string escape_text(const std::string& text) {
       out += "\\t";
     } else if (c.code < 0x20 || c.code == 0x7f) {
       out += hex_escape("\\x%02x", c.code);
-    } else if (is_control(c.code) || is_bidi_control(c.code)) {
-      out += hex_escape("\\u%04x", c.code);
+    } else if (needs_escape(c.code)) {
+      out += text_escape(c.code);
     } else {
       out.append(text, i, c.length);
     }
@@ -106,8 +139,8 @@ std::string json_string(const std::string& text) {
       out += "\\r";
     } else if (c.code == '\t') {
       out += "\\t";
-    } else if (is_control(c.code) || is_bidi_control(c.code)) {
-      out += hex_escape("\\u%04x", c.code);
+    } else if (needs_escape(c.code)) {
+      out += json_escape(c.code);
     } else {
       out.append(text, i, c.length);
     }

@@ -36,6 +36,13 @@ class SORVALEN_API MDNSSearch {
   virtual bool Start(std::string names, std::string service_type, std::string domain, int timeout_seconds,
                      std::string interface_name);
   virtual void Stop();
+  // Reads the host's network interfaces and name servers again.  While no
+  // search runs it does so at once and returns whether it could.  While a
+  // search runs it asks the search's loop to refresh at its next pass (within
+  // about a quarter of a second) and returns true once the request is taken;
+  // the outcome is not reported.  It may be called from any thread, but not
+  // at the same time as Init, Start, Stop or Destroy.  False before Init and
+  // after Destroy.
   virtual bool RefreshInterfaces();
 
   bool GetRunning() const;

@@ -1,6 +1,7 @@
 // The device search on the embedded mDNS core, with its event-loop thread.
 #pragma once
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,6 +39,7 @@ class SORVALEN_API MDNSSearchPosix : public MDNSSearch {
   bool Start(std::string names, std::string service_type, std::string domain, int timeout_seconds,
              std::string interface_name) override;
   void Stop() override;
+  // See MDNSSearch: while the loop runs, a request it honours within one pass.
   bool RefreshInterfaces() override;
 
   // The core's callbacks; they run on the event-loop thread and need no object.
@@ -51,9 +53,16 @@ class SORVALEN_API MDNSSearchPosix : public MDNSSearch {
   static CacheEntity rrcache_[kCacheEntries];
 
  private:
+  // Whether a loop owns the core, and whether a refresh waits for it.
+  enum class LoopState : unsigned char { kNoLoop, kLooping, kRefreshWanted };
+
   void ProcessEvents();
+  bool refresh_now();
+  void take_refresh_request();
+  void end_loop();
   bool ChooseInterface(const std::string& interface_name, mDNSInterfaceID* interface_id) const;
 
+  std::atomic<LoopState> loop_{LoopState::kNoLoop};
   std::thread* event_thread_ = nullptr;
   DNSQuestion browse_question_{};
   domainname browse_type_{};

@@ -62,10 +62,40 @@ void MDNSSearchPosix::Destroy() {
   initialized_ = false;
 }
 
+// While a loop runs, the core is the loop's alone: the application's thread
+// only leaves a request, which the loop takes at its next pass (or on its way
+// out, so that a request made as the loop ends is not lost).  The core is
+// this thread's once the loop has gone back to kNoLoop.
 bool MDNSSearchPosix::RefreshInterfaces() {
   if (!initialized_)
     return false;
+  LoopState state = loop_.load();
+  while (state != LoopState::kNoLoop) {
+    if (state == LoopState::kRefreshWanted || loop_.compare_exchange_weak(state, LoopState::kRefreshWanted))
+      return true;
+  }
+  return refresh_now();
+}
+
+bool MDNSSearchPosix::refresh_now() {
   return mDNSPlatformPosixRefreshInterfaceList(&mdns_storage_) == mStatus_NoError;
+}
+
+void MDNSSearchPosix::take_refresh_request() {
+  if (loop_.exchange(LoopState::kLooping) == LoopState::kRefreshWanted)
+    (void)refresh_now();
+}
+
+// After this the loop touches the core no more; a request that came in the
+// meantime is done first.
+void MDNSSearchPosix::end_loop() {
+  LoopState state = LoopState::kLooping;
+  while (!loop_.compare_exchange_weak(state, LoopState::kNoLoop)) {
+    if (state == LoopState::kRefreshWanted)
+      take_refresh_request();
+    state = LoopState::kLooping;
+  }
+  running_ = false;
 }
 
 bool MDNSSearchPosix::ChooseInterface(const std::string& interface_name,
@@ -102,13 +132,15 @@ bool MDNSSearchPosix::Start(std::string names, std::string service_type, std::st
     return false;
 
   // Set before the thread exists, so that a loop that ends at once cannot be
-  // overtaken by this store.
+  // overtaken by these stores.
   running_ = true;
+  loop_ = LoopState::kLooping;
   try {
     event_thread_ = new std::thread(&MDNSSearchPosix::ProcessEvents, this);
   } catch (...) {
-    // No loop will ever clear the flag: undo the browse here, so that a later
+    // No loop will ever clear the flags: undo the browse here, so that a later
     // Stop neither waits for a loop that never ran nor leaves the question active.
+    loop_ = LoopState::kNoLoop;
     mDNS_StopQuery(&mdns_storage_, &browse_question_);
     running_ = false;
     throw;
@@ -119,6 +151,8 @@ bool MDNSSearchPosix::Start(std::string names, std::string service_type, std::st
 void MDNSSearchPosix::ProcessEvents() {
   const time_t start = time(nullptr);
   for (;;) {
+    // Before the descriptor set is made: a refresh may open and close sockets.
+    take_refresh_request();
     int nfds = 0;
     fd_set readfds;
     FD_ZERO(&readfds);
@@ -127,7 +161,7 @@ void MDNSSearchPosix::ProcessEvents() {
 
     if (select(nfds, &readfds, nullptr, nullptr, &timeout) < 0) {
       stop_requested_ = true;
-      running_ = false;
+      end_loop();
       return;
     }
     // Also after a time-out: the core does its scheduled work here.
@@ -136,11 +170,11 @@ void MDNSSearchPosix::ProcessEvents() {
     const time_t now = time(nullptr);
     if (timeout_seconds_ > 0 && difftime(now, start) > static_cast<double>(timeout_seconds_)) {
       stop_requested_ = true;
-      running_ = false;
+      end_loop();
       return;
     }
     if (stop_requested_) {
-      running_ = false;
+      end_loop();
       return;
     }
   }

@@ -107,12 +107,15 @@ TEST(Tool, SaysWhatWentWrongOrWhatCameWithTheRightExitStatusAndShowsInstancesCom
   }
 
   // Two searches, as text and as JSON, see an instance come and go, link-local
-  // addresses with their zone; names that hold line breaks and blanks cannot
-  // forge or shift a line.
+  // addresses with their zone; names that hold line breaks (also those of
+  // Unicode, for readers that split there), blanks and invisible characters
+  // cannot forge or shift a line.
   lan.add_host("dev", {1});
   lan.start_avahi("dev", {{"Kitchen  Speaker", "_http._tcp", 80, {}}});
   // To a running daemon: the start waits for its services by name.
-  lan.add_service("dev", {"Line1\nFAKE\t_http._tcp.local.\t6.6.6.6:666", "_http._tcp", 81, {}});
+  const std::string forged = "Line1\nFAKE\t_http._tcp.local.\t6.6.6.6:666";
+  const std::string unicode_breaks = "\u2028+\tX\u2029\u200b\ufeff\U000e0041";
+  lan.add_service("dev", {forged + unicode_breaks, "_http._tcp", 81, {}});
   const std::string v4 = lan.host_ipv4("dev"), v6 = lan.host_ipv6_link_local("dev");
 
   char folder[] = "/tmp/sv-tool-XXXXXX";
@@ -139,7 +142,9 @@ TEST(Tool, SaysWhatWentWrongOrWhatCameWithTheRightExitStatusAndShowsInstancesCom
       v6 + "\",\"port\":80,\"interface\":\"eth0\"}\n";
   const std::string zoned = "[" + v6 + "%eth0]";
   const std::string forged_line =
-      "+\tLine1\\nFAKE\\t_http._tcp.local.\\t6.6.6.6:666\t_http._tcp.local.\t" + v4 + ":81\n";
+      "+\tLine1\\nFAKE\\t_http._tcp.local.\\t6.6.6.6:666\\u2028+\\tX\\u2029\\u200b"
+      "\\ufeff\\U000e0041\t_http._tcp.local.\t" +
+      v4 + ":81\n";
   wait_for("text", line("+", zoned));
   wait_for("text", forged_line);
   lan.remove_service("dev", "Kitchen  Speaker", "_http._tcp");
@@ -158,7 +163,11 @@ TEST(Tool, SaysWhatWentWrongOrWhatCameWithTheRightExitStatusAndShowsInstancesCom
   EXPECT_EQ(std::count(text.begin(), text.end(), '\t'), 3 * std::count(text.begin(), text.end(), '\n'))
       << text;
   EXPECT_THAT(json, HasSubstr(json_removed));
-  EXPECT_THAT(json, HasSubstr("\"name\":\"Line1\\nFAKE\\t_http._tcp.local.\\t6.6.6.6:666\""));
+  EXPECT_THAT(json, HasSubstr("\"name\":\"Line1\\nFAKE\\t_http._tcp.local.\\t6.6.6.6:666\\u2028+\\tX\\u2029"
+                              "\\u200b\\ufeff\\udb40\\udc41\""));
+  // Every character beyond ASCII in these names is one to escape.
+  for (const std::string& output : {text, json})
+    EXPECT_TRUE(std::none_of(output.begin(), output.end(), [](char c) { return (c & 0x80) != 0; })) << output;
 }
 
 }  // namespace

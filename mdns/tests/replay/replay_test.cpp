@@ -28,6 +28,9 @@ using sorvalen::test::type_code;
 using Words = std::vector<std::string>;
 
 constexpr int32_t kEpoch = 1000000;  // the fake clock at a scenario's time 0
+// More passes than any scenario's core needs between two steps: beyond it the
+// core asks for a pass every millisecond and time would no longer move.
+constexpr int kMaxPassesPerStep = 1000000;
 
 domainname name_of(const std::string& text) {
   const Bytes wire = sorvalen::test::wire_name(text);
@@ -207,15 +210,28 @@ class Replay {
 
   // The steps, then what the core did against what the scenario expects.
   std::vector<std::string> run() {
+    const auto failed = [this](const Line& line, const std::exception& e) {
+      failures_.push_back("line " + std::to_string(line.number) + ": " + e.what() + ": " + line.text);
+    };
     for (const Line& line : s_.actions) {
-      advance_to(parse_time(line.words[1]));
+      try {
+        advance_to(parse_time(line.words[1]));
+      } catch (const std::exception& e) {
+        failed(line, e);
+        return failures_;  // the rest would run on a clock the scenario did not mean
+      }
       try {
         act(line);
       } catch (const std::exception& e) {
-        failures_.push_back("line " + std::to_string(line.number) + ": " + e.what() + ": " + line.text);
+        failed(line, e);
       }
     }
-    advance_to(s_.end + 1);
+    try {
+      advance_to(s_.end + 1);
+    } catch (const std::exception& e) {
+      failures_.push_back(std::string("after the last step: ") + e.what());
+      return failures_;
+    }
     return check();
   }
 
@@ -325,9 +341,19 @@ class Replay {
   }
 
   // Runs a pass at every moment before `t` when the core has work; the
-  // actions at `t` then come before the pass at `t`.
+  // actions at `t` then come before the pass at `t`.  A time the clock cannot
+  // reach by those passes fails the step: setting the clock there would skip
+  // work the core asked for, or turn time back.
   void advance_to(int32_t t) {
-    for (int guard = 0; guard < 1000000 && now_ < kEpoch + t; ++guard) {
+    if (now_ > kEpoch + t) {
+      throw std::runtime_error("time " + std::to_string(t) + " is before the clock, at " +
+                               std::to_string(now()));
+    }
+    for (int guard = 0; now_ < kEpoch + t; ++guard) {
+      if (guard == kMaxPassesPerStep) {
+        throw std::runtime_error("the core still had work at " + std::to_string(now()) + " after " +
+                                 std::to_string(guard) + " passes on the way to " + std::to_string(t));
+      }
       in_pass([] {});
       now_ += std::max(mdns::engine_time_to_next_event(m_.get(), now_), 1);
     }

@@ -40,8 +40,9 @@
 //                                                  one before, or two to two and a bit times
 //                                                  the gap before that
 //
-// Times are milliseconds from the start; a window may be one time.  Every send
-// and event must be expected, unless the file allows extras.
+// Times are milliseconds from the start, up to 1,000,000,000; a window may be
+// one time.  Steps run in the file's order and none may be earlier than the one
+// before.  Every send and event must be expected, unless the file allows extras.
 #pragma once
 
 #include <cstdint>
@@ -70,7 +71,7 @@ struct Scenario {
   uint32_t cache_entries = 128;
   bool allow_extra_sends = false;
   bool allow_extra_events = false;
-  std::vector<Line> actions;       // "at T ...", in time order
+  std::vector<Line> actions;       // "at T ...", in the file's order
   std::vector<Line> expectations;  // "expect ..."
   int32_t end = 0;                 // the latest time mentioned
 };
