@@ -5,6 +5,7 @@
 #include <initializer_list>
 
 #include "ask/question_lists.h"
+#include "ask/send_governor.h"
 #include "engine/engine.h"
 #include "engine/questions.h"
 #include "platform/clock.h"
@@ -56,7 +57,9 @@ bool for_interface(const DNSQuestion& q, mDNSInterfaceID interface_id) {
 void send_on(mDNS* m, DNSQuestion* wanted, mDNSInterfaceID interface_id, int family) {
   CoreState& core = core_of(m);
   DNSQuestion* q = wanted;
-  for (int packet = 0; packet < kMaxPacketsPerInterface && q != nullptr && take_token(core); ++packet) {
+  for (int packet = 0; packet < kMaxPacketsPerInterface && q != nullptr && take_token(core) &&
+                       governor_take_packet(core, interface_id, SendPriority::kNewQuestion);
+       ++packet) {
     OneShot& record = core.one_shots[core.one_shot_next++ % kMaxOneShots];
     record = OneShot{};
     record.id = platform_random_id();

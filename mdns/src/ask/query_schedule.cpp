@@ -3,6 +3,7 @@
 #include <initializer_list>
 
 #include "ask/question_lists.h"
+#include "ask/send_governor.h"
 #include "ask/unicast_dns.h"
 #include "cache/browse_answers.h"
 #include "cache/cache.h"
@@ -15,6 +16,9 @@
 
 namespace mdns {
 namespace {
+
+// A query that found no room in any interface's budget tries again this much later.
+constexpr int32_t kBudgetRetryMs = 50;
 
 struct ScheduleAccess {
   static HeapLinks<DNSQuestion>& links(DNSQuestion* q) { return state_of(q).schedule; }
@@ -57,6 +61,9 @@ void go_quiet(CoreState& core, DNSQuestion* leader) {
 // A query may join a packet that goes out now when it is due within the
 // grouping window, but never before its own minimum interval allows.
 bool may_join(const QuestionState& s, int32_t now) {
+  if (!governor_may_query(s, now)) {
+    return false;
+  }
   if (s.refresh_wanted) {
     return true;
   }
@@ -87,12 +94,15 @@ DNSQuestion* take_due(CoreState& core, int32_t now) {
   DNSQuestion* aside = nullptr;
   while ((top = schedule.top()) != nullptr &&
          time_diff(Schedule::key_of(top), now) <= kQueryGroupingWindowMs) {
+    const int32_t key = Schedule::key_of(top);
     schedule.remove(top);
     QuestionState& s = state_of(top);
-    if (time_reached(Schedule::key_of(top), now) || may_join(s, now)) {
+    if ((time_reached(key, now) && governor_may_query(s, now)) || may_join(s, now)) {
       *tail = top;
       tail = &s.next_to_send;
     } else {
+      // Due, but it asked less than a second ago: it waits for its turn.
+      s.schedule.key = time_reached(key, now) ? governor_next_query_allowed(s) : key;
       s.next_to_send = aside;
       aside = top;
     }
@@ -100,7 +110,7 @@ DNSQuestion* take_due(CoreState& core, int32_t now) {
   *tail = nullptr;
   while (aside != nullptr) {
     DNSQuestion* next = state_of(aside).next_to_send;
-    schedule.insert(aside, Schedule::key_of(aside));
+    schedule.insert(aside, state_of(aside).schedule.key);
     aside = next;
   }
   return chosen;
@@ -108,7 +118,9 @@ DNSQuestion* take_due(CoreState& core, int32_t now) {
 
 // Writes packets for one interface and family: questions as they fit, each
 // packet followed by the known answers of its own questions (continued in
-// packets with TC set when they do not fit).
+// packets with TC set when they do not fit, up to the governor's cap).  Every
+// packet takes its place in the interface's budget; questions that went out
+// nowhere are left for a later pass.
 class PacketBuilder {
  public:
   PacketBuilder(mDNS* m, mDNSInterfaceID interface_id, int family, int32_t now)
@@ -120,6 +132,7 @@ class PacketBuilder {
       QueryWriter first(core_.txbuf, kMaxQueryPayload);
       DNSQuestion* begin = next;
       DNSQuestion* end = next;
+      bool new_question = false;
       for (; end != nullptr; end = state_of(end).next_to_send) {
         if (!for_interface(*end, interface_id_)) {
           continue;
@@ -127,15 +140,20 @@ class PacketBuilder {
         if (!first.add_question(end->qname, end->qtype, end->qclass)) {
           break;
         }
-        core_.counters.queries_sent++;
+        new_question = new_question || state_of(end).queries_sent == 0;
       }
-      if (first.question_count() == 0) {
+      if (first.question_count() == 0 ||
+          !governor_take_packet(core_, interface_id_,
+                                new_question ? SendPriority::kNewQuestion : SendPriority::kRoutine)) {
         return;
       }
       core_.send_serial++;
       writer_ = &first;
+      packets_ = 1;
       for (DNSQuestion* q = begin; q != end; q = state_of(q).next_to_send) {
         if (for_interface(*q, interface_id_)) {
+          core_.counters.queries_sent++;
+          state_of(q).sent_this_pass = true;
           write_known_answers(q);
         }
       }
@@ -150,22 +168,28 @@ class PacketBuilder {
   }
 
   // Answers whose remaining TTL is above half the original go along, so that
-  // responders holding the same need not answer.
-  void add(DNSQuestion* q, const domainname& name, uint16_t rrtype, uint16_t rrclass, int64_t remaining_ms,
+  // responders holding the same need not answer.  False once the query's
+  // known answers reached their cap.
+  bool add(DNSQuestion* q, const domainname& name, uint16_t rrtype, uint16_t rrclass, int64_t remaining_ms,
            uint32_t ttl, const RData& rdata) {
     if (remaining_ms * 2 <= static_cast<int64_t>(ttl) * 1000) {
-      return;
+      return true;
     }
     const uint32_t remaining = static_cast<uint32_t>(remaining_ms / 1000);
     if (writer_->add_known_answer(name, rrtype, rrclass, remaining, rdata)) {
-      return;
+      return true;
+    }
+    if (packets_ == kMaxKnownAnswerPackets ||
+        !governor_take_packet(core_, interface_id_, SendPriority::kRoutine)) {
+      return false;
     }
     state_of(q).spilled = true;
     writer_->set_truncated();
     send(writer_->finish());
+    packets_++;
     spare_ = QueryWriter(core_.txbuf, kMaxQueryPayload);
     writer_ = &spare_;
-    (void)writer_->add_known_answer(name, rrtype, rrclass, remaining, rdata);
+    return writer_->add_known_answer(name, rrtype, rrclass, remaining, rdata);
   }
 
   void write_known_answers(DNSQuestion* q) {
@@ -180,24 +204,57 @@ class PacketBuilder {
         continue;
       }
       rr->known_answer_mark = core_.send_serial;
-      add(q, *rr->resrec.name, rr->resrec.rrtype, rr->resrec.rrclass, cache_remaining_ms(*rr, now_),
-          rr->resrec.rroriginalttl, *rr->resrec.rdata);
+      if (!add(q, *rr->resrec.name, rr->resrec.rrtype, rr->resrec.rrclass, cache_remaining_ms(*rr, now_),
+               rr->resrec.rroriginalttl, *rr->resrec.rdata)) {
+        return;
+      }
     }
   }
 
   // A browse knows every instance it reported, also those the cache had no
-  // room for.
+  // room for.  When they are more than the cap lets go, each query starts
+  // where the last one stopped, so that all are named in turn (and the
+  // answers a long list still draws are not always the same).
   void write_remembered_answers(DNSQuestion* q) {
-    RData rdata{};
-    for (int i = browse_answers_first(core_, q); i >= 0; i = browse_answers_next(core_, i)) {
-      const BrowseAnswer& a = core_.answers[i];
-      if (interface_from_number(a.interface_slot) != interface_id_ ||
-          !browse_answer_name(core_, i, rdata.u.name)) {
-        continue;
+    QuestionState& s = state_of(q);
+    const int skip = s.known_answer_skip;
+    int eligible = 0;
+    int written = 0;
+    bool full = false;
+    for (int pass = 0; pass < 2 && !full; ++pass) {
+      int n = 0;
+      for (int i = browse_answers_first(core_, q); i >= 0 && !full; i = browse_answers_next(core_, i)) {
+        if (!remembered_answer_goes(q, i)) {
+          continue;
+        }
+        const bool in_turn = pass == 0 ? n >= skip : n < skip;
+        ++n;
+        if (!in_turn) {
+          continue;
+        }
+        full = !add_remembered(q, i);
+        written += full ? 0 : 1;
       }
-      rdata.length = static_cast<mDNSu16>(name_length(rdata.u.name));
-      add(q, q->qname, kDNSType_PTR, kDNSClass_IN, time_diff(a.expiry, now_), a.ttl, rdata);
+      eligible = pass == 0 ? n : eligible;
     }
+    s.known_answer_skip = full && eligible > 0 ? static_cast<uint16_t>((skip + written) % eligible) : 0;
+  }
+
+  bool remembered_answer_goes(const DNSQuestion* q, int index) const {
+    const BrowseAnswer& a = core_.answers[index];
+    (void)q;
+    return interface_from_number(a.interface_slot) == interface_id_ &&
+           time_diff(a.expiry, now_) * 2 > static_cast<int64_t>(a.ttl) * 1000;
+  }
+
+  bool add_remembered(DNSQuestion* q, int index) {
+    const BrowseAnswer& a = core_.answers[index];
+    RData rdata{};
+    if (!browse_answer_name(core_, index, rdata.u.name)) {
+      return true;
+    }
+    rdata.length = static_cast<mDNSu16>(name_length(rdata.u.name));
+    return add(q, q->qname, kDNSType_PTR, kDNSClass_IN, time_diff(a.expiry, now_), a.ttl, rdata);
   }
 
   mDNS* m_;
@@ -205,6 +262,7 @@ class PacketBuilder {
   mDNSInterfaceID interface_id_;
   int family_;
   int32_t now_;
+  int packets_ = 0;
   QueryWriter* writer_ = nullptr;
   QueryWriter spare_{nullptr, 0};
 };
@@ -217,7 +275,7 @@ void advance(CoreState& core, DNSQuestion* q, int32_t now) {
   const bool spilled = s.spilled;
   s.spilled = false;
   s.refresh_wanted = false;
-  s.queries_sent++;
+  governor_note_query(s, now);
   if (!scheduled) {
     if (querying(s.phase)) {
       place(core, q, s.next_query_time);
@@ -298,8 +356,10 @@ void schedule_refresh(mDNS* m, DNSQuestion* leader, int32_t now) {
   }
   s.refresh_wanted = true;
   CoreState& core = core_of(m);
-  if (!Schedule::contains(leader) || time_diff(now, Schedule::key_of(leader)) < 0) {
-    place(core, leader, now);
+  const int32_t when = governor_may_query(s, now) ? now : governor_next_query_allowed(s);
+  if (!Schedule::contains(leader) || time_diff(when, Schedule::key_of(leader)) < 0) {
+    unplace(core, leader);
+    place(core, leader, when);
   }
 }
 
@@ -378,8 +438,14 @@ void send_due_queries(mDNS* m, int32_t now) {
     }
   }
   while (chosen != nullptr) {
-    DNSQuestion* next = state_of(chosen).next_to_send;
-    advance(core, chosen, now);
+    QuestionState& s = state_of(chosen);
+    DNSQuestion* next = s.next_to_send;
+    if (s.sent_this_pass) {
+      s.sent_this_pass = false;
+      advance(core, chosen, now);
+    } else {
+      place(core, chosen, time_add(now, kBudgetRetryMs));  // no interface had room for it
+    }
     chosen = next;
   }
 }

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "ask/question_lists.h"
+#include "ask/send_governor.h"
 #include "cache/cache.h"
 #include "engine/questions.h"
 #include "engine/receive.h"
@@ -115,7 +116,7 @@ void send_udp(mDNS* m, UnicastQuery& u) {
     return;  // the deadline moves on to the next server
   }
   core.counters.unicast_queries_sent++;
-  state_of(u.question).queries_sent++;
+  governor_note_query(state_of(u.question), core.now);
 }
 
 // Truncated over UDP: the same question over TCP to the same server.
@@ -351,6 +352,10 @@ void unicast_ask_now(mDNS* m, DNSQuestion* leader) {
   s.phase = Phase::kAwaitingReply;
   if (core.server_count == 0) {
     plan_ask(m, leader, time_add(core.now, kRetryAfterFailureMs));  // nobody to ask yet
+    return;
+  }
+  if (!governor_may_query(s, core.now)) {
+    plan_ask(m, leader, governor_next_query_allowed(s));
     return;
   }
   UnicastQuery* u = free_slot(core);

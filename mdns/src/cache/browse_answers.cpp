@@ -35,7 +35,7 @@ void set_times(CoreState& core, BrowseAnswer& a, uint32_t ttl, int32_t now) {
   }
   a.ttl = ttl;
   a.expiry = time_add(now, static_cast<int64_t>(ttl) * 1000);
-  a.refresh_at = time_add(now, static_cast<int64_t>(ttl) * 800);
+  a.refresh_at = ttl < kRefreshTtlFloorSeconds ? a.expiry : time_add(now, static_cast<int64_t>(ttl) * 800);
   note_time(core, a.refresh_at);
 }
 

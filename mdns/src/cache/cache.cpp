@@ -42,6 +42,9 @@ void arm_timer(CoreState& core, CacheRecord* rr) {
 
 // 80, 85, 90, 95 % of the TTL from the time of receipt, plus up to 2 % at random.
 void plan_refresh(CoreState& core, CacheRecord* rr) {
+  if (rr->resrec.rroriginalttl < kRefreshTtlFloorSeconds) {
+    rr->refresh_step = kRefreshSteps;  // too short-lived to be worth a query: it just expires
+  }
   if (rr->refresh_step >= kRefreshSteps) {
     rr->next_refresh = rr->expiry;
     return;

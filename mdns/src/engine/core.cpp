@@ -4,6 +4,7 @@
 #include "ask/one_shot.h"
 #include "ask/query_schedule.h"
 #include "ask/question_lists.h"
+#include "ask/send_governor.h"
 #include "ask/unicast_dns.h"
 #include "cache/browse_answers.h"
 #include "cache/cache.h"
@@ -221,6 +222,7 @@ mStatus mDNS_Init(mDNS* const m, mDNS_PlatformSupport* const p, CacheEntity* rrc
   cache_reset(core);
   browse_answers_reset(core);
   one_shots_reset(core);
+  governor_reset(core);
   const mStatus status = platform_init(m);
   if (status != mStatus_NoError) {
     return status;

@@ -63,16 +63,19 @@ struct QuestionState {
   int32_t next_query_time;  // by the continuous schedule (a refresh may come sooner)
   int32_t min_interval;     // the next query may not come sooner after the last one
   uint32_t current_answers;
-  uint16_t queries_sent;  // multicast or unicast queries of this group
-  uint16_t unicast_slot;  // index + 1 of its outstanding unicast query
-  uint16_t asking;        // group leader: members that still ask
-  uint16_t first_answer;  // a browse: index + 1 of its first remembered answer
+  uint16_t queries_sent;       // multicast or unicast queries of this group
+  int32_t last_sent;           // the last of them, continuous or refresh (see send_governor.h)
+  uint16_t known_answer_skip;  // a browse's long known-answer list goes out in turns from here
+  uint16_t unicast_slot;       // index + 1 of its outstanding unicast query
+  uint16_t asking;             // group leader: members that still ask
+  uint16_t first_answer;       // a browse: index + 1 of its first remembered answer
   Phase phase;
   QuestionKind kind;
   bool unicast;         // asked by unicast DNS (a name outside the link-local zones)
   bool listening;       // asks nothing itself any more, but still hears answers
   bool refresh_wanted;  // a cached answer reached a refresh point
   bool spilled;         // its known answers filled more than one packet
+  bool sent_this_pass;  // went out on at least one interface in this pass
   ListId list;
 };
 static_assert(sizeof(QuestionState) <= mDNS_QuestionPrivateSize, "question state outgrew its storage");
@@ -229,6 +232,14 @@ struct UnicastQuery {
   uint32_t tcp_done;      // bytes written or read over TCP
 };
 
+// ---- Sending ----------------------------------------------------------------------
+
+struct SendBudget {
+  int32_t tokens;  // packets that may go out now
+  int32_t refilled;
+};
+constexpr int kSendBudgets = mDNS_MaxInterfaces + 1;  // by interface number
+
 // ---- The core -------------------------------------------------------------------
 
 constexpr size_t kReceiveBufferSize = 9000;
@@ -297,6 +308,8 @@ struct CoreState {
   uint32_t answers_used;
   int32_t answers_next_expiry;
   bool answers_expiry_known;
+
+  SendBudget budgets[kSendBudgets];
 
   // One-shot queries.
   OneShot one_shots[kMaxOneShots];

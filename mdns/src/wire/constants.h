@@ -32,6 +32,9 @@ constexpr int32_t kQueryGroupingWindowMs = 100;
 // Records (RFC 6762 sections 10.1 and 10.2).
 constexpr int32_t kGoodbyeDelayMs = 1000;
 constexpr int32_t kFlushGraceMs = 1000;
+// Records with a shorter TTL get no refresh queries and simply expire:
+// refreshing them would mean a query every few hundred milliseconds for each.
+constexpr uint32_t kRefreshTtlFloorSeconds = 4;
 // Longest TTL kept, so that expiry times stay within the millisecond clock's range.
 constexpr uint32_t kMaxCachedTtlSeconds = 7 * 24 * 3600;
 

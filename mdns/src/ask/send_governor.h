@@ -1,0 +1,38 @@
+// The one budget every packet the core sends goes through, so that nothing
+// the network sends can make the querier send much more than it does on a
+// quiet link:
+//  - a question asks at most once a second, refreshes included (RFC 6762
+//    section 5.2 sets this for the first two queries; here it holds always);
+//  - records shorter-lived than a floor get no refresh queries
+//    (kRefreshTtlFloorSeconds, applied where refresh points are planned);
+//  - a query carries at most a few packets of known answers;
+//  - each interface has a rate of packets, of which new questions (first
+//    queries, one-shots) may use all and the rest of the traffic only what is
+//    left above a reserve.
+// One-shots also keep their own, smaller bucket (see one_shot.cpp).
+#pragma once
+
+#include <cstdint>
+
+#include "engine/core_state.h"
+
+namespace mdns {
+
+constexpr int32_t kMinQueryIntervalMs = 1000;
+// The packet with the questions and up to three more with known answers.
+constexpr int kMaxKnownAnswerPackets = 4;
+
+enum class SendPriority : uint8_t { kNewQuestion, kRoutine };
+
+void governor_reset(CoreState& core);
+
+// When the group led by `leader` may next send a query (now or later).
+int32_t governor_next_query_allowed(const QuestionState& leader);
+bool governor_may_query(const QuestionState& leader, int32_t now);
+void governor_note_query(QuestionState& leader, int32_t now);
+
+// Takes one packet from the interface's budget; false when there is none for
+// this priority now.
+bool governor_take_packet(CoreState& core, mDNSInterfaceID interface_id, SendPriority priority);
+
+}  // namespace mdns
