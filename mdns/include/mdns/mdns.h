@@ -177,7 +177,7 @@ typedef enum { QC_rmv = 0, QC_add = 1 } QC_result;
 typedef void mDNSQuestionCallback(mDNS* const m, DNSQuestion* question, const ResourceRecord* const answer,
                                   QC_result AddRecord);
 
-#define mDNS_QuestionPrivateSize 160
+#define mDNS_QuestionPrivateSize 256
 
 struct DNSQuestion_struct {
   /* Set by the caller (or by the start functions). */
@@ -208,7 +208,7 @@ typedef struct {
 typedef struct ServiceInfoQuery_struct ServiceInfoQuery;
 typedef void mDNSServiceInfoQueryCallback(mDNS* const m, ServiceInfoQuery* query);
 
-#define mDNS_ResolvePrivateSize 2688
+#define mDNS_ResolvePrivateSize 3584
 
 struct ServiceInfoQuery_struct {
   MDNS_PRIVATE(mDNS_ResolvePrivateSize) Private; /* the resolve's questions and state */
@@ -232,10 +232,10 @@ struct NetworkInterfaceInfo_struct {
 
 /* ---- Cache, platform and core state ----------------------------------- */
 
-#define mDNS_CacheEntitySize 944
+#define mDNS_CacheEntitySize 1024
 typedef MDNS_PRIVATE(mDNS_CacheEntitySize) CacheEntity;
 
-#define mDNS_PlatformPrivateSize 12288
+#define mDNS_PlatformPrivateSize 16384
 typedef struct {
   MDNS_PRIVATE(mDNS_PlatformPrivateSize) Private;
 } mDNS_PlatformSupport;
@@ -245,7 +245,7 @@ typedef void mDNSCallback(mDNS* const m, mStatus result);
 /* Service instances the browses remember having reported, whether or not
  * their records still fit the cache. */
 #define mDNS_MaxBrowseAnswers 3072
-#define mDNS_CorePrivateSize 450560
+#define mDNS_CorePrivateSize 524288
 
 struct mDNS_struct {
   NetworkInterfaceInfo* HostInterfaces; /* head of the list of usable interfaces */
