@@ -263,16 +263,22 @@ bool interface_has_family(const InterfaceRecord& info, int family) {
   return false;
 }
 
-bool interface_source_on_link(const InterfaceRecord& info, const mDNSAddr& source) {
-  if (is_link_local(source)) {
-    return true;
-  }
+bool interface_source_on_link(const InterfaceRecord& info, const mDNSAddr& source, uint8_t ttl) {
+  bool ipv4_link_local_here = false;
   for (size_t i = 0; i < info.naddrs && i < kMaxInterfaceAddresses; ++i) {
-    if (address_in_prefix(source, info.addrs[i].addr, info.addrs[i].prefix_length)) {
+    const mDNSAddr& own = info.addrs[i].addr;
+    if (address_in_prefix(source, own, info.addrs[i].prefix_length)) {
       return true;
     }
+    ipv4_link_local_here = ipv4_link_local_here || (own.type == mDNSAddrType_IPv4 && is_link_local(own));
   }
-  return false;
+  if (!is_link_local(source)) {
+    return false;
+  }
+  // Routers never forward IPv6 packets from link-local sources.  An IPv4
+  // router forwards anything, spoofed 169.254/16 sources too, but what it
+  // forwarded arrives with less than the TTL 255 that mDNS senders use.
+  return source.type == mDNSAddrType_IPv6 || ttl == kLinkTtl || ipv4_link_local_here;
 }
 
 InterfaceRecord* snapshot_entry(InterfaceSnapshot& snapshot, const char* name, uint32_t ifindex,

@@ -49,9 +49,14 @@ bool interface_reset(InterfaceRecord& info, const char* name, uint32_t ifindex);
 // Adds an address (ignored past kMaxInterfaceAddresses or when already there).
 void interface_add_address(InterfaceRecord& info, const mDNSAddr& address, int prefix_length);
 bool interface_has_family(const InterfaceRecord& info, int family);
-// True when `source` is in one of the interface's subnets or link-local
-// (IPv4 169.254/16, IPv6 fe80::/10): link-local senders are on every link.
-bool interface_source_on_link(const InterfaceRecord& info, const mDNSAddr& source);
+// The TTL (hop limit) an mDNS sender puts on its packets; a router that
+// forwards a packet lowers it.
+constexpr uint8_t kLinkTtl = 255;
+
+// True when `source` is in one of the interface's subnets, or link-local and
+// from this link: IPv6 fe80::/10 always; IPv4 169.254/16 when the packet came
+// with TTL 255 (`ttl`: 0 when unknown) or the interface has a 169.254 address.
+bool interface_source_on_link(const InterfaceRecord& info, const mDNSAddr& source, uint8_t ttl);
 
 // ---- A read of the host's interfaces ----
 
