@@ -75,10 +75,18 @@ struct InterfaceSnapshot {
 // The entry for an interface name, created when new; null when the table is full.
 InterfaceRecord* snapshot_entry(InterfaceSnapshot& snapshot, const char* name, uint32_t ifindex,
                                 const InterfaceFlags& flags);
-// Reads the host's interfaces with getifaddrs.  False when they cannot be read.
+// Reads the host's interfaces with getifaddrs, those without an IPv4 or IPv6
+// address only while the table has room.  False when they cannot be read.
 bool read_host_interfaces(InterfaceSnapshot& snapshot);
-// Sets v4usable / v6usable: up, multicast, with an address of that family;
-// loopback only when no other interface is usable.
+// Per entry of the snapshot, the use the core makes of it for IPv4 and IPv6:
+// up, multicast (IPv4 on loopback does without), with an address of the
+// family; loopback only when no other interface is usable.
+struct InterfaceUses {
+  mDNSInterfaceUse ipv4[mDNS_MaxInterfaces];
+  mDNSInterfaceUse ipv6[mDNS_MaxInterfaces];
+};
+void judge_interfaces(const InterfaceSnapshot& snapshot, InterfaceUses& uses);
+// Sets v4usable / v6usable as judge_interfaces judges.
 void mark_usable(InterfaceSnapshot& snapshot);
 
 // ---- Bringing the live table in line ----

@@ -2,6 +2,7 @@
 // live table in line with successive reads of the host's interfaces.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <iterator>
 #include <string>
 #include <tuple>
@@ -67,6 +68,40 @@ TEST(InterfaceRecordTest, SourcesInAnySubnetUpToTheCapOrLinkLocalFromThisLinkAre
   EXPECT_EQ(prefix_length_from_mask(masks[1], 4), -1);
   EXPECT_EQ(prefix_length_from_mask(masks[2], 4), 0);
   EXPECT_EQ(ipv4_mask_from_prefix(20).ip.v4.NotAnInteger, addr("255.255.240.0").ip.v4.NotAnInteger);
+}
+
+// The use the core makes of each interface and family, and why not, as mDNS_JudgeInterfaces tells it.
+TEST(InterfaceUse, TheFirstReasonThatHoldsPerFamily) {
+  const auto judge = [](std::vector<std::tuple<const char*, InterfaceFlags, const char*>> host) {
+    InterfaceSnapshot snapshot;
+    uint32_t ifindex = 1;
+    for (const auto& [name, flags, address] : host) {
+      InterfaceRecord* entry = snapshot_entry(snapshot, name, ifindex++, flags);
+      if (*address != '\0') {
+        interface_add_address(*entry, addr(address), std::strchr(address, ':') != nullptr ? 64 : 24);
+      }
+    }
+    InterfaceUses uses;
+    judge_interfaces(snapshot, uses);
+    std::string s;
+    for (size_t i = 0; i < snapshot.count; ++i) {
+      s += " " + std::string(snapshot.entries[i].info.ifname) + "=" + std::to_string(uses.ipv4[i]) + "/" +
+           std::to_string(uses.ipv6[i]);
+    }
+    return s.substr(1);
+  };
+  const InterfaceFlags loopback{true, false, true};
+  const InterfaceFlags up{true, true, false};
+  // Used 0, down 1, loopback while another is usable 2, no multicast 3, no address 4.
+  EXPECT_EQ(judge({{"lo", loopback, "::1"},
+                   {"eth0", up, "192.0.2.1"},
+                   {"tun0", {true, false, false}, "10.0.0.1"},
+                   {"eth1", {false, true, false}, "192.0.2.2"},
+                   {"eth2", up, ""}}),
+            "lo=2/2 eth0=0/4 tun0=3/3 eth1=1/1 eth2=4/4");
+  EXPECT_EQ(judge({{"lo", loopback, "::1"}, {"eth1", {false, true, false}, "192.0.2.2"}}), "lo=4/3 eth1=1/1");
+  EXPECT_EQ(judge({{"lo", loopback, "127.0.0.1"}, {"lo", loopback, "::1"}}), "lo=0/3");
+  EXPECT_EQ(judge({{"lo", {false, false, true}, "127.0.0.1"}, {"eth0", up, "fe80::1"}}), "lo=1/1 eth0=4/0");
 }
 
 // Logs joins and leaves as " +ifindex/family" and " -ifindex/family"; the join
