@@ -91,7 +91,7 @@ void mark_usable(InterfaceSnapshot& snapshot);
 
 // ---- Bringing the live table in line ----
 
-// Group membership of one interface and family; the test mode's always succeeds.
+// Group membership of one interface and family; the test platform's always succeeds.
 class Membership {
  public:
   virtual ~Membership() = default;
