@@ -14,7 +14,7 @@
 #include "engine/engine.h"
 #include "mdns/mdns.h"
 #include "platform/interfaces_posix.h"
-#include "platform/platform.h"
+#include "platform/test_platform.h"
 
 extern "C" const char ProgramName[] = "receive_bench";
 

@@ -4,11 +4,10 @@
 #include <cstdint>
 #include <cstring>
 
-#include "ask/unicast_dns.h"
 #include "engine/engine.h"
 #include "mdns/mdns.h"
 #include "platform/interfaces_posix.h"
-#include "platform/platform.h"
+#include "platform/test_platform.h"
 
 extern "C" const char ProgramName[] = "fuzz_mdns_core";
 
@@ -133,14 +132,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   arrival.interface_id = mdns::platform_interface_id_of(&g_core, "eth0");
   const int path = (control >> 5) & 3;
   arrival.transport = path == 1 ? mdns::Transport::kOneShot : mdns::Transport::kMulticast;
-  mdns::engine_begin_pass(&g_core);
   if (path == 2) {
-    mdns::unicast_receive(&g_core, latest_dns_socket(), mdns::address_from_text("192.0.2.53"), 53, data + 1,
-                          size - 1);
+    // Read from the query's socket as the event loop reads it, in a pass of its own.
+    mdns::platform_test_deliver_dns(&g_core, latest_dns_socket(), mdns::address_from_text("192.0.2.53"), 53,
+                                    data + 1, size - 1);
+    mDNSPosixProcessFDSet(&g_core, nullptr);
   } else {
+    mdns::engine_begin_pass(&g_core);
     mdns::engine_receive(&g_core, data + 1, size - 1, arrival);
+    mdns::engine_run_scheduled(&g_core);
   }
-  mdns::engine_run_scheduled(&g_core);
 
   // Let time pass: up to about two minutes per input, with the passes in between.
   const int32_t step = (control & 0x1F) * 4000;

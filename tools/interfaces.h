@@ -10,9 +10,8 @@ struct InterfaceVerdict {
   std::string unusable_because;  // empty when the querier uses the interface
 };
 
-// Every interface of this network namespace.  An interface is usable when it
-// is up, has the multicast flag and an IPv4 or IPv6 address; the loopback
-// interface only when no other interface is usable (and then for IPv4).
+// The interfaces of this network namespace as the core judges them
+// (mDNS_JudgeInterfaces): usable when the core uses it for either family.
 std::vector<InterfaceVerdict> judge_interfaces();
 
 std::vector<std::string> usable_interfaces(const std::vector<InterfaceVerdict>& verdicts);

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "dns_builder.h"
-#include "platform/platform.h"
+#include "platform/test_platform.h"
 #include "sorvalen/mdns_search_posix.h"
 
 // Set by a test to make every allocation of this thread fail.

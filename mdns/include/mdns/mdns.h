@@ -230,6 +230,22 @@ struct NetworkInterfaceInfo_struct {
   char ifname[mDNS_IfNameSize];
 };
 
+/* Whether the core uses an interface for one family and, if not, why: the
+ * first reason in this order that holds. */
+typedef enum {
+  mDNSInterfaceUse_Used = 0,
+  mDNSInterfaceUse_Down = 1,
+  mDNSInterfaceUse_LoopbackSpare = 2, /* loopback: used only when no other interface is usable */
+  mDNSInterfaceUse_NoMulticast = 3,   /* no multicast flag (IPv4 on loopback does without) */
+  mDNSInterfaceUse_NoAddress = 4      /* no address of the family */
+} mDNSInterfaceUse;
+
+typedef struct {
+  char ifname[mDNS_IfNameSize];
+  mDNSInterfaceUse ipv4;
+  mDNSInterfaceUse ipv6;
+} mDNSInterfaceVerdict;
+
 /* ---- Cache, platform and core state ----------------------------------- */
 
 #define mDNS_CacheEntitySize 1024
@@ -264,6 +280,12 @@ MDNS_API void mDNS_FinalExit(mDNS* const m);
  * interfaces, leaves vanished ones, whose records then leave with remove
  * events.  The core also notices interface changes by itself. */
 MDNS_API mStatus mDNSPlatformPosixRefreshInterfaceList(mDNS* const m);
+/* The interfaces of the calling thread's network namespace as mDNS_Init and
+ * the refreshes judge them: at most mDNS_MaxInterfaces, those with an IPv4 or
+ * IPv6 address first.  Writes the first `capacity` verdicts and returns how
+ * many interfaces there are, or -1 when they cannot be read.  Needs no core.
+ * A family judged used can still fail when the core joins its group. */
+MDNS_API int mDNS_JudgeInterfaces(mDNSInterfaceVerdict* verdicts, int capacity);
 
 /* A browse for instances of `srv` (two labels, "_app._tcp" or "_app._udp") in
  * `domain` (at least one label).  Other shapes are refused with

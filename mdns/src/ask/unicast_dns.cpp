@@ -207,7 +207,9 @@ void accept_answer(mDNS* m, UnicastQuery& u, MessageParser& parser) {
   finish_packet(m);
 }
 
-void handle_message(mDNS* m, UnicastQuery& u, const uint8_t* message, size_t length) {
+// `cut`: a datagram longer than the buffer, whose missing records must not
+// count as gone: it is taken as the server's own truncated answer.
+void handle_message(mDNS* m, UnicastQuery& u, const uint8_t* message, size_t length, bool cut) {
   CoreState& core = core_of(m);
   MessageParser parser(message, length);
   MessageHeader header;
@@ -228,7 +230,7 @@ void handle_message(mDNS* m, UnicastQuery& u, const uint8_t* message, size_t len
     }
     return;
   }
-  if ((header.flags & kFlagTruncated) != 0 && u.stage == UnicastStage::kUdp) {
+  if ((cut || (header.flags & kFlagTruncated) != 0) && u.stage == UnicastStage::kUdp) {
     if (!tcp_busy(core)) {
       start_tcp(m, u);
     } else {
@@ -237,15 +239,6 @@ void handle_message(mDNS* m, UnicastQuery& u, const uint8_t* message, size_t len
     return;
   }
   accept_answer(m, u, parser);
-}
-
-UnicastQuery* slot_of_socket(CoreState& core, int socket) {
-  for (UnicastQuery& u : core.unicast) {
-    if (u.stage != UnicastStage::kFree && u.fd == socket) {
-      return &u;
-    }
-  }
-  return nullptr;
 }
 
 // ---- TCP, step by step: the caller's loop only tells when a socket reads ----
@@ -268,23 +261,48 @@ void tcp_write(mDNS* m, UnicastQuery& u) {
   }
 }
 
+size_t tcp_message_length(const CoreState& core) {
+  return static_cast<size_t>(core.tcp_buffer[0]) << 8 | core.tcp_buffer[1];
+}
+
+// The length prefix, then the message, as far as the stream has them.
 void tcp_read(mDNS* m, UnicastQuery& u) {
   CoreState& core = core_of(m);
-  const size_t want =
-      u.tcp_done < 2 ? 2 : 2 + (static_cast<size_t>(core.tcp_buffer[0]) << 8 | core.tcp_buffer[1]);
-  const long got = platform_dns_receive(m, u.fd, core.tcp_buffer + u.tcp_done, want - u.tcp_done);
-  if (got < 0) {
-    give_up(m, u);
-    return;
-  }
-  u.tcp_done += static_cast<uint32_t>(got);
-  if (u.tcp_done >= 2 &&
-      u.tcp_done == 2 + (static_cast<size_t>(core.tcp_buffer[0]) << 8 | core.tcp_buffer[1])) {
-    handle_message(m, u, core.tcp_buffer + 2, u.tcp_done - 2);
-    if (u.stage == UnicastStage::kTcpReading) {
-      give_up(m, u);  // not an acceptable answer: TCP gets one chance
+  for (;;) {
+    const size_t want = u.tcp_done < 2 ? 2 : 2 + tcp_message_length(core);
+    const long got = platform_dns_receive(m, u.fd, core.tcp_buffer + u.tcp_done, want - u.tcp_done).length;
+    if (got < 0) {
+      give_up(m, u);
+      return;
+    }
+    if (got == 0) {
+      return;
+    }
+    u.tcp_done += static_cast<uint32_t>(got);
+    if (u.tcp_done >= 2 && u.tcp_done == 2 + tcp_message_length(core)) {
+      handle_message(m, u, core.tcp_buffer + 2, u.tcp_done - 2, false);
+      if (u.stage == UnicastStage::kTcpReading) {
+        give_up(m, u);  // not an acceptable answer: TCP gets one chance
+      }
+      return;
     }
   }
+}
+
+// The socket is connected, so the kernel lets only the server's datagrams
+// through; the source is checked all the same.
+void read_udp(mDNS* m, UnicastQuery& u) {
+  CoreState& core = core_of(m);
+  const DnsReceived got = platform_dns_receive(m, u.fd, core.rxbuf, sizeof core.rxbuf);
+  if (got.length <= 0) {
+    return;
+  }
+  core.counters.packets_received++;
+  if (!same_server(u, got.source, got.port)) {
+    core.counters.packets_dropped++;
+    return;
+  }
+  handle_message(m, u, core.rxbuf, static_cast<size_t>(got.length), got.truncated);
 }
 
 void step(mDNS* m, UnicastQuery& u) {
@@ -424,32 +442,15 @@ void unicast_add_sockets(mDNS* m, int* nfds, fd_set* readfds) {
 void unicast_read_sockets(mDNS* m, fd_set* readfds) {
   CoreState& core = core_of(m);
   for (UnicastQuery& u : core.unicast) {
-    if (!core.initialized || u.fd < 0 || u.fd >= FD_SETSIZE || !FD_ISSET(u.fd, readfds)) {
+    if (!core.initialized || u.fd < 0 || !platform_dns_readable(m, u.fd, readfds)) {
       continue;
     }
     if (u.stage == UnicastStage::kTcpReading) {
       tcp_read(m, u);
     } else if (u.stage == UnicastStage::kUdp) {
-      // A connected socket: the kernel lets only the server's datagrams through.
-      const long got = platform_dns_receive(m, u.fd, core.rxbuf, sizeof core.rxbuf);
-      if (got > 0) {
-        core.counters.packets_received++;
-        handle_message(m, u, core.rxbuf, static_cast<size_t>(got));
-      }
+      read_udp(m, u);
     }
   }
-}
-
-void unicast_receive(mDNS* m, int socket, const mDNSAddr& source, uint16_t port, const uint8_t* message,
-                     size_t length) {
-  CoreState& core = core_of(m);
-  core.counters.packets_received++;
-  UnicastQuery* u = slot_of_socket(core, socket);
-  if (u == nullptr || !same_server(*u, source, port)) {
-    core.counters.packets_dropped++;
-    return;
-  }
-  handle_message(m, *u, message, length);
 }
 
 }  // namespace mdns

@@ -36,9 +36,4 @@ bool unicast_next_time(mDNS* m, int32_t& when);
 void unicast_add_sockets(mDNS* m, int* nfds, fd_set* readfds);
 void unicast_read_sockets(mDNS* m, fd_set* readfds);
 
-// A message that arrived on the socket of an outstanding query (over TCP:
-// without its length prefix), from `source`.
-void unicast_receive(mDNS* m, int socket, const mDNSAddr& source, uint16_t port, const uint8_t* message,
-                     size_t length);
-
 }  // namespace mdns

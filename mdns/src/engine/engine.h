@@ -16,6 +16,7 @@ struct Arrival {
   mDNSIPPort source_port;
   mDNSInterfaceID interface_id;  // null for unicast DNS
   Transport transport;
+  uint8_t ttl;  // the IPv4 TTL or IPv6 hop limit it came with; 0 when unknown
 };
 
 // One received datagram.  The pass's clock reading is `core.now`.  The engine

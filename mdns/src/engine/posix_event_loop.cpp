@@ -52,7 +52,7 @@ void drain_socket(mDNS* m, int fd, Transport transport) {
       count_platform_drop(m);
       continue;
     }
-    const Arrival arrival{datagram.source, datagram.source_port, interface_id, transport};
+    const Arrival arrival{datagram.source, datagram.source_port, interface_id, transport, datagram.ttl};
     engine_receive(m, core.rxbuf, datagram.length, arrival);
   }
 }

@@ -174,7 +174,8 @@ void engine_receive(mDNS* m, const uint8_t* message, size_t length, const Arriva
   MessageHeader header;
   const bool one_shot = arrival.transport == Transport::kOneShot;
   if (port_of(arrival.source_port) != kMdnsPort || !parser.read_header(header) ||
-      !acceptable_header(header) || !platform_source_on_link(m, arrival.interface_id, arrival.source) ||
+      !acceptable_header(header) ||
+      !platform_source_on_link(m, arrival.interface_id, arrival.source, arrival.ttl) ||
       (one_shot && !one_shot_expected(m, header, arrival))) {
     core.counters.packets_dropped++;
     return;

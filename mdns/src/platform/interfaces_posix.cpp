@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 
 #include <cstring>
+#include <initializer_list>
 
 #include "platform/platform.h"
 
@@ -153,6 +154,42 @@ void relink(InterfaceRecord (&table)[mDNS_MaxInterfaces], NetworkInterfaceInfo**
   *link = nullptr;
 }
 
+// One family of one interface, before the loopback rule.  The loopback
+// interface usually lacks the multicast flag, yet carries IPv4 multicast to
+// local listeners; IPv6 has no multicast route there.
+mDNSInterfaceUse family_use(const InterfaceRecord& entry, const InterfaceFlags& flags, int family) {
+  if (!flags.up) {
+    return mDNSInterfaceUse_Down;
+  }
+  if (!flags.multicast && (family == kFamilyV6 || !flags.loopback)) {
+    return mDNSInterfaceUse_NoMulticast;
+  }
+  return interface_has_family(entry, family) ? mDNSInterfaceUse_Used : mDNSInterfaceUse_NoAddress;
+}
+
+// One entry of getifaddrs: its interface, and its address if it has one.
+void add_to_snapshot(InterfaceSnapshot& snapshot, const ifaddrs& ifa) {
+  char name[IF_NAMESIZE + 1];
+  base_interface_name(ifa.ifa_name, name);
+  const unsigned ifindex = if_nametoindex(name);
+  if (ifindex == 0) {
+    return;
+  }
+  InterfaceFlags flags;
+  flags.up = (ifa.ifa_flags & IFF_UP) != 0;
+  flags.multicast = (ifa.ifa_flags & IFF_MULTICAST) != 0;
+  flags.loopback = (ifa.ifa_flags & IFF_LOOPBACK) != 0;
+  InterfaceRecord* entry = snapshot_entry(snapshot, name, ifindex, flags);
+  const int family = ifa.ifa_addr != nullptr ? ifa.ifa_addr->sa_family : AF_UNSPEC;
+  if (entry == nullptr || (family != AF_INET && family != AF_INET6)) {
+    return;
+  }
+  const int prefix = sockaddr_prefix_length(ifa.ifa_netmask, family);
+  if (prefix >= 0) {
+    interface_add_address(*entry, sockaddr_to_addr(ifa.ifa_addr), prefix);
+  }
+}
+
 }  // namespace
 
 bool address_in_prefix(const mDNSAddr& address, const mDNSAddr& network, int prefix_length) {
@@ -263,16 +300,22 @@ bool interface_has_family(const InterfaceRecord& info, int family) {
   return false;
 }
 
-bool interface_source_on_link(const InterfaceRecord& info, const mDNSAddr& source) {
-  if (is_link_local(source)) {
-    return true;
-  }
+bool interface_source_on_link(const InterfaceRecord& info, const mDNSAddr& source, uint8_t ttl) {
+  bool ipv4_link_local_here = false;
   for (size_t i = 0; i < info.naddrs && i < kMaxInterfaceAddresses; ++i) {
-    if (address_in_prefix(source, info.addrs[i].addr, info.addrs[i].prefix_length)) {
+    const mDNSAddr& own = info.addrs[i].addr;
+    if (address_in_prefix(source, own, info.addrs[i].prefix_length)) {
       return true;
     }
+    ipv4_link_local_here = ipv4_link_local_here || (own.type == mDNSAddrType_IPv4 && is_link_local(own));
   }
-  return false;
+  if (!is_link_local(source)) {
+    return false;
+  }
+  // Routers never forward IPv6 packets from link-local sources.  An IPv4
+  // router forwards anything, spoofed 169.254/16 sources too, but what it
+  // forwarded arrives with less than the TTL 255 that mDNS senders use.
+  return source.type == mDNSAddrType_IPv6 || ttl == kLinkTtl || ipv4_link_local_here;
 }
 
 InterfaceRecord* snapshot_entry(InterfaceSnapshot& snapshot, const char* name, uint32_t ifindex,
@@ -300,58 +343,41 @@ bool read_host_interfaces(InterfaceSnapshot& snapshot) {
   if (getifaddrs(&list) != 0) {
     return false;
   }
-  for (const ifaddrs* ifa = list; ifa != nullptr; ifa = ifa->ifa_next) {
-    if (ifa->ifa_addr == nullptr ||
-        (ifa->ifa_addr->sa_family != AF_INET && ifa->ifa_addr->sa_family != AF_INET6)) {
-      continue;
-    }
-    char name[IF_NAMESIZE + 1];
-    base_interface_name(ifa->ifa_name, name);
-    const unsigned ifindex = if_nametoindex(name);
-    if (ifindex == 0) {
-      continue;
-    }
-    InterfaceFlags flags;
-    flags.up = (ifa->ifa_flags & IFF_UP) != 0;
-    flags.multicast = (ifa->ifa_flags & IFF_MULTICAST) != 0;
-    flags.loopback = (ifa->ifa_flags & IFF_LOOPBACK) != 0;
-    InterfaceRecord* entry = snapshot_entry(snapshot, name, ifindex, flags);
-    if (entry == nullptr) {
-      continue;
-    }
-    const int family = ifa->ifa_addr->sa_family;
-    const int prefix = sockaddr_prefix_length(ifa->ifa_netmask, family);
-    if (prefix >= 0) {
-      interface_add_address(*entry, sockaddr_to_addr(ifa->ifa_addr), prefix);
+  // Interfaces with addresses first; those without any only where room is
+  // left, so that they never push out one the core could use.
+  for (const bool with_address : {true, false}) {
+    for (const ifaddrs* ifa = list; ifa != nullptr; ifa = ifa->ifa_next) {
+      const int family = ifa->ifa_addr != nullptr ? ifa->ifa_addr->sa_family : AF_UNSPEC;
+      if ((family == AF_INET || family == AF_INET6) == with_address) {
+        add_to_snapshot(snapshot, *ifa);
+      }
     }
   }
   freeifaddrs(list);
   return true;
 }
 
-void mark_usable(InterfaceSnapshot& snapshot) {
+void judge_interfaces(const InterfaceSnapshot& snapshot, InterfaceUses& uses) {
   bool other_usable = false;
   for (size_t i = 0; i < snapshot.count; ++i) {
-    InterfaceRecord& entry = snapshot.entries[i];
-    const InterfaceFlags& flags = snapshot.flags[i];
-    // The loopback interface usually lacks the multicast flag, yet carries
-    // IPv4 multicast to local listeners; IPv6 has no multicast route there.
-    const bool v4_candidate = flags.up && (flags.multicast || flags.loopback);
-    const bool v6_candidate = flags.up && flags.multicast;
-    entry.v4usable = v4_candidate && interface_has_family(entry, kFamilyV4);
-    entry.v6usable = v6_candidate && interface_has_family(entry, kFamilyV6);
-    if (!flags.loopback && (entry.v4usable || entry.v6usable)) {
-      other_usable = true;
-    }
-  }
-  if (!other_usable) {
-    return;
+    uses.ipv4[i] = family_use(snapshot.entries[i], snapshot.flags[i], kFamilyV4);
+    uses.ipv6[i] = family_use(snapshot.entries[i], snapshot.flags[i], kFamilyV6);
+    other_usable = other_usable || (!snapshot.flags[i].loopback && (uses.ipv4[i] == mDNSInterfaceUse_Used ||
+                                                                    uses.ipv6[i] == mDNSInterfaceUse_Used));
   }
   for (size_t i = 0; i < snapshot.count; ++i) {
-    if (snapshot.flags[i].loopback) {
-      snapshot.entries[i].v4usable = false;
-      snapshot.entries[i].v6usable = false;
+    if (other_usable && snapshot.flags[i].loopback && snapshot.flags[i].up) {
+      uses.ipv4[i] = uses.ipv6[i] = mDNSInterfaceUse_LoopbackSpare;
     }
+  }
+}
+
+void mark_usable(InterfaceSnapshot& snapshot) {
+  InterfaceUses uses;
+  judge_interfaces(snapshot, uses);
+  for (size_t i = 0; i < snapshot.count; ++i) {
+    snapshot.entries[i].v4usable = uses.ipv4[i] == mDNSInterfaceUse_Used;
+    snapshot.entries[i].v6usable = uses.ipv6[i] == mDNSInterfaceUse_Used;
   }
 }
 
@@ -422,3 +448,24 @@ const InterfaceRecord* find_interface(const InterfaceRecord (&table)[mDNS_MaxInt
 }
 
 }  // namespace mdns
+
+using namespace mdns;
+
+extern "C" {
+
+MDNS_API int mDNS_JudgeInterfaces(mDNSInterfaceVerdict* verdicts, int capacity) {
+  InterfaceSnapshot snapshot;
+  if (!read_host_interfaces(snapshot)) {
+    return -1;
+  }
+  InterfaceUses uses;
+  judge_interfaces(snapshot, uses);
+  for (size_t i = 0; i < snapshot.count && verdicts != nullptr && static_cast<int>(i) < capacity; ++i) {
+    std::memcpy(verdicts[i].ifname, snapshot.entries[i].info.ifname, sizeof verdicts[i].ifname);
+    verdicts[i].ipv4 = uses.ipv4[i];
+    verdicts[i].ipv6 = uses.ipv6[i];
+  }
+  return static_cast<int>(snapshot.count);
+}
+
+}  // extern "C"

@@ -49,9 +49,14 @@ bool interface_reset(InterfaceRecord& info, const char* name, uint32_t ifindex);
 // Adds an address (ignored past kMaxInterfaceAddresses or when already there).
 void interface_add_address(InterfaceRecord& info, const mDNSAddr& address, int prefix_length);
 bool interface_has_family(const InterfaceRecord& info, int family);
-// True when `source` is in one of the interface's subnets or link-local
-// (IPv4 169.254/16, IPv6 fe80::/10): link-local senders are on every link.
-bool interface_source_on_link(const InterfaceRecord& info, const mDNSAddr& source);
+// The TTL (hop limit) an mDNS sender puts on its packets; a router that
+// forwards a packet lowers it.
+constexpr uint8_t kLinkTtl = 255;
+
+// True when `source` is in one of the interface's subnets, or link-local and
+// from this link: IPv6 fe80::/10 always; IPv4 169.254/16 when the packet came
+// with TTL 255 (`ttl`: 0 when unknown) or the interface has a 169.254 address.
+bool interface_source_on_link(const InterfaceRecord& info, const mDNSAddr& source, uint8_t ttl);
 
 // ---- A read of the host's interfaces ----
 
@@ -70,15 +75,23 @@ struct InterfaceSnapshot {
 // The entry for an interface name, created when new; null when the table is full.
 InterfaceRecord* snapshot_entry(InterfaceSnapshot& snapshot, const char* name, uint32_t ifindex,
                                 const InterfaceFlags& flags);
-// Reads the host's interfaces with getifaddrs.  False when they cannot be read.
+// Reads the host's interfaces with getifaddrs, those without an IPv4 or IPv6
+// address only while the table has room.  False when they cannot be read.
 bool read_host_interfaces(InterfaceSnapshot& snapshot);
-// Sets v4usable / v6usable: up, multicast, with an address of that family;
-// loopback only when no other interface is usable.
+// Per entry of the snapshot, the use the core makes of it for IPv4 and IPv6:
+// up, multicast (IPv4 on loopback does without), with an address of the
+// family; loopback only when no other interface is usable.
+struct InterfaceUses {
+  mDNSInterfaceUse ipv4[mDNS_MaxInterfaces];
+  mDNSInterfaceUse ipv6[mDNS_MaxInterfaces];
+};
+void judge_interfaces(const InterfaceSnapshot& snapshot, InterfaceUses& uses);
+// Sets v4usable / v6usable as judge_interfaces judges.
 void mark_usable(InterfaceSnapshot& snapshot);
 
 // ---- Bringing the live table in line ----
 
-// Group membership of one interface and family; the test mode's always succeeds.
+// Group membership of one interface and family; the test platform's always succeeds.
 class Membership {
  public:
   virtual ~Membership() = default;

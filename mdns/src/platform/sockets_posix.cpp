@@ -30,8 +30,10 @@ bool make_non_blocking(int fd) {
   return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
 }
 
+// Every read also gives the arrival interface and the TTL (hop limit): an
+// IPv4 link-local source counts as on the link only with TTL 255.
 bool configure_v4(int fd, uint16_t port) {
-  if (!set_int_option(fd, IPPROTO_IP, IP_PKTINFO, 1) ||
+  if (!set_int_option(fd, IPPROTO_IP, IP_PKTINFO, 1) || !set_int_option(fd, IPPROTO_IP, IP_RECVTTL, 1) ||
       !set_int_option(fd, IPPROTO_IP, IP_MULTICAST_TTL, kTtl) ||
       !set_int_option(fd, IPPROTO_IP, IP_TTL, kTtl)) {
     return false;
@@ -51,6 +53,7 @@ bool configure_v4(int fd, uint16_t port) {
 bool configure_v6(int fd, uint16_t port) {
   if (!set_int_option(fd, IPPROTO_IPV6, IPV6_V6ONLY, 1) ||
       !set_int_option(fd, IPPROTO_IPV6, IPV6_RECVPKTINFO, 1) ||
+      !set_int_option(fd, IPPROTO_IPV6, IPV6_RECVHOPLIMIT, 1) ||
       !set_int_option(fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, kTtl) ||
       !set_int_option(fd, IPPROTO_IPV6, IPV6_UNICAST_HOPS, kTtl)) {
     return false;
@@ -80,7 +83,14 @@ ipv6_mreq group_request_v6(uint32_t ifindex) {
   return request;
 }
 
-void read_arrival_interface(msghdr& header, Datagram& out) {
+uint8_t ttl_of(const cmsghdr* c) {
+  int value = 0;
+  std::memcpy(&value, CMSG_DATA(c), sizeof value);
+  return value > 0 && value <= 255 ? static_cast<uint8_t>(value) : 0;
+}
+
+// The arrival interface and the TTL or hop limit, from the control messages.
+void read_control(msghdr& header, Datagram& out) {
   for (cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr; c = CMSG_NXTHDR(&header, c)) {
     if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO &&
         c->cmsg_len >= CMSG_LEN(sizeof(in_pktinfo))) {
@@ -92,6 +102,10 @@ void read_arrival_interface(msghdr& header, Datagram& out) {
       in6_pktinfo info;
       std::memcpy(&info, CMSG_DATA(c), sizeof info);
       out.ifindex = info.ipi6_ifindex;
+    } else if (((c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_TTL) ||
+                (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_HOPLIMIT)) &&
+               c->cmsg_len >= CMSG_LEN(sizeof(int))) {
+      out.ttl = ttl_of(c);
     }
   }
 }
@@ -287,10 +301,14 @@ bool send_to_group(int fd, int family, uint32_t ifindex, const uint8_t* message,
   return sent == static_cast<ssize_t>(length);
 }
 
-ReadStatus receive_datagram(int fd, uint8_t* buffer, size_t capacity, Datagram& out) {
+namespace {
+
+// One recvmsg without blocking: the byte count, or -1 with errno set.
+ssize_t read_message(int fd, uint8_t* buffer, size_t capacity, Datagram& out) {
   out = Datagram{};
   if (fd < 0) {
-    return ReadStatus::kEmpty;
+    errno = EBADF;
+    return -1;
   }
   sockaddr_storage from{};
   iovec io{buffer, capacity};
@@ -307,13 +325,26 @@ ReadStatus receive_datagram(int fd, uint8_t* buffer, size_t capacity, Datagram& 
     received = recvmsg(fd, &header, MSG_DONTWAIT);
   } while (received < 0 && errno == EINTR);
   if (received < 0) {
-    return ReadStatus::kEmpty;
+    return -1;
   }
   out.length = static_cast<size_t>(received);
   out.truncated = (header.msg_flags & MSG_TRUNC) != 0;
   read_source(from, header.msg_namelen, out);
-  read_arrival_interface(header, out);
-  return ReadStatus::kGot;
+  read_control(header, out);
+  return received;
+}
+
+}  // namespace
+
+ReadStatus receive_datagram(int fd, uint8_t* buffer, size_t capacity, Datagram& out) {
+  return read_message(fd, buffer, capacity, out) < 0 ? ReadStatus::kEmpty : ReadStatus::kGot;
+}
+
+ReadStatus receive_on_dns_socket(int fd, uint8_t* buffer, size_t capacity, Datagram& out) {
+  if (read_message(fd, buffer, capacity, out) >= 0) {
+    return ReadStatus::kGot;
+  }
+  return errno == EAGAIN || errno == EWOULDBLOCK ? ReadStatus::kEmpty : ReadStatus::kFailed;
 }
 
 }  // namespace mdns

@@ -38,14 +38,19 @@ struct Datagram {
   size_t length = 0;
   mDNSAddr source{};
   mDNSIPPort source_port{};
-  uint32_t ifindex = 0; /* 0 when the arrival interface is unknown */
-  bool truncated = false;
+  uint32_t ifindex = 0;    // 0 when the arrival interface is unknown
+  uint8_t ttl = 0;         // the IPv4 TTL or IPv6 hop limit; 0 when unknown
+  bool truncated = false;  // longer than the buffer: the rest is lost
 };
 
-enum class ReadStatus { kGot, kEmpty };
+enum class ReadStatus { kGot, kEmpty, kFailed };
 
-// Reads one datagram into `buffer` without blocking.  kEmpty when nothing is
-// waiting (or on an error that reading again would not cure).
+// Reads one datagram into `buffer` without blocking, from one of the mDNS or
+// one-shot sockets.  kEmpty when nothing is waiting (or on an error that
+// reading again would not cure).
 ReadStatus receive_datagram(int fd, uint8_t* buffer, size_t capacity, Datagram& out);
+// The same from a unicast DNS socket (over TCP: what the stream holds, up to
+// `capacity`); kFailed on an error other than nothing waiting.
+ReadStatus receive_on_dns_socket(int fd, uint8_t* buffer, size_t capacity, Datagram& out);
 
 }  // namespace mdns

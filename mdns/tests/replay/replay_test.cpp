@@ -9,10 +9,10 @@
 #include <map>
 #include <sstream>
 
-#include "ask/unicast_dns.h"
 #include "dns_builder.h"
 #include "engine/engine.h"
 #include "platform/interfaces_posix.h"
+#include "platform/test_platform.h"
 #include "scenario.h"
 #include "wire/identity.h"
 #include "wire/message_reader.h"
@@ -480,6 +480,10 @@ class Replay {
       msg.question(f.at(1), type_code(f.at(2)));
       return;
     }
+    if (f[0] == "pad") {  // an answer of empty TXT strings that nobody asked for
+      msg.add(DnsMessage::kAnswer, {"pad.invalid.", kDNSType_TXT, 0, Bytes(std::stoul(f.at(1)), 0), false});
+      return;
+    }
     const auto section = f[0] == "an"   ? DnsMessage::kAnswer
                          : f[0] == "ns" ? DnsMessage::kAuthority
                                         : DnsMessage::kAdditional;
@@ -490,20 +494,13 @@ class Replay {
   }
 
   void receive(const Line& line, int n) {
+    if (line.words[2] == "recv-dns") {
+      receive_dns(line, n);
+      return;
+    }
     const Words& w = line.words;
-    const bool dns = w[2] == "recv-dns";
     in_pass([&] {
-      const Sent* asked = last_asked(dns, w);
-      if (dns && asked == nullptr) {
-        throw std::runtime_error("no unicast query to answer");
-      }
-      const Bytes bytes = message_of(line, asked, n);
-      if (dns) {
-        mdns::unicast_receive(m_.get(), asked->message.socket, address_of(option(w, "from", asked->server)),
-                              static_cast<uint16_t>(std::stoi(option(w, "port", "53"))), bytes.data(),
-                              bytes.size());
-        return;
-      }
+      const Bytes bytes = message_of(line, last_asked(false, w), n);
       mdns::Arrival arrival{};
       arrival.source = address_of(w.at(3));
       const int port = std::stoi(option(w, "port", "5353"));
@@ -511,8 +508,29 @@ class Replay {
       arrival.source_port.b[1] = static_cast<uint8_t>(port);
       arrival.interface_id = iface_id(option(w, "iface", interfaces_.at(0).first[0]));
       arrival.transport = flag(w, "oneshot") ? mdns::Transport::kOneShot : mdns::Transport::kMulticast;
+      arrival.ttl = static_cast<uint8_t>(std::stoi(option(w, "ttl", "255")));
       mdns::engine_receive(m_.get(), bytes.data(), bytes.size(), arrival);
     });
+  }
+
+  // On the socket of the query answered, read as the event loop reads it.
+  void receive_dns(const Line& line, int n) {
+    const Words& w = line.words;
+    const Sent* asked = last_asked(true, w);
+    if (asked == nullptr) {
+      throw std::runtime_error("no unicast query to answer");
+    }
+    const Bytes bytes = message_of(line, asked, n);
+    const uint16_t port = static_cast<uint16_t>(std::stoi(option(w, "port", "53")));
+    if (!mdns::platform_test_deliver_dns(m_.get(), asked->message.socket,
+                                         address_of(option(w, "from", asked->server)), port, bytes.data(),
+                                         bytes.size())) {
+      throw std::runtime_error("the query's socket is closed");
+    }
+    mdns::engine_set_fake_clock(m_.get(), now_);
+    in_pass_ = true;
+    mDNSPosixProcessFDSet(m_.get(), nullptr);
+    in_pass_ = false;
   }
 
   static void capture(void* context, const mdns::SentMessage& message) {

@@ -16,14 +16,19 @@
 //   at T resolve ID NAME [iface NAME]
 //   at T query ID NAME TYPE
 //   at T stop ID
-//   at T recv FROM [port P] [iface NAME] [oneshot] [echo|echo-id] [id N] [flags HEX] [raw HEX...]
+//   at T recv FROM [port P] [iface NAME] [ttl N] [oneshot] [echo|echo-id] [id N] [flags HEX] [raw HEX...]
 //     qd NAME TYPE
 //     an|ns|ar NAME TYPE TTL [flush] DATA...       a packet arrives (echo: repeats the last
-//   at T recv-dns [for NAME TYPE] [from ADDR] [port P] [echo] ...   one-shot's or unicast query's
-//                                                  ID and questions; "for" picks the query;
-//                                                  "repeat N": N packets, {n} in their
-//                                                  records counting from 1; a record line
-//                                                  ending "each N": N records, {i} counting)
+//     pad N                                        one-shot's or unicast query's ID and
+//   at T recv-dns [for NAME TYPE] [from ADDR] [port P] [echo] ...   questions; "for" picks
+//                                                  the query; "repeat N": N packets, {n} in
+//                                                  their records counting from 1; ttl: the
+//                                                  IP TTL, 255 by default; pad: an answer of
+//                                                  N bytes that no question asks for; a
+//                                                  unicast answer goes to the query's socket,
+//                                                  where the core reads it into its 9000-byte
+//                                                  buffer; a record line ending
+//                                                  "each N": N records, {i} counting)
 //   at T iface up NAME ADDR/LEN... | down NAME | recreate NAME    the host's interfaces change
 //   at T nameservers [ADDR...]                     the resolver file now lists these (or none)
 //

@@ -7,7 +7,7 @@
 
 #include "engine/engine.h"
 #include "mdns/mdns.h"
-#include "platform/platform.h"
+#include "platform/test_platform.h"
 
 namespace mdns {
 namespace {

@@ -2,6 +2,7 @@
 // live table in line with successive reads of the host's interfaces.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <iterator>
 #include <string>
 #include <tuple>
@@ -19,28 +20,47 @@ mDNSAddr addr(const char* text) {
   return a;
 }
 
-TEST(InterfaceRecordTest, SourcesInAnySubnetUpToTheCapOrLinkLocalAreOnLink) {
+TEST(InterfaceRecordTest, SourcesInAnySubnetUpToTheCapOrLinkLocalFromThisLinkAreOnLink) {
   InterfaceRecord eth{};
   EXPECT_FALSE(interface_reset(eth, "a-name-far-too-long-for-an-interface", 7));
   ASSERT_TRUE(interface_reset(eth, "eth0", 7));
   // The third address repeats the first, the sixth has an impossible prefix.
   const std::pair<const char*, int> addresses[] = {
       {"192.0.2.10", 24},   {"198.51.100.10", 25}, {"192.0.2.10", 24}, {"10.1.0.1", 20},
-      {"2001:db8::10", 63}, {"10.9.9.9", 33},      {"10.0.0.1", 32},   {"10.0.0.2", 32},
+      {"2001:db8::10", 63}, {"10.9.9.9", 33},      {"fe80::10", 64},   {"10.0.0.2", 32},
       {"10.0.0.3", 32},     {"10.0.0.4", 32},      {"10.0.0.5", 32}};
   for (const auto& [address, prefix] : addresses) {
     interface_add_address(eth, addr(address), prefix);
   }
   EXPECT_EQ(eth.naddrs, kMaxInterfaceAddresses);
-  const std::pair<const char*, bool> sources[] = {
-      {"192.0.2.200", true},      {"198.51.100.100", true},    {"198.51.100.200", false},
-      {"10.1.15.1", true},        {"10.1.16.1", false},        {"2001:db8::1:abcd", true},
-      {"2001:db8:0:2::1", false}, {"::ffff:192.0.2.1", false}, {"fe80::dead:beef", true},
-      {"febf::1", true},          {"fec0::1", false},          {"169.254.7.7", true},
-      {"169.253.7.7", false},     {"10.0.0.4", true},          {"10.0.0.5", false},  // past the cap
+  // An interface that took a 169.254/16 address itself is on a link-local network.
+  InterfaceRecord zeroconf{};
+  ASSERT_TRUE(interface_reset(zeroconf, "eth1", 8));
+  interface_add_address(zeroconf, addr("169.254.1.1"), 32);
+  // source, then whether it is on the link of eth0 with TTL 255, with TTL 64 (a
+  // router forwarded it) or unknown, and of eth1 with TTL 64.
+  const std::tuple<const char*, bool, bool, bool> sources[] = {
+      {"192.0.2.200", true, true, false},
+      {"198.51.100.100", true, true, false},
+      {"198.51.100.200", false, false, false},
+      {"10.1.15.1", true, true, false},
+      {"10.1.16.1", false, false, false},
+      {"2001:db8::1:abcd", true, true, false},
+      {"2001:db8:0:2::1", false, false, false},
+      {"::ffff:192.0.2.1", false, false, false},
+      {"fe80::dead:beef", true, true, true},  // routers never forward these
+      {"febf::1", true, true, true},
+      {"fec0::1", false, false, false},
+      {"169.254.7.7", true, false, true},
+      {"169.253.7.7", false, false, false},
+      {"10.0.0.4", true, true, false},
+      {"10.0.0.5", false, false, false},  // past the cap
   };
-  for (const auto& [source, on_link] : sources) {
-    EXPECT_EQ(interface_source_on_link(eth, addr(source)), on_link) << source;
+  for (const auto& [source, with_255, with_64, beside_own] : sources) {
+    EXPECT_EQ(interface_source_on_link(eth, addr(source), kLinkTtl), with_255) << source;
+    EXPECT_EQ(interface_source_on_link(eth, addr(source), 64), with_64) << source;
+    EXPECT_EQ(interface_source_on_link(eth, addr(source), 0), with_64) << source;
+    EXPECT_EQ(interface_source_on_link(zeroconf, addr(source), 64), beside_own) << source;
   }
   // Real hosts give netmasks, which must become the prefixes checked above.
   const uint8_t masks[][4] = {{255, 255, 240, 0}, {255, 0, 255, 0}, {0, 0, 0, 0}};
@@ -48,6 +68,40 @@ TEST(InterfaceRecordTest, SourcesInAnySubnetUpToTheCapOrLinkLocalAreOnLink) {
   EXPECT_EQ(prefix_length_from_mask(masks[1], 4), -1);
   EXPECT_EQ(prefix_length_from_mask(masks[2], 4), 0);
   EXPECT_EQ(ipv4_mask_from_prefix(20).ip.v4.NotAnInteger, addr("255.255.240.0").ip.v4.NotAnInteger);
+}
+
+// The use the core makes of each interface and family, and why not, as mDNS_JudgeInterfaces tells it.
+TEST(InterfaceUse, TheFirstReasonThatHoldsPerFamily) {
+  const auto judge = [](std::vector<std::tuple<const char*, InterfaceFlags, const char*>> host) {
+    InterfaceSnapshot snapshot;
+    uint32_t ifindex = 1;
+    for (const auto& [name, flags, address] : host) {
+      InterfaceRecord* entry = snapshot_entry(snapshot, name, ifindex++, flags);
+      if (*address != '\0') {
+        interface_add_address(*entry, addr(address), std::strchr(address, ':') != nullptr ? 64 : 24);
+      }
+    }
+    InterfaceUses uses;
+    judge_interfaces(snapshot, uses);
+    std::string s;
+    for (size_t i = 0; i < snapshot.count; ++i) {
+      s += " " + std::string(snapshot.entries[i].info.ifname) + "=" + std::to_string(uses.ipv4[i]) + "/" +
+           std::to_string(uses.ipv6[i]);
+    }
+    return s.substr(1);
+  };
+  const InterfaceFlags loopback{true, false, true};
+  const InterfaceFlags up{true, true, false};
+  // Used 0, down 1, loopback while another is usable 2, no multicast 3, no address 4.
+  EXPECT_EQ(judge({{"lo", loopback, "::1"},
+                   {"eth0", up, "192.0.2.1"},
+                   {"tun0", {true, false, false}, "10.0.0.1"},
+                   {"eth1", {false, true, false}, "192.0.2.2"},
+                   {"eth2", up, ""}}),
+            "lo=2/2 eth0=0/4 tun0=3/3 eth1=1/1 eth2=4/4");
+  EXPECT_EQ(judge({{"lo", loopback, "::1"}, {"eth1", {false, true, false}, "192.0.2.2"}}), "lo=4/3 eth1=1/1");
+  EXPECT_EQ(judge({{"lo", loopback, "127.0.0.1"}, {"lo", loopback, "::1"}}), "lo=0/3");
+  EXPECT_EQ(judge({{"lo", {false, false, true}, "127.0.0.1"}, {"eth0", up, "fe80::1"}}), "lo=1/1 eth0=4/0");
 }
 
 // Logs joins and leaves as " +ifindex/family" and " -ifindex/family"; the join

@@ -18,6 +18,7 @@
 #include "engine/engine.h"
 #include "mdns/mdns.h"
 #include "platform/platform_state.h"
+#include "platform/sockets_posix.h"
 #include "virtual_lan_requirement.h"
 
 namespace mdns::vlan_test {
@@ -83,6 +84,42 @@ void check_on_loopback(mDNS& m) {
   EXPECT_EQ(engine_counters(&m).packets_dropped, 101u);
 }
 
+// A datagram read on a one-shot socket comes with its TTL (hop limit), on
+// which the on-link check of link-local sources rests.
+void check_ttl_arrives(int family) {
+  const bool v4 = family == mDNSAddrType_IPv4;
+  int receiver = open_one_shot_socket(family);
+  ASSERT_GE(receiver, 0);
+  sockaddr_storage to{};
+  socklen_t length = sizeof to;
+  ASSERT_EQ(getsockname(receiver, reinterpret_cast<sockaddr*>(&to), &length), 0);
+  if (v4) {
+    reinterpret_cast<sockaddr_in*>(&to)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  } else {
+    reinterpret_cast<sockaddr_in6*>(&to)->sin6_addr = in6addr_loopback;
+  }
+  const int sender = socket(v4 ? AF_INET : AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const int ttl = v4 ? 7 : 9;
+  ASSERT_EQ(
+      setsockopt(sender, v4 ? IPPROTO_IP : IPPROTO_IPV6, v4 ? IP_TTL : IPV6_UNICAST_HOPS, &ttl, sizeof ttl),
+      0);
+  const uint8_t message[12] = {};
+  ASSERT_EQ(sendto(sender, message, sizeof message, 0, reinterpret_cast<const sockaddr*>(&to), length),
+            static_cast<ssize_t>(sizeof message));
+  Datagram datagram;
+  uint8_t buffer[64];
+  for (int tries = 0;
+       tries < 100 && receive_datagram(receiver, buffer, sizeof buffer, datagram) != ReadStatus::kGot;
+       ++tries) {
+    usleep(10000);
+  }
+  EXPECT_EQ(datagram.length, sizeof message);
+  EXPECT_EQ(datagram.ttl, ttl);
+  EXPECT_EQ(datagram.ifindex, if_nametoindex("lo"));
+  close(sender);
+  close_socket(receiver);
+}
+
 TEST(CoreSockets, OnLoopbackAlone) {
   SV_REQUIRE_VIRTUAL_LAN();
   // A thread of its own enters a fresh namespace; the core's sockets live there.
@@ -101,6 +138,8 @@ TEST(CoreSockets, OnLoopbackAlone) {
     }
     check_on_loopback(*m);
     mDNS_FinalExit(m.get());
+    check_ttl_arrives(mDNSAddrType_IPv4);
+    check_ttl_arrives(mDNSAddrType_IPv6);
   });
   worker.join();
   ASSERT_TRUE(failure.empty()) << failure;
