@@ -3,8 +3,10 @@
 #   the reverse lookup includes nothing of the core or the search;
 #   the search includes nothing of the reverse lookup;
 #   the shared records and text helpers include neither;
-#   inside the core, a layer includes only layers below it: wire/ (bytes on
-#   the wire) sees nothing else of the core.
+#   inside the core, a layer includes only itself and the layers below it:
+#   wire/ (bytes and names) < platform/ (host, clock, sockets) < cache/ (the
+#   record store) < ask/ (questions' groups, askers, send governor) < engine/
+#   (events, resolves, the public entry points).
 # Run as a script: cmake -DROOT=<source dir> -P Architecture.cmake
 if(CMAKE_SCRIPT_MODE_FILE)
   set(rules
@@ -12,7 +14,10 @@ if(CMAKE_SCRIPT_MODE_FILE)
     "src/reverse_lookup|mdns/|search/|sorvalen/mdns_search"
     "src/search|reverse_lookup/|sorvalen/dns_reverse_lookup"
     "src/common|mdns/|search/|reverse_lookup/|sorvalen/mdns_search|sorvalen/dns_reverse_lookup"
-    "mdns/src/wire|platform/|cache/|ask/|engine/")
+    "mdns/src/wire|platform/|cache/|ask/|engine/"
+    "mdns/src/platform|cache/|ask/|engine/"
+    "mdns/src/cache|ask/|engine/"
+    "mdns/src/ask|engine/")
   set(failures "")
   foreach(rule ${rules})
     string(REPLACE "|" ";" parts "${rule}")

@@ -4,10 +4,9 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "ask/groups.h"
 #include "ask/question_lists.h"
 #include "ask/send_governor.h"
-#include "engine/engine.h"
-#include "engine/questions.h"
 #include "platform/clock.h"
 #include "platform/platform.h"
 #include "wire/message_reader.h"
@@ -24,7 +23,7 @@ constexpr int kMaxPacketsPerInterface = 2;
 constexpr int32_t kOneShotBurst = 32;
 constexpr int32_t kOneShotsPerSecond = 16;
 
-bool take_token(CoreState& core) {
+bool take_token(AskState& core) {
   const int32_t elapsed = time_diff(core.now, core.one_shot_refilled);
   if (elapsed >= 1000 / kOneShotsPerSecond) {
     const int32_t earned = elapsed / (1000 / kOneShotsPerSecond);
@@ -39,23 +38,19 @@ bool take_token(CoreState& core) {
   return true;
 }
 
-const OneShot* find(const CoreState& core, uint16_t id, const Arrival& arrival) {
+const OneShot* find(const AskState& core, uint16_t id, const OneShotReply& arrival) {
   for (const OneShot& o : core.one_shots) {
     if (o.question_count > 0 && o.id == id && o.interface_id == arrival.interface_id &&
-        o.family == arrival.source.type && time_diff(core.now, o.sent) <= kOneShotLifetimeMs) {
+        o.family == arrival.family && time_diff(core.now, o.sent) <= kOneShotLifetimeMs) {
       return &o;
     }
   }
   return nullptr;
 }
 
-bool for_interface(const DNSQuestion& q, mDNSInterfaceID interface_id) {
-  return q.InterfaceID == mDNSInterface_Any || q.InterfaceID == interface_id;
-}
-
 // Packets of the wanted questions for one interface and family.
 void send_on(mDNS* m, DNSQuestion* wanted, mDNSInterfaceID interface_id, int family) {
-  CoreState& core = core_of(m);
+  AskState& core = ask_of(m);
   DNSQuestion* q = wanted;
   for (int packet = 0; packet < kMaxPacketsPerInterface && q != nullptr && take_token(core) &&
                        governor_take_packet(core, interface_id, SendPriority::kNewQuestion);
@@ -80,13 +75,13 @@ void send_on(mDNS* m, DNSQuestion* wanted, mDNSInterfaceID interface_id, int fam
     record.interface_id = interface_id;
     record.sent = core.now;
     core.counters.one_shots_sent++;
-    engine_send_multicast(m, Transport::kOneShot, interface_id, family, core.txbuf, writer.finish());
+    governor_send(m, Transport::kOneShot, interface_id, family, core.txbuf, writer.finish());
   }
 }
 
 }  // namespace
 
-void one_shots_reset(CoreState& core) {
+void one_shots_reset(AskState& core) {
   std::memset(core.one_shots, 0, sizeof core.one_shots);
   core.one_shot_next = 0;
   core.one_shot_tokens = kOneShotBurst;
@@ -94,7 +89,7 @@ void one_shots_reset(CoreState& core) {
 }
 
 void send_one_shots(mDNS* m) {
-  CoreState& core = core_of(m);
+  AskState& core = ask_of(m);
   DNSQuestion* wanted = list_first(core, ListId::kOneShot);
   if (wanted == nullptr) {
     return;
@@ -110,12 +105,13 @@ void send_one_shots(mDNS* m) {
   }
 }
 
-bool one_shot_expected(mDNS* m, const MessageHeader& header, const Arrival& arrival) {
-  return header.qdcount > 0 && find(core_of(m), header.id, arrival) != nullptr;
+bool one_shot_expected(mDNS* m, const MessageHeader& header, const OneShotReply& arrival) {
+  return header.qdcount > 0 && find(ask_of(m), header.id, arrival) != nullptr;
 }
 
-bool one_shot_asked(mDNS* m, const MessageHeader& header, const Arrival& arrival, uint32_t question_key) {
-  const OneShot* o = find(core_of(m), header.id, arrival);
+bool one_shot_asked(mDNS* m, const MessageHeader& header, const OneShotReply& arrival,
+                    uint32_t question_key) {
+  const OneShot* o = find(ask_of(m), header.id, arrival);
   if (o == nullptr) {
     return false;
   }

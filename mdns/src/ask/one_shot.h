@@ -8,21 +8,26 @@
 
 #include <cstdint>
 
-#include "engine/core_state.h"
+#include "ask/ask_state.h"
 
 namespace mdns {
 
 struct MessageHeader;
-struct Arrival;
 
-void one_shots_reset(CoreState& core);
+// Where a reply to a one-shot came from.
+struct OneShotReply {
+  mDNSInterfaceID interface_id;
+  int family;  // of its source address
+};
+
+void one_shots_reset(AskState& core);
 
 // Sends one-shots for the questions that want one, and forgets the list.
 void send_one_shots(mDNS* m);
 
 // Whether a response that arrived on a one-shot socket answers an outstanding
 // one-shot: its ID and interface, and each of its questions one the one-shot asked.
-bool one_shot_expected(mDNS* m, const MessageHeader& header, const Arrival& arrival);
-bool one_shot_asked(mDNS* m, const MessageHeader& header, const Arrival& arrival, uint32_t question_key);
+bool one_shot_expected(mDNS* m, const MessageHeader& header, const OneShotReply& arrival);
+bool one_shot_asked(mDNS* m, const MessageHeader& header, const OneShotReply& arrival, uint32_t question_key);
 
 }  // namespace mdns

@@ -3,19 +3,19 @@
 // in constant time.
 #pragma once
 
-#include "engine/core_state.h"
+#include "ask/ask_state.h"
 
 namespace mdns {
 
-inline QuestionList& list_of(CoreState& core, ListId id) {
+inline QuestionList& list_of(AskState& core, ListId id) {
   return core.lists[static_cast<int>(id)];
 }
 
-inline bool list_empty(CoreState& core, ListId id) {
+inline bool list_empty(AskState& core, ListId id) {
   return list_of(core, id).head == nullptr;
 }
 
-inline DNSQuestion* list_first(CoreState& core, ListId id) {
+inline DNSQuestion* list_first(AskState& core, ListId id) {
   return list_of(core, id).head;
 }
 
@@ -24,7 +24,7 @@ inline DNSQuestion* list_next(const DNSQuestion* q) {
 }
 
 // Appends `q` unless it is on a list already.
-inline void list_append(CoreState& core, ListId id, DNSQuestion* q) {
+inline void list_append(AskState& core, ListId id, DNSQuestion* q) {
   QuestionState& s = state_of(q);
   if (s.list != ListId::kNone) {
     return;
@@ -37,7 +37,7 @@ inline void list_append(CoreState& core, ListId id, DNSQuestion* q) {
   l.tail = q;
 }
 
-inline void list_remove(CoreState& core, DNSQuestion* q) {
+inline void list_remove(AskState& core, DNSQuestion* q) {
   QuestionState& s = state_of(q);
   if (s.list == ListId::kNone) {
     return;
@@ -49,7 +49,7 @@ inline void list_remove(CoreState& core, DNSQuestion* q) {
   s.list_prev = s.list_next = nullptr;
 }
 
-inline DNSQuestion* list_pop(CoreState& core, ListId id) {
+inline DNSQuestion* list_pop(AskState& core, ListId id) {
   DNSQuestion* q = list_first(core, id);
   if (q != nullptr) {
     list_remove(core, q);
@@ -58,7 +58,7 @@ inline DNSQuestion* list_pop(CoreState& core, ListId id) {
 }
 
 // Moves every question of `from` to the end of `to`.
-inline void list_move_all(CoreState& core, ListId from, ListId to) {
+inline void list_move_all(AskState& core, ListId from, ListId to) {
   while (DNSQuestion* q = list_pop(core, from)) {
     list_append(core, to, q);
   }

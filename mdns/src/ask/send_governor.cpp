@@ -27,7 +27,7 @@ void refill(SendBudget& b, int32_t now) {
 
 }  // namespace
 
-void governor_reset(CoreState& core) {
+void governor_reset(AskState& core) {
   for (SendBudget& b : core.budgets) {
     b.tokens = kBudgetBurst;
     b.refilled = core.now;
@@ -47,7 +47,16 @@ void governor_note_query(QuestionState& leader, int32_t now) {
   leader.queries_sent++;
 }
 
-bool governor_take_packet(CoreState& core, mDNSInterfaceID interface_id, SendPriority priority) {
+void governor_send(mDNS* m, Transport transport, mDNSInterfaceID interface_id, int family,
+                   const uint8_t* message, size_t length) {
+  AskState& core = ask_of(m);
+  if (platform_send_multicast(m, transport, interface_id, family, message, length)) {
+    core.counters.packets_sent++;
+    core.counters.bytes_sent += static_cast<uint32_t>(length);
+  }
+}
+
+bool governor_take_packet(AskState& core, mDNSInterfaceID interface_id, SendPriority priority) {
   SendBudget& b = core.budgets[interface_number(interface_id) % kSendBudgets];
   refill(b, core.now);
   const int32_t floor = priority == SendPriority::kNewQuestion ? 0 : kNewQuestionReserve;

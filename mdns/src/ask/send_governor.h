@@ -14,7 +14,8 @@
 
 #include <cstdint>
 
-#include "engine/core_state.h"
+#include "ask/ask_state.h"
+#include "platform/platform.h"
 
 namespace mdns {
 
@@ -24,15 +25,20 @@ constexpr int kMaxKnownAnswerPackets = 4;
 
 enum class SendPriority : uint8_t { kNewQuestion, kRoutine };
 
-void governor_reset(CoreState& core);
+void governor_reset(AskState& core);
 
 // When the group led by `leader` may next send a query (now or later).
 int32_t governor_next_query_allowed(const QuestionState& leader);
 bool governor_may_query(const QuestionState& leader, int32_t now);
 void governor_note_query(QuestionState& leader, int32_t now);
 
+// Sends one message to the mDNS group of the family out of the interface
+// (from port 5353, or from the one-shot port), and counts it.
+void governor_send(mDNS* m, Transport transport, mDNSInterfaceID interface_id, int family,
+                   const uint8_t* message, size_t length);
+
 // Takes one packet from the interface's budget; false when there is none for
 // this priority now.
-bool governor_take_packet(CoreState& core, mDNSInterfaceID interface_id, SendPriority priority);
+bool governor_take_packet(AskState& core, mDNSInterfaceID interface_id, SendPriority priority);
 
 }  // namespace mdns

@@ -24,7 +24,7 @@ uint32_t identity_bucket_of(uint32_t name_hash, uint32_t data_hash) {
   return (name_hash ^ (data_hash * 2654435761u)) % kCacheBuckets;
 }
 
-CacheRecord* entry_at(CoreState& core, uint32_t index_plus_one) {
+CacheRecord* entry_at(CacheStore& core, uint32_t index_plus_one) {
   return index_plus_one == 0 ? nullptr : &record_at(core, index_plus_one);
 }
 
@@ -36,12 +36,12 @@ int32_t timer_time(const CacheRecord& rr) {
   return rr.expiry;
 }
 
-void arm_timer(CoreState& core, CacheRecord* rr) {
+void arm_timer(CacheStore& core, CacheRecord* rr) {
   CacheTimers(core.cache_timer_root).insert(rr, timer_time(*rr));
 }
 
 // 80, 85, 90, 95 % of the TTL from the time of receipt, plus up to 2 % at random.
-void plan_refresh(CoreState& core, CacheRecord* rr) {
+void plan_refresh(CacheStore& core, CacheRecord* rr) {
   if (rr->resrec.rroriginalttl < kRefreshTtlFloorSeconds) {
     rr->refresh_step = kRefreshSteps;  // too short-lived to be worth a query: it just expires
   }
@@ -55,7 +55,7 @@ void plan_refresh(CoreState& core, CacheRecord* rr) {
   rr->next_refresh = time_add(rr->received, base + jitter);
 }
 
-void set_lifetime(CoreState& core, CacheRecord* rr, uint32_t ttl, int32_t now) {
+void set_lifetime(CacheStore& core, CacheRecord* rr, uint32_t ttl, int32_t now) {
   if (ttl > kMaxCachedTtlSeconds) {
     ttl = kMaxCachedTtlSeconds;
   }
@@ -70,7 +70,7 @@ void set_lifetime(CoreState& core, CacheRecord* rr, uint32_t ttl, int32_t now) {
 
 // Two doubly linked chains per entry: by owner name (what questions look up)
 // and by name and data (what re-receipts look up); both unlink in constant time.
-void link_entry(CoreState& core, CacheRecord* rr) {
+void link_entry(CacheStore& core, CacheRecord* rr) {
   const uint32_t self = index_of(core, rr);
   uint32_t& head = core.cache_buckets[bucket_of(rr->resrec.namehash)];
   rr->bucket_prev = 0;
@@ -88,7 +88,7 @@ void link_entry(CoreState& core, CacheRecord* rr) {
   ihead = self;
 }
 
-void unlink_entry(CoreState& core, CacheRecord* rr) {
+void unlink_entry(CacheStore& core, CacheRecord* rr) {
   if (rr->bucket_prev != 0) {
     entry_at(core, rr->bucket_prev)->bucket_next = rr->bucket_next;
   } else {
@@ -109,7 +109,7 @@ void unlink_entry(CoreState& core, CacheRecord* rr) {
 
 }  // namespace
 
-void cache_reset(CoreState& core) {
+void cache_reset(CacheStore& core) {
   core.cache_free = 0;
   core.cache_used = 0;
   core.packet_head = 0;
@@ -126,7 +126,7 @@ void cache_reset(CoreState& core) {
   std::memset(core.senders, 0, sizeof core.senders);
 }
 
-CacheRecord* cache_find(CoreState& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
+CacheRecord* cache_find(CacheStore& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
                         mDNSInterfaceID interface_id) {
   for (CacheRecord* rr = entry_at(core, core.identity_buckets[identity_bucket_of(name_hash, data_hash)]);
        rr != nullptr; rr = entry_at(core, rr->identity_next)) {
@@ -140,11 +140,11 @@ CacheRecord* cache_find(CoreState& core, const ParsedRecord& rec, uint32_t name_
   return nullptr;
 }
 
-bool cache_full(const CoreState& core) {
+bool cache_full(const CacheStore& core) {
   return core.cache_free == 0;
 }
 
-CacheRecord* cache_insert(CoreState& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
+CacheRecord* cache_insert(CacheStore& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
                           mDNSInterfaceID interface_id, Source source, uint8_t sender, int32_t now) {
   CacheRecord* rr = entry_at(core, core.cache_free);
   if (rr == nullptr) {
@@ -178,26 +178,26 @@ CacheRecord* cache_insert(CoreState& core, const ParsedRecord& rec, uint32_t nam
   return rr;
 }
 
-void cache_refresh(CoreState& core, CacheRecord* rr, uint32_t ttl, int32_t now) {
+void cache_refresh(CacheStore& core, CacheRecord* rr, uint32_t ttl, int32_t now) {
   rr->packet_seq = core.packet_seq;
   set_lifetime(core, rr, ttl, now);
 }
 
-void cache_expire_soon(CoreState& core, CacheRecord* rr, int32_t now) {
+void cache_expire_soon(CacheStore& core, CacheRecord* rr, int32_t now) {
   rr->expiring = 1;
   rr->expiry = time_add(now, kGoodbyeDelayMs);
   rr->next_refresh = rr->expiry;
   arm_timer(core, rr);
 }
 
-void cache_expire_now(CoreState& core, CacheRecord* rr, int32_t now) {
+void cache_expire_now(CacheStore& core, CacheRecord* rr, int32_t now) {
   rr->expiring = 1;
   rr->expiry = now;
   rr->next_refresh = now;
   arm_timer(core, rr);
 }
 
-void cache_free(CoreState& core, CacheRecord* rr) {
+void cache_free(CacheStore& core, CacheRecord* rr) {
   if (!rr->in_use) {
     return;
   }
@@ -211,7 +211,7 @@ void cache_free(CoreState& core, CacheRecord* rr) {
   core.cache_used--;
 }
 
-CacheRecord* cache_next_due(CoreState& core, int32_t now) {
+CacheRecord* cache_next_due(CacheStore& core, int32_t now) {
   CacheRecord* rr = CacheTimers(core.cache_timer_root).top();
   return rr != nullptr && time_reached(rr->timer.key, now) ? rr : nullptr;
 }
@@ -220,7 +220,7 @@ bool cache_expired(const CacheRecord& rr, int32_t now) {
   return time_reached(rr.expiry, now);
 }
 
-bool cache_pass_refresh_point(CoreState& core, CacheRecord* rr) {
+bool cache_pass_refresh_point(CacheStore& core, CacheRecord* rr) {
   if (rr->expiring || rr->refresh_step >= kRefreshSteps) {
     arm_timer(core, rr);
     return false;
@@ -231,7 +231,7 @@ bool cache_pass_refresh_point(CoreState& core, CacheRecord* rr) {
   return true;
 }
 
-bool cache_next_time(const CoreState& core, int32_t& when) {
+bool cache_next_time(const CacheStore& core, int32_t& when) {
   if (core.cache_timer_root == nullptr) {
     return false;
   }
@@ -243,15 +243,15 @@ int64_t cache_remaining_ms(const CacheRecord& rr, int32_t now) {
   return time_diff(rr.expiry, now);
 }
 
-CacheRecord* cache_first(CoreState& core, uint32_t name_hash) {
+CacheRecord* cache_first(CacheStore& core, uint32_t name_hash) {
   return entry_at(core, core.cache_buckets[bucket_of(name_hash)]);
 }
 
-CacheRecord* cache_next(CoreState& core, const CacheRecord* rr) {
+CacheRecord* cache_next(CacheStore& core, const CacheRecord* rr) {
   return entry_at(core, rr->bucket_next);
 }
 
-CacheRecord* cache_entry(CoreState& core, uint32_t index) {
+CacheRecord* cache_entry(CacheStore& core, uint32_t index) {
   if (index >= core.cache_size) {
     return nullptr;
   }
@@ -259,7 +259,7 @@ CacheRecord* cache_entry(CoreState& core, uint32_t index) {
   return rr->in_use ? rr : nullptr;
 }
 
-uint8_t sender_slot(CoreState& core, const mDNSAddr& address) {
+uint8_t sender_slot(CacheStore& core, const mDNSAddr& address) {
   const size_t size = address.type == mDNSAddrType_IPv4 ? 4 : 16;
   int free_slot = 0;
   for (int i = 1; i < kMaxSenders; ++i) {
@@ -278,7 +278,7 @@ uint8_t sender_slot(CoreState& core, const mDNSAddr& address) {
   return static_cast<uint8_t>(free_slot);
 }
 
-void sender_release_if_unused(CoreState& core, uint8_t slot) {
+void sender_release_if_unused(CacheStore& core, uint8_t slot) {
   Sender& s = core.senders[slot];
   if (slot != 0 && s.cached == 0 && s.answers == 0) {
     s = Sender{};

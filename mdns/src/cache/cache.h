@@ -6,57 +6,57 @@
 
 #include <cstdint>
 
-#include "engine/core_state.h"
+#include "cache/cache_state.h"
 
 namespace mdns {
 
 struct ParsedRecord;
 
-void cache_reset(CoreState& core);
+void cache_reset(CacheStore& core);
 
 // The entry equal to `rec` (name, type, class, data, interface), or null.
-CacheRecord* cache_find(CoreState& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
+CacheRecord* cache_find(CacheStore& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
                         mDNSInterfaceID interface_id);
 
-bool cache_full(const CoreState& core);
+bool cache_full(const CacheStore& core);
 
 // Stores a new record in a free entry (null when none is free).
-CacheRecord* cache_insert(CoreState& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
+CacheRecord* cache_insert(CacheStore& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
                           mDNSInterfaceID interface_id, Source source, uint8_t sender, int32_t now);
 
 // Received again: TTL and receive time renewed, refresh points start over.
-void cache_refresh(CoreState& core, CacheRecord* rr, uint32_t ttl, int32_t now);
+void cache_refresh(CacheStore& core, CacheRecord* rr, uint32_t ttl, int32_t now);
 
 // Leaves in one second (a goodbye, or flushed by a newer record of its set).
-void cache_expire_soon(CoreState& core, CacheRecord* rr, int32_t now);
+void cache_expire_soon(CacheStore& core, CacheRecord* rr, int32_t now);
 
 // Leaves at the next pass (unicast DNS: a new answer no longer holds it).
-void cache_expire_now(CoreState& core, CacheRecord* rr, int32_t now);
+void cache_expire_now(CacheStore& core, CacheRecord* rr, int32_t now);
 
 // Takes the entry out of the store.
-void cache_free(CoreState& core, CacheRecord* rr);
+void cache_free(CacheStore& core, CacheRecord* rr);
 
 // The entry with the earliest timer if that has come by `now`, else null.
-CacheRecord* cache_next_due(CoreState& core, int32_t now);
+CacheRecord* cache_next_due(CacheStore& core, int32_t now);
 // True when the entry's expiry (not just a refresh point) has come.
 bool cache_expired(const CacheRecord& rr, int32_t now);
 // A refresh point has passed: the timer moves to the next (the last leads to
 // expiry).  Returns false when the entry was already past its last one.
-bool cache_pass_refresh_point(CoreState& core, CacheRecord* rr);
+bool cache_pass_refresh_point(CacheStore& core, CacheRecord* rr);
 // When the next entry is due; false for an empty cache.
-bool cache_next_time(const CoreState& core, int32_t& when);
+bool cache_next_time(const CacheStore& core, int32_t& when);
 
 int64_t cache_remaining_ms(const CacheRecord& rr, int32_t now);
 
 // Iteration over the records of one name hash.
-CacheRecord* cache_first(CoreState& core, uint32_t name_hash);
-CacheRecord* cache_next(CoreState& core, const CacheRecord* rr);
+CacheRecord* cache_first(CacheStore& core, uint32_t name_hash);
+CacheRecord* cache_next(CacheStore& core, const CacheRecord* rr);
 // Iteration over every entry in use.
-CacheRecord* cache_entry(CoreState& core, uint32_t index);  // null when unused
+CacheRecord* cache_entry(CacheStore& core, uint32_t index);  // null when unused
 
 // Sender bookkeeping: the table slot of a source address (slot 0 stands for
 // everybody once the table is full).
-uint8_t sender_slot(CoreState& core, const mDNSAddr& address);
-void sender_release_if_unused(CoreState& core, uint8_t slot);
+uint8_t sender_slot(CacheStore& core, const mDNSAddr& address);
+void sender_release_if_unused(CacheStore& core, uint8_t slot);
 
 }  // namespace mdns

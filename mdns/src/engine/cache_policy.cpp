@@ -16,7 +16,7 @@ Importance compute_importance(mDNS* m, const CacheRecord& rr) {
     if (!question_answered_by(*q, rr.resrec)) {
       continue;
     }
-    if (s.phase == Phase::kWaitingForCache) {
+    if (!s.delivered) {
       return kPinned;
     }
     if (s.listening) {

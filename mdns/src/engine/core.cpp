@@ -1,18 +1,19 @@
 // The core's public entry points and its event pass.
 #include <cstring>
 
+#include "ask/asker.h"
+#include "ask/dns_asker.h"
 #include "ask/one_shot.h"
-#include "ask/query_schedule.h"
 #include "ask/question_lists.h"
 #include "ask/send_governor.h"
-#include "ask/unicast_dns.h"
-#include "cache/browse_answers.h"
 #include "cache/cache.h"
+#include "engine/browse_answers.h"
 #include "engine/engine.h"
 #include "engine/events.h"
 #include "engine/questions.h"
 #include "engine/resolve.h"
 #include "platform/clock.h"
+#include "platform/interfaces_posix.h"
 #include "platform/platform.h"
 #include "wire/names.h"
 
@@ -108,9 +109,7 @@ void engine_run_scheduled(mDNS* m) {
     age_browse_answers(m);
   }
   if (core.initialized) {
-    unicast_run(m);
-    send_due_queries(m, core.now);
-    send_one_shots(m);
+    askers_run(m);
   }
   core.in_pass = false;
 }
@@ -120,12 +119,12 @@ int32_t engine_time_to_next_event(mDNS* m, int32_t now) {
   if (!core.initialized) {
     return kMaxQueryIntervalMs;
   }
-  if (any_waiting(m) || !list_empty(core, ListId::kOneShot)) {
+  if (any_waiting(m)) {
     return 0;
   }
   int32_t next = time_add(now, kMaxQueryIntervalMs);
   int32_t when = 0;
-  if (next_query_time(m, when)) {
+  if (askers_next_time(m, when)) {
     next = time_min(next, when);
   }
   if (cache_next_time(core, when)) {
@@ -137,11 +136,28 @@ int32_t engine_time_to_next_event(mDNS* m, int32_t now) {
   if (resolves_next_recheck(m, when)) {
     next = time_min(next, when);
   }
-  if (unicast_next_time(m, when)) {
-    next = time_min(next, when);
-  }
   const int32_t wait = time_diff(next, now);
   return wait < 0 ? 0 : wait;
+}
+
+mStatus engine_refresh_interfaces(mDNS* m) {
+  InterfaceChanges changes;
+  const mStatus status = platform_refresh_interfaces(m, changes);
+  for (size_t i = 0; i < changes.removed_count; ++i) {
+    engine_interface_removed(m, changes.removed[i]);
+  }
+  for (size_t i = 0; i < changes.added_count; ++i) {
+    engine_interface_added(m, changes.added[i]);
+  }
+  return status;
+}
+
+PassState& pass_of(mDNS* m) {
+  return core_of(m);
+}
+
+AskState& ask_of(mDNS* m) {
+  return core_of(m);
 }
 
 void engine_interface_removed(mDNS* m, mDNSInterfaceID interface_id) {
@@ -160,7 +176,7 @@ void engine_interface_added(mDNS* m, mDNSInterfaceID interface_id) {
       const QuestionState& s = state_of(q);
       if (s.leader == nullptr && !s.unicast &&
           (q->InterfaceID == mDNSInterface_Any || q->InterfaceID == interface_id)) {
-        schedule_ask_again(m, q, core.now);
+        asker_ask_again(m, q);
       }
     }
   }
@@ -176,15 +192,6 @@ void engine_set_fake_clock(mDNS* m, int32_t now) {
   core.fake_clock_set = now != 0;
   core.fake_clock = now;
   core.now = engine_now(m);
-}
-
-void engine_send_multicast(mDNS* m, Transport transport, mDNSInterfaceID interface_id, int family,
-                           const uint8_t* message, size_t length) {
-  CoreState& core = core_of(m);
-  if (platform_send_multicast(m, transport, interface_id, family, message, length)) {
-    core.counters.packets_sent++;
-    core.counters.bytes_sent += static_cast<uint32_t>(length);
-  }
 }
 
 const Counters& engine_counters(const mDNS* m) {
@@ -227,7 +234,7 @@ mStatus mDNS_Init(mDNS* const m, mDNS_PlatformSupport* const p, CacheEntity* rrc
   if (status != mStatus_NoError) {
     return status;
   }
-  unicast_reset(m);
+  dns_asker_reset(m);
   core.random_state = platform_random_seed() | 1u;
   core.initialized = true;
   if (Callback != nullptr) {
@@ -251,7 +258,7 @@ void mDNS_FinalExit(mDNS* const m) {
   CoreState& core = core_of(m);
   stop_all_questions(m);
   resolves_forget_rechecks(m);
-  unicast_close_all(m);
+  dns_asker_close_all(m);
   platform_close(m);
   cache_reset(core);
   m->HostInterfaces = nullptr;

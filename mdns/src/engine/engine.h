@@ -37,6 +37,8 @@ void engine_begin_pass(mDNS* m);
 // Milliseconds from `now` until the engine next has work (0 = at once).
 int32_t engine_time_to_next_event(mDNS* m, int32_t now);
 
+// Re-reads the interfaces, then acts on what went and came (below).
+mStatus engine_refresh_interfaces(mDNS* m);
 // An interface vanished: its cached records leave with remove events.
 void engine_interface_removed(mDNS* m, mDNSInterfaceID interface_id);
 // An interface came (or came back): the questions for it ask from the start.
@@ -48,10 +50,6 @@ int32_t engine_now(const mDNS* m);
 int32_t engine_clock(mDNS* m);
 // Tests and benchmarks: a fixed clock instead of the monotonic one (0 = real clock).
 void engine_set_fake_clock(mDNS* m, int32_t now);
-
-// Sends a query to the mDNS group and counts it.
-void engine_send_multicast(mDNS* m, Transport transport, mDNSInterfaceID interface_id, int family,
-                           const uint8_t* message, size_t length);
 
 // The core's counters, for tests and benchmarks.
 const Counters& engine_counters(const mDNS* m);

@@ -1,8 +1,8 @@
 #include "engine/events.h"
 
-#include "ask/query_schedule.h"
-#include "cache/browse_answers.h"
+#include "ask/asker.h"
 #include "cache/cache.h"
+#include "engine/browse_answers.h"
 #include "engine/questions.h"
 #include "platform/clock.h"
 #include "wire/identity.h"
@@ -111,7 +111,7 @@ void report_added(mDNS* m, DNSQuestion* q, CacheRecord* rr) {
   }
   s.current_answers++;
   if (s.leader == nullptr && is_unique_type(q->qtype)) {
-    schedule_rest(m, q);
+    asker_answered(m, q);
   }
   call_back(m, q, rr->resrec, QC_add);
 }
@@ -140,7 +140,7 @@ void report_gone(mDNS* m, DNSQuestion* q, CacheRecord* rr) {
   }
   DNSQuestion* leader = leader_of(q);
   if (q == leader && is_unique_type(q->qtype) && s.current_answers == 0) {
-    schedule_ask_again(m, leader, core.now);
+    asker_ask_again(m, leader);
   }
 }
 
@@ -151,7 +151,7 @@ void uncount_evicted(mDNS* m, CacheRecord* rr) {
   QuestionWalk walk(m, rr->resrec.namehash);
   while (DNSQuestion* q = walk.next()) {
     QuestionState& s = state_of(q);
-    if (s.kind != QuestionKind::kBrowse && s.phase != Phase::kWaitingForCache && s.current_answers > 0 &&
+    if (s.kind != QuestionKind::kBrowse && s.delivered && s.current_answers > 0 &&
         question_answered_by(*q, rr->resrec)) {
       s.current_answers--;
     }
@@ -164,7 +164,7 @@ void record_added(mDNS* m, CacheRecord* rr) {
   QuestionWalk walk(m, rr->resrec.namehash);
   while (DNSQuestion* q = walk.next()) {
     // One still waiting for its first delivery will find the record then.
-    if (state_of(q).phase == Phase::kWaitingForCache || !question_answered_by(*q, rr->resrec)) {
+    if (!state_of(q).delivered || !question_answered_by(*q, rr->resrec)) {
       continue;
     }
     report_added(m, q, rr);
@@ -181,8 +181,7 @@ void record_renewed(mDNS* m, CacheRecord* rr) {
   QuestionWalk walk(m, rr->resrec.namehash);
   while (DNSQuestion* q = walk.next()) {
     const QuestionState& s = state_of(q);
-    if (s.kind != QuestionKind::kBrowse || s.phase == Phase::kWaitingForCache ||
-        !question_answered_by(*q, rr->resrec)) {
+    if (s.kind != QuestionKind::kBrowse || !s.delivered || !question_answered_by(*q, rr->resrec)) {
       continue;
     }
     report_to_browse(m, q, rr);
@@ -207,7 +206,7 @@ void record_departs(mDNS* m, CacheRecord* rr, Departure why) {
   if (!rr->add_pending) {
     QuestionWalk walk(m, rr->resrec.namehash);
     while (DNSQuestion* q = walk.next()) {
-      if (state_of(q).phase == Phase::kWaitingForCache || !question_answered_by(*q, rr->resrec)) {
+      if (!state_of(q).delivered || !question_answered_by(*q, rr->resrec)) {
         continue;
       }
       report_gone(m, q, rr);
@@ -241,7 +240,7 @@ void goodbye_for_uncached(mDNS* m, const ResourceRecord& goodbye) {
 void deliver_cached_answers(mDNS* m, DNSQuestion* q) {
   CoreState& core = core_of(m);
   QuestionState& s = state_of(q);
-  s.phase = state_of(q).leader != nullptr ? Phase::kFollowing : Phase::kFirstQueryDue;
+  s.delivered = true;
   core.question_generation++;
   bool answered = false;
   for (CacheRecord* rr = cache_first(core, s.name_hash); rr != nullptr;) {
@@ -260,17 +259,16 @@ void deliver_cached_answers(mDNS* m, DNSQuestion* q) {
     rr = next;
   }
   if (s.leader == nullptr) {
-    schedule_after_first_delivery(m, q, answered);
+    asker_first_delivery(m, q, answered);
   }
 }
 
 void request_refresh(mDNS* m, const CacheRecord& rr) {
-  CoreState& core = core_of(m);
   QuestionWalk walk(m, rr.resrec.namehash);
   while (DNSQuestion* q = walk.next()) {
     const QuestionState& s = state_of(q);
-    if (s.phase != Phase::kWaitingForCache && !s.listening && question_answered_by(*q, rr.resrec)) {
-      schedule_refresh(m, leader_of(q), core.now);
+    if (s.delivered && !s.listening && question_answered_by(*q, rr.resrec)) {
+      asker_refresh(m, leader_of(q));
     }
   }
 }
@@ -285,7 +283,7 @@ void browse_answer_due(mDNS* m, int index) {
   // Its refresh point: the browse asks, whether or not the cache still holds the record.
   a.refresh_at = a.expiry;
   if (!state_of(a.browse).listening) {
-    schedule_refresh(m, leader_of(a.browse), core.now);
+    asker_refresh(m, leader_of(a.browse));
   }
 }
 

@@ -4,7 +4,7 @@
 
 #include <initializer_list>
 
-#include "ask/unicast_dns.h"
+#include "ask/dns_asker.h"
 #include "engine/engine.h"
 #include "platform/interfaces_posix.h"
 #include "platform/platform.h"
@@ -92,7 +92,7 @@ MDNS_API void mDNSPosixGetFDSet(mDNS* m, int* nfds, fd_set* readfds, struct time
     for (int fd : {p.sock_v4, p.sock_v6, p.one_shot_v4, p.one_shot_v6, p.netlink}) {
       add_socket(fd, nfds, readfds);
     }
-    unicast_add_sockets(m, nfds, readfds);
+    dns_asker_add_sockets(m, nfds, readfds);
   }
   shorten_timeout(timeout, engine_time_to_next_event(m, engine_now(m)));
 }
@@ -105,7 +105,7 @@ MDNS_API void mDNSPosixProcessFDSet(mDNS* const m, fd_set* readfds) {
   PlatformState& p = platform_of(m);
   // Interfaces first, so that what arrives is judged against the links as they are now.
   if (socket_ready(p.netlink, readfds) && drain_netlink(p.netlink)) {
-    (void)platform_refresh_interfaces(m);
+    (void)engine_refresh_interfaces(m);
   }
   const struct {
     int fd;
@@ -120,7 +120,7 @@ MDNS_API void mDNSPosixProcessFDSet(mDNS* const m, fd_set* readfds) {
     }
   }
   if (usable(m)) {
-    unicast_read_sockets(m, readfds);
+    dns_asker_read_sockets(m, readfds);
   }
   if (usable(m)) {
     engine_run_scheduled(m);
@@ -132,8 +132,8 @@ MDNS_API mStatus mDNSPlatformPosixRefreshInterfaceList(mDNS* const m) {
     return mStatus_NotInitializedErr;
   }
   (void)engine_clock(m);
-  unicast_reset(m);
-  return platform_refresh_interfaces(m);
+  dns_asker_reset(m);
+  return engine_refresh_interfaces(m);
 }
 
 }  // extern "C"

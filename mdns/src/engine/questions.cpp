@@ -2,9 +2,9 @@
 
 #include <cstring>
 
-#include "ask/query_schedule.h"
+#include "ask/asker.h"
 #include "ask/question_lists.h"
-#include "cache/browse_answers.h"
+#include "engine/browse_answers.h"
 #include "wire/identity.h"
 #include "wire/names.h"
 
@@ -88,11 +88,7 @@ void hand_over_group(mDNS* m, DNSQuestion* leader) {
       state_of(it).leader = heir;
     }
   }
-  if (heir != nullptr) {
-    schedule_hand_over(m, leader, heir);
-  } else {
-    schedule_drop(m, leader);
-  }
+  asker_leader_leaves(m, leader, heir);
 }
 
 void change_asking(mDNS* m, DNSQuestion* q, int delta) {
@@ -101,21 +97,12 @@ void change_asking(mDNS* m, DNSQuestion* q, int delta) {
   const bool asked = ls.asking > 0;
   ls.asking = static_cast<uint16_t>(ls.asking + delta);
   if (asked != (ls.asking > 0)) {
-    schedule_asking_changed(m, leader);
+    asker_asking_changed(m, leader);
   }
   core_of(m).question_generation++;
 }
 
 }  // namespace
-
-bool is_unique_type(uint16_t rrtype) {
-  return rrtype == kDNSType_SRV || rrtype == kDNSType_TXT || rrtype == kDNSType_A || rrtype == kDNSType_AAAA;
-}
-
-uint32_t question_key(const domainname& name, uint16_t qtype, uint16_t qclass) {
-  return name_hash(name) ^ (static_cast<uint32_t>(qtype) * 2654435761u) ^
-         (static_cast<uint32_t>(qclass) << 7);
-}
 
 bool question_active(const mDNS* m, const DNSQuestion* q) {
   if (m == nullptr || q == nullptr) {
@@ -132,34 +119,6 @@ bool question_active(const mDNS* m, const DNSQuestion* q) {
     return state_of(s.bucket_prev).bucket_next == q;
   }
   return core.question_buckets[s.name_hash % kQuestionBuckets] == q;
-}
-
-bool question_answered_by(const DNSQuestion& q, const ResourceRecord& rr) {
-  if (q.qtype != rr.rrtype && q.qtype != kDNSType_ANY) {
-    return false;
-  }
-  if (q.qclass != rr.rrclass && q.qclass != kDNSType_ANY) {
-    return false;
-  }
-  if (q.InterfaceID != mDNSInterface_Any && q.InterfaceID != rr.InterfaceID) {
-    return false;
-  }
-  // Records of unicast DNS carry no interface, those of the link always one:
-  // a question is answered only over the transport it asks on.
-  const QuestionState& s = state_of(&q);
-  if (s.unicast != (rr.InterfaceID == mDNSInterface_Any)) {
-    return false;
-  }
-  return s.name_hash == rr.namehash && names_equal(q.qname, *rr.name);
-}
-
-DNSQuestion* leader_of(DNSQuestion* q) {
-  DNSQuestion* leader = state_of(q).leader;
-  return leader != nullptr ? leader : q;
-}
-
-bool group_asks(const DNSQuestion* leader) {
-  return state_of(leader).asking > 0;
 }
 
 mStatus question_start(mDNS* m, DNSQuestion* q, QuestionKind kind, int32_t now) {
@@ -180,9 +139,7 @@ mStatus question_start(mDNS* m, DNSQuestion* q, QuestionKind kind, int32_t now) 
   s.kind = kind;
   s.name_hash = name_hash(q->qname);
   s.start_time = now;
-  s.last_query_time = now;
   s.unicast = !name_is_link_local(q->qname);
-  s.phase = Phase::kWaitingForCache;
   s.leader = find_leader(core, *q);
   link_into_bucket(core, q);
   list_append(core, ListId::kWaiting, q);

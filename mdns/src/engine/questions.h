@@ -1,10 +1,11 @@
 // The active questions: their index by name hash, their groups of identical
-// questions, their phases, and walks over them that stay safe while callbacks
-// start and stop questions.
+// questions (each led by one that its asker asks for), and walks over them
+// that stay safe while callbacks start and stop questions.
 #pragma once
 
 #include <cstdint>
 
+#include "ask/groups.h"
 #include "engine/core_state.h"
 
 namespace mdns {
@@ -12,27 +13,13 @@ namespace mdns {
 // Membership is decided by the core's own links, never by the caller's bytes.
 bool question_active(const mDNS* m, const DNSQuestion* q);
 
-bool question_answered_by(const DNSQuestion& q, const ResourceRecord& rr);
-
-// SRV, TXT, A and AAAA: one owner answers them, so a cached answer makes a
-// query unnecessary until its refresh is due.
-bool is_unique_type(uint16_t rrtype);
-
-// Name, type and class, as a one-shot's answer must repeat them.
-uint32_t question_key(const domainname& name, uint16_t qtype, uint16_t qclass);
-
 // Adds the question; its cached answers are delivered at the next pass.
 mStatus question_start(mDNS* m, DNSQuestion* q, QuestionKind kind, int32_t now);
 void question_stop(mDNS* m, DNSQuestion* q);
 
-// The question that asks on the wire for `q`: itself or its group's leader.
-DNSQuestion* leader_of(DNSQuestion* q);
-
 // A question that stops asking still hears answers; its group goes quiet once
 // nobody in it asks.  (Unicast DNS questions keep polling regardless.)
 void question_set_listening(mDNS* m, DNSQuestion* q, bool listening);
-// Whether any question of the group still asks.
-bool group_asks(const DNSQuestion* leader);
 
 // ---- Walks ----
 

@@ -1,5 +1,6 @@
 // The receive path: acceptance checks, cache update, then answer events.
 #include "engine/receive.h"
+#include "ask/dns_asker.h"
 #include "ask/one_shot.h"
 #include "cache/cache.h"
 #include "engine/cache_policy.h"
@@ -124,6 +125,61 @@ bool make_room(mDNS* m) {
   return true;
 }
 
+// A response from port 5353 and from the link (RFC 6762 sections 6 and 11);
+// on the one-shot socket, also an answer to an outstanding one-shot that
+// repeats its questions.  Leaves the parser at the records.
+bool accepted(mDNS* m, MessageParser& parser, const Arrival& arrival) {
+  MessageHeader header;
+  if (port_of(arrival.source_port) != kMdnsPort || !parser.read_header(header) ||
+      !acceptable_header(header) ||
+      !platform_source_on_link(m, arrival.interface_id, arrival.source, arrival.ttl)) {
+    return false;
+  }
+  const bool one_shot = arrival.transport == Transport::kOneShot;
+  const OneShotReply reply{arrival.interface_id, arrival.source.type};
+  if (one_shot && !one_shot_expected(m, header, reply)) {
+    return false;
+  }
+  // Any other question than the one-shot's is not ours.
+  ParsedQuestion question;
+  for (uint32_t i = 0; i < header.qdcount; ++i) {
+    if (parser.next_question(question) != MessageParser::Result::kOk ||
+        (one_shot &&
+         !one_shot_asked(m, header, reply, question_key(question.name, question.qtype, question.qclass)))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Every record of the packet is cached before any event goes out, so that a
+// callback starting a resolve already finds the additional records.
+void store_link_records(mDNS* m, MessageParser& parser, const Arrival& arrival) {
+  CoreState& core = core_of(m);
+  core.packet_seq++;
+  RecordOrigin origin;
+  origin.interface_id = arrival.interface_id;
+  origin.source = arrival.transport == Transport::kOneShot ? Source::kOneShot : Source::kMulticast;
+  origin.sender = sender_slot(core, arrival.source);
+  static_assert(sizeof(ParsedRecord) < 2048, "parsed record lives on the stack");
+  ParsedRecord rec;
+  for (;;) {
+    const MessageParser::Result result = parser.next_record(rec);
+    if (result == MessageParser::Result::kSkipped) {
+      continue;
+    }
+    if (result != MessageParser::Result::kOk) {
+      break;  // end, or malformed: the rest cannot be trusted
+    }
+    // The link speaks only for its own names (RFC 6762 sections 3 and 22):
+    // anything else a host multicasts could stand in for unicast DNS answers.
+    if (name_is_link_local(rec.name)) {
+      store_record(m, rec, origin);
+    }
+  }
+  sender_release_if_unused(core, origin.sender);
+}
+
 }  // namespace
 
 void store_record(mDNS* m, const ParsedRecord& rec, const RecordOrigin& origin) {
@@ -171,53 +227,51 @@ void engine_receive(mDNS* m, const uint8_t* message, size_t length, const Arriva
   }
   core.counters.packets_received++;
   MessageParser parser(message, length);
-  MessageHeader header;
-  const bool one_shot = arrival.transport == Transport::kOneShot;
-  if (port_of(arrival.source_port) != kMdnsPort || !parser.read_header(header) ||
-      !acceptable_header(header) ||
-      !platform_source_on_link(m, arrival.interface_id, arrival.source, arrival.ttl) ||
-      (one_shot && !one_shot_expected(m, header, arrival))) {
+  if (!accepted(m, parser, arrival)) {
     core.counters.packets_dropped++;
     return;
   }
-  // An answer to a one-shot repeats its questions; any other question is not ours.
-  ParsedQuestion question;
-  for (uint32_t i = 0; i < header.qdcount; ++i) {
-    if (parser.next_question(question) != MessageParser::Result::kOk ||
-        (one_shot &&
-         !one_shot_asked(m, header, arrival, question_key(question.name, question.qtype, question.qclass)))) {
-      core.counters.packets_dropped++;
-      return;
+  core.counters.packets_accepted++;
+  store_link_records(m, parser, arrival);
+  finish_packet(m);
+  engine_deliver_waiting(m);
+}
+
+namespace {
+
+// Records of the question's set that this answer no longer holds have gone:
+// they leave, with their events, in this pass.
+void expire_missing(mDNS* m, const DNSQuestion& q) {
+  CoreState& core = core_of(m);
+  const uint32_t hash = name_hash(q.qname);
+  for (CacheRecord* rr = cache_first(core, hash); rr != nullptr; rr = cache_next(core, rr)) {
+    if (rr->source == Source::kUnicastDns && rr->packet_seq != core.packet_seq && !rr->expiring &&
+        rr->resrec.rrtype == q.qtype && names_equal(*rr->resrec.name, q.qname)) {
+      cache_expire_now(core, rr, core.now);
     }
   }
-  core.counters.packets_accepted++;
-  core.packet_seq++;
+}
 
-  RecordOrigin origin;
-  origin.interface_id = arrival.interface_id;
-  origin.source = one_shot ? Source::kOneShot : Source::kMulticast;
-  origin.sender = sender_slot(core, arrival.source);
-  // Every record of the packet is cached before any event goes out, so that a
-  // callback starting a resolve already finds the additional records.
-  static_assert(sizeof(ParsedRecord) < 2048, "parsed record lives on the stack");
+}  // namespace
+
+void engine_take_dns_answer(mDNS* m, DNSQuestion* leader, const MessageParser& answer,
+                            const NameServer& server) {
+  CoreState& core = core_of(m);
+  core.packet_seq++;
+  RecordOrigin origin{mDNSInterface_Any, Source::kUnicastDns, sender_slot(core, server.address)};
+  MessageParser parser = answer;
   ParsedRecord rec;
-  for (;;) {
-    const MessageParser::Result result = parser.next_record(rec);
-    if (result == MessageParser::Result::kSkipped) {
-      continue;
+  for (MessageParser::Result r; (r = parser.next_record(rec)) != MessageParser::Result::kEnd;) {
+    if (r == MessageParser::Result::kMalformed) {
+      break;
     }
-    if (result != MessageParser::Result::kOk) {
-      break;  // end, or malformed: the rest cannot be trusted
-    }
-    // The link speaks only for its own names (RFC 6762 sections 3 and 22):
-    // anything else a host multicasts could stand in for unicast DNS answers.
-    if (name_is_link_local(rec.name)) {
+    if (r == MessageParser::Result::kOk && rec.ttl > 0 && dns_answer_in_bailiwick(rec, *leader)) {
       store_record(m, rec, origin);
     }
   }
   sender_release_if_unused(core, origin.sender);
+  expire_missing(m, *leader);
   finish_packet(m);
-  engine_deliver_waiting(m);
 }
 
 }  // namespace mdns

@@ -8,8 +8,6 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "platform/platform.h"
-
 namespace mdns {
 
 namespace {

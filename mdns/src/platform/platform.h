@@ -12,8 +12,16 @@
 
 namespace mdns {
 
-struct CoreState;
-struct NameServer;
+struct InterfaceChanges;
+
+constexpr int kMaxNameServers = 3;
+
+// A name server of the resolver configuration.
+struct NameServer {
+  mDNSAddr address;
+  uint16_t port;   // host order
+  uint32_t scope;  // the interface index of a link-local IPv6 server, else 0
+};
 
 // How a message leaves or arrives.
 enum class Transport : uint8_t {
@@ -30,9 +38,9 @@ enum class Transport : uint8_t {
 mStatus platform_init(mDNS* m);
 void platform_close(mDNS* m);
 
-// Re-reads the interfaces: joins new ones, leaves vanished ones and tells the
-// engine about each vanished one (engine_interface_removed).
-mStatus platform_refresh_interfaces(mDNS* m);
+// Re-reads the interfaces: joins new ones and leaves vanished ones; `changes`
+// lists them (and the re-created ones, in both lists).
+mStatus platform_refresh_interfaces(mDNS* m, InterfaceChanges& changes);
 
 // ---- Interfaces ----
 

@@ -7,8 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "engine/core_state.h"
 #include "platform/interfaces_posix.h"
+#include "platform/pass_state.h"
 #include "platform/platform.h"
 
 namespace mdns {

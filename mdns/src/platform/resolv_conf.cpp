@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "engine/core_state.h"
 #include "platform/interfaces_posix.h"
+#include "platform/platform.h"
 #include "wire/constants.h"
 
 namespace mdns {

@@ -8,6 +8,7 @@
 
 #include "platform/interfaces_posix.h"
 #include "platform/platform_state.h"
+#include "wire/constants.h"
 
 namespace mdns {
 
@@ -15,8 +16,9 @@ namespace {
 
 // Numbers no real descriptor set holds.
 constexpr int kTestSocketBase = 1 << 20;
-// Twice the queries that can be outstanding: a number is not reused at once.
-constexpr int kTestSockets = 2 * kMaxUnicastQueries;
+// Twice the unicast queries the core keeps out at once (16): a number is not
+// reused at once.
+constexpr int kTestSockets = 32;
 
 struct TestSocket {
   bool open;

@@ -21,6 +21,12 @@ uint32_t name_hash(const domainname& name);
 bool rdata_equal(uint16_t rrtype, const RData& a, const RData& b);
 uint32_t rdata_hash(uint16_t rrtype, const RData& rdata);
 
+// True when `name` is `ancestor` or a name under it.
+bool name_is_under(const domainname& name, const domainname& ancestor);
+
+// Whether `name` is exactly one label (returned in `label`) followed by `parent`.
+bool split_first_label(const domainname& name, const domainname& parent, domainlabel& label);
+
 // Same owner, type, class and data: one record.
 bool same_record(const ResourceRecord& a, const ResourceRecord& b);
 

@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "wire/constants.h"
-#include "wire/identity.h"
 
 namespace mdns {
 
@@ -92,28 +91,6 @@ bool label_equals(const uint8_t* label, const char* text) {
       return false;
     }
   }
-  return true;
-}
-
-bool name_is_under(const domainname& name, const domainname& ancestor) {
-  const size_t n = label_count(name);
-  const size_t a = label_count(ancestor);
-  if (name_length(name) == 0 || name_length(ancestor) == 0 || n < a) {
-    return false;
-  }
-  const uint8_t* rest = skip_labels(name, n - a);
-  const size_t tail = name_length(name) - static_cast<size_t>(rest - name.c);
-  return tail == name_length(ancestor) && wire_equal(rest, ancestor.c, tail);
-}
-
-bool split_first_label(const domainname& name, const domainname& parent, domainlabel& label) {
-  const size_t first = name.c[0];
-  const size_t rest = name_length(parent);
-  if (first == 0 || first > MAX_DOMAIN_LABEL || rest == 0 || 1 + first + rest > kMaxNameLength ||
-      !wire_equal(name.c + 1 + first, parent.c, rest)) {
-    return false;
-  }
-  std::memcpy(label.c, name.c, 1 + first);
   return true;
 }
 

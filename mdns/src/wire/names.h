@@ -1,5 +1,5 @@
-// Wire-form DNS names: lengths, building and taking apart.  (Equality and
-// hashing are in identity.h.)
+// Wire-form DNS names: lengths, building and taking apart.  (Equality,
+// hashing and ancestry are in identity.h.)
 #pragma once
 
 #include <cstddef>
@@ -32,12 +32,6 @@ const uint8_t* skip_labels(const domainname& name, size_t count);
 // Case-insensitive (ASCII) comparison of one wire label (length byte first)
 // with a text.
 bool label_equals(const uint8_t* label, const char* text);
-
-// True when `name` is `ancestor` or a name under it.
-bool name_is_under(const domainname& name, const domainname& ancestor);
-
-// Whether `name` is exactly one label (returned in `label`) followed by `parent`.
-bool split_first_label(const domainname& name, const domainname& parent, domainlabel& label);
 
 // Whether the name belongs to the link (under local. or a link-local reverse
 // zone: 254.169.in-addr.arpa., 8-b.e.f.ip6.arpa.) rather than to unicast DNS.

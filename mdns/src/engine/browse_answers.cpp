@@ -1,7 +1,8 @@
-#include "cache/browse_answers.h"
+#include "engine/browse_answers.h"
 
 #include <cstring>
 
+#include "ask/query_packets.h"
 #include "cache/cache.h"
 #include "platform/clock.h"
 #include "wire/identity.h"
@@ -210,6 +211,25 @@ void browse_answers_recompute_next(CoreState& core) {
       note_time(core, a.refresh_at);
     }
   }
+}
+
+bool remembered_answer_next(mDNS* m, const DNSQuestion* browse, int& cursor, RememberedAnswer& out) {
+  CoreState& core = core_of(m);
+  // The cursor is the next answer's index + 1, so that 0 means "from the first".
+  for (int i = cursor == 0 ? browse_answers_first(core, browse) : cursor - 1; i >= 0;
+       i = browse_answers_next(core, i)) {
+    const BrowseAnswer& a = core.answers[i];
+    if (!browse_answer_name(core, i, out.name)) {
+      continue;
+    }
+    out.remaining_ms = time_diff(a.expiry, core.now);
+    out.ttl = a.ttl;
+    out.interface_id = interface_from_number(a.interface_slot);
+    const int next = browse_answers_next(core, i);
+    cursor = next >= 0 ? next + 1 : -1;
+    return true;
+  }
+  return false;
 }
 
 }  // namespace mdns

@@ -4,7 +4,6 @@
 
 #include <cstring>
 
-#include "engine/engine.h"
 #include "platform/interfaces_posix.h"
 #include "platform/platform_state.h"
 
@@ -30,24 +29,15 @@ class OpsMembership : public Membership {
   mDNS* m_;
 };
 
-// Reads the interfaces and brings the live table in line.  The engine hears of
-// each vanished interface after the table no longer lists it.
-mStatus update_interfaces(mDNS* m, bool tell_engine) {
+// Reads the interfaces and brings the live table in line; `changes` says what
+// went and came, for the engine to act on once the table is up to date.
+mStatus update_interfaces(mDNS* m, InterfaceChanges& changes) {
   InterfaceSnapshot snapshot;
   if (!ops_of(m).read_interfaces(m, snapshot)) {
     return mStatus_UnknownErr;
   }
-  InterfaceChanges changes;
   OpsMembership membership(m);
   reconcile_interfaces(platform_of(m).interfaces, snapshot, membership, &m->HostInterfaces, changes);
-  if (tell_engine) {
-    for (size_t i = 0; i < changes.removed_count; ++i) {
-      engine_interface_removed(m, changes.removed[i]);
-    }
-    for (size_t i = 0; i < changes.added_count; ++i) {
-      engine_interface_added(m, changes.added[i]);
-    }
-  }
   return mStatus_NoError;
 }
 
@@ -58,7 +48,7 @@ const InterfaceRecord* record_of(const mDNS* m, mDNSInterfaceID interface_id) {
 }  // namespace
 
 PlatformState& platform_of(mDNS* m) {
-  return platform_of(core_of(m).platform);
+  return platform_of(pass_of(m).platform);
 }
 
 PlatformState& platform_of(mDNS_PlatformSupport* p) {
@@ -77,7 +67,8 @@ mStatus platform_init(mDNS* m) {
     ops.close(m);
     return mStatus_UnknownErr;
   }
-  const mStatus status = update_interfaces(m, false);
+  InterfaceChanges changes;  // nothing to tell: no question runs yet
+  const mStatus status = update_interfaces(m, changes);
   if (status != mStatus_NoError) {
     ops.close(m);
     return status;
@@ -94,11 +85,11 @@ void platform_close(mDNS* m) {
   p.open = false;
 }
 
-mStatus platform_refresh_interfaces(mDNS* m) {
+mStatus platform_refresh_interfaces(mDNS* m, InterfaceChanges& changes) {
   if (!platform_of(m).open) {
     return mStatus_NotInitializedErr;
   }
-  return update_interfaces(m, true);
+  return update_interfaces(m, changes);
 }
 
 const NetworkInterfaceInfo* platform_interface(const mDNS* m, mDNSInterfaceID interface_id) {

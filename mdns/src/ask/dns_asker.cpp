@@ -1,12 +1,11 @@
-#include "ask/unicast_dns.h"
+#include "ask/dns_asker.h"
 
 #include <cstring>
 
+#include "ask/groups.h"
 #include "ask/question_lists.h"
 #include "ask/send_governor.h"
 #include "cache/cache.h"
-#include "engine/questions.h"
-#include "engine/receive.h"
 #include "platform/clock.h"
 #include "platform/platform.h"
 #include "wire/identity.h"
@@ -29,16 +28,12 @@ constexpr int32_t kEmptyAnswerPollMs = 60 * 1000;
 // While a TCP connect is under way (the caller's loop only watches reads).
 constexpr int32_t kConnectCheckMs = 5;
 
-struct ScheduleAccess {
-  static HeapLinks<DNSQuestion>& links(DNSQuestion* q) { return state_of(q).schedule; }
-};
-
-UnicastQuery* slot_of(CoreState& core, const DNSQuestion* leader) {
-  const uint16_t slot = state_of(leader).unicast_slot;
+UnicastQuery* slot_of(AskState& core, const DNSQuestion* leader) {
+  const uint16_t slot = state_of(leader).dns.slot;
   return slot == 0 ? nullptr : &core.unicast[slot - 1];
 }
 
-UnicastQuery* free_slot(CoreState& core) {
+UnicastQuery* free_slot(AskState& core) {
   for (UnicastQuery& u : core.unicast) {
     if (u.stage == UnicastStage::kFree) {
       return &u;
@@ -47,7 +42,7 @@ UnicastQuery* free_slot(CoreState& core) {
   return nullptr;
 }
 
-bool tcp_busy(const CoreState& core) {
+bool tcp_busy(const AskState& core) {
   for (const UnicastQuery& u : core.unicast) {
     if (u.stage == UnicastStage::kTcpConnecting || u.stage == UnicastStage::kTcpWriting ||
         u.stage == UnicastStage::kTcpReading) {
@@ -66,14 +61,13 @@ void close_socket(mDNS* m, UnicastQuery& u) {
 
 // The group asks again at `when` (a poll, or a retry after failure).
 void plan_ask(mDNS* m, DNSQuestion* leader, int32_t when) {
-  PairingHeap<DNSQuestion, ScheduleAccess>(core_of(m).schedule_root).insert(leader, when);
-  state_of(leader).next_query_time = when;
+  QuestionSchedule(ask_of(m).dns_schedule_root).insert(leader, when);
 }
 
 void release(mDNS* m, UnicastQuery& u) {
   close_socket(m, u);
   if (u.question != nullptr) {
-    state_of(u.question).unicast_slot = 0;
+    state_of(u.question).dns.slot = 0;
   }
   u = UnicastQuery{};
   u.fd = -1;
@@ -84,8 +78,8 @@ void give_up(mDNS* m, UnicastQuery& u) {
   DNSQuestion* leader = u.question;
   release(m, u);
   if (leader != nullptr) {
-    state_of(leader).phase = Phase::kPolling;
-    plan_ask(m, leader, time_add(core_of(m).now, kRetryAfterFailureMs));
+    state_of(leader).dns.phase = DnsPhase::kPolling;
+    plan_ask(m, leader, time_add(ask_of(m).now, kRetryAfterFailureMs));
   }
 }
 
@@ -97,7 +91,7 @@ size_t write_query(const UnicastQuery& u, uint8_t* buffer, size_t capacity) {
 
 // One UDP send to the server whose turn it is, from a fresh port and ID.
 void send_udp(mDNS* m, UnicastQuery& u) {
-  CoreState& core = core_of(m);
+  AskState& core = ask_of(m);
   close_socket(m, u);
   // The resolver file may have lost its servers since the last send.
   if (core.server_count == 0) {
@@ -121,7 +115,7 @@ void send_udp(mDNS* m, UnicastQuery& u) {
 
 // Truncated over UDP: the same question over TCP to the same server.
 void start_tcp(mDNS* m, UnicastQuery& u) {
-  CoreState& core = core_of(m);
+  AskState& core = ask_of(m);
   close_socket(m, u);
   u.fd = platform_open_dns_tcp(m, u.server);
   u.stage = UnicastStage::kTcpConnecting;
@@ -147,27 +141,6 @@ bool repeats_question(MessageParser& parser, const MessageHeader& header, const 
 
 // Answers: the question's name and type.  Other records: only names under the
 // question's name, for which the server asked speaks.
-bool in_bailiwick(const ParsedRecord& rec, const DNSQuestion& q) {
-  if (rec.section == Section::kAnswer) {
-    return rec.rrtype == q.qtype && rec.rrclass == q.qclass && names_equal(rec.name, q.qname);
-  }
-  return rec.section == Section::kAdditional && rec.rrclass == kDNSClass_IN &&
-         name_is_under(rec.name, q.qname);
-}
-
-// Records of the question's set that this answer no longer holds have gone:
-// they leave, with their events, once the answer is stored.
-void expire_missing(mDNS* m, const DNSQuestion& q) {
-  CoreState& core = core_of(m);
-  const uint32_t hash = name_hash(q.qname);
-  for (CacheRecord* rr = cache_first(core, hash); rr != nullptr; rr = cache_next(core, rr)) {
-    if (rr->source == Source::kUnicastDns && rr->packet_seq != core.packet_seq && !rr->expiring &&
-        rr->resrec.rrtype == q.qtype && names_equal(*rr->resrec.name, q.qname)) {
-      cache_expire_now(core, rr, core.now);
-    }
-  }
-}
-
 int32_t poll_interval(uint32_t shortest_ttl) {
   if (shortest_ttl == 0) {
     return kEmptyAnswerPollMs;
@@ -178,39 +151,41 @@ int32_t poll_interval(uint32_t shortest_ttl) {
                                     : static_cast<int32_t>(ms);
 }
 
-// An answer from the server asked, with the ID and question sent.
-void accept_answer(mDNS* m, UnicastQuery& u, MessageParser& parser) {
-  CoreState& core = core_of(m);
-  DNSQuestion* leader = u.question;
-  core.counters.packets_accepted++;
-  core.packet_seq++;
-  RecordOrigin origin{mDNSInterface_Any, Source::kUnicastDns, sender_slot(core, u.server.address)};
+// The shortest TTL of the records the answer holds for the question.
+uint32_t shortest_ttl(MessageParser parser, const DNSQuestion& q) {
   uint32_t shortest = 0;
   ParsedRecord rec;
   for (MessageParser::Result r; (r = parser.next_record(rec)) != MessageParser::Result::kEnd;) {
     if (r == MessageParser::Result::kMalformed) {
       break;
     }
-    if (r == MessageParser::Result::kOk && rec.ttl > 0 && in_bailiwick(rec, *leader)) {
+    if (r == MessageParser::Result::kOk && rec.ttl > 0 && dns_answer_in_bailiwick(rec, q)) {
       shortest = shortest == 0 || rec.ttl < shortest ? rec.ttl : shortest;
-      store_record(m, rec, origin);
     }
   }
-  sender_release_if_unused(core, origin.sender);
-  // An empty answer and a name error (NXDOMAIN) both mean: nothing, or nothing
-  // left.  The query's own bookkeeping is done before any callback runs, so
-  // that what a callback stops stays stopped.
+  return shortest;
+}
+
+// An answer from the server asked, with the ID and question sent.  The
+// query's own bookkeeping is done before the engine stores the answer and
+// its callbacks run, so that what a callback stops stays stopped.  An empty
+// answer and a name error (NXDOMAIN) both mean: nothing, or nothing left.
+void accept_answer(mDNS* m, UnicastQuery& u, const MessageParser& parser) {
+  AskState& core = ask_of(m);
+  DNSQuestion* leader = u.question;
+  const NameServer server = u.server;
+  core.counters.packets_accepted++;
+  const uint32_t shortest = shortest_ttl(parser, *leader);
   release(m, u);
-  state_of(leader).phase = Phase::kPolling;
+  state_of(leader).dns.phase = DnsPhase::kPolling;
   plan_ask(m, leader, time_add(core.now, poll_interval(shortest)));
-  expire_missing(m, *leader);
-  finish_packet(m);
+  engine_take_dns_answer(m, leader, parser, server);
 }
 
 // `cut`: a datagram longer than the buffer, whose missing records must not
 // count as gone: it is taken as the server's own truncated answer.
 void handle_message(mDNS* m, UnicastQuery& u, const uint8_t* message, size_t length, bool cut) {
-  CoreState& core = core_of(m);
+  AskState& core = ask_of(m);
   MessageParser parser(message, length);
   MessageHeader header;
   if (!parser.read_header(header) || (header.flags & kFlagResponse) == 0 ||
@@ -244,7 +219,7 @@ void handle_message(mDNS* m, UnicastQuery& u, const uint8_t* message, size_t len
 // ---- TCP, step by step: the caller's loop only tells when a socket reads ----
 
 void tcp_write(mDNS* m, UnicastQuery& u) {
-  CoreState& core = core_of(m);
+  AskState& core = ask_of(m);
   const size_t length = write_query(u, core.tcp_buffer + 2, kMaxQueryPayload);
   core.tcp_buffer[0] = static_cast<uint8_t>(length >> 8);
   core.tcp_buffer[1] = static_cast<uint8_t>(length);
@@ -261,13 +236,13 @@ void tcp_write(mDNS* m, UnicastQuery& u) {
   }
 }
 
-size_t tcp_message_length(const CoreState& core) {
+size_t tcp_message_length(const AskState& core) {
   return static_cast<size_t>(core.tcp_buffer[0]) << 8 | core.tcp_buffer[1];
 }
 
 // The length prefix, then the message, as far as the stream has them.
 void tcp_read(mDNS* m, UnicastQuery& u) {
-  CoreState& core = core_of(m);
+  AskState& core = ask_of(m);
   for (;;) {
     const size_t want = u.tcp_done < 2 ? 2 : 2 + tcp_message_length(core);
     const long got = platform_dns_receive(m, u.fd, core.tcp_buffer + u.tcp_done, want - u.tcp_done).length;
@@ -292,7 +267,7 @@ void tcp_read(mDNS* m, UnicastQuery& u) {
 // The socket is connected, so the kernel lets only the server's datagrams
 // through; the source is checked all the same.
 void read_udp(mDNS* m, UnicastQuery& u) {
-  CoreState& core = core_of(m);
+  AskState& core = ask_of(m);
   const DnsReceived got = platform_dns_receive(m, u.fd, core.rxbuf, sizeof core.rxbuf);
   if (got.length <= 0) {
     return;
@@ -306,7 +281,7 @@ void read_udp(mDNS* m, UnicastQuery& u) {
 }
 
 void step(mDNS* m, UnicastQuery& u) {
-  CoreState& core = core_of(m);
+  AskState& core = ask_of(m);
   if (u.stage == UnicastStage::kTcpConnecting) {
     const int state = platform_dns_connected(m, u.fd);
     if (state < 0) {
@@ -331,8 +306,16 @@ void step(mDNS* m, UnicastQuery& u) {
 
 }  // namespace
 
-void unicast_reset(mDNS* m) {
-  CoreState& core = core_of(m);
+bool dns_answer_in_bailiwick(const ParsedRecord& rec, const DNSQuestion& q) {
+  if (rec.section == Section::kAnswer) {
+    return rec.rrtype == q.qtype && rec.rrclass == q.qclass && names_equal(rec.name, q.qname);
+  }
+  return rec.section == Section::kAdditional && rec.rrclass == kDNSClass_IN &&
+         name_is_under(rec.name, q.qname);
+}
+
+void dns_asker_reset(mDNS* m) {
+  AskState& core = ask_of(m);
   const int n = platform_read_name_servers(m, core.servers, kMaxNameServers);
   core.server_count = static_cast<uint8_t>(n < 0 ? 0 : n);
   for (UnicastQuery& u : core.unicast) {
@@ -342,32 +325,32 @@ void unicast_reset(mDNS* m) {
   }
 }
 
-void unicast_close_all(mDNS* m) {
-  for (UnicastQuery& u : core_of(m).unicast) {
+void dns_asker_close_all(mDNS* m) {
+  for (UnicastQuery& u : ask_of(m).unicast) {
     if (u.stage != UnicastStage::kFree) {
       release(m, u);
     }
   }
-  while (list_pop(core_of(m), ListId::kUnicastWaiting) != nullptr) {
+  while (list_pop(ask_of(m), ListId::kUnicastWaiting) != nullptr) {
   }
 }
 
-void unicast_question_ready(mDNS* m, DNSQuestion* leader, bool answered) {
+void dns_asker_first_delivery(mDNS* m, DNSQuestion* leader, bool answered) {
   if (answered) {
     // Its answers' refresh points will ask again.
-    state_of(leader).phase = Phase::kPolling;
+    state_of(leader).dns.phase = DnsPhase::kPolling;
     return;
   }
-  unicast_ask_now(m, leader);
+  dns_asker_ask_now(m, leader);
 }
 
-void unicast_ask_now(mDNS* m, DNSQuestion* leader) {
-  CoreState& core = core_of(m);
+void dns_asker_ask_now(mDNS* m, DNSQuestion* leader) {
+  AskState& core = ask_of(m);
   QuestionState& s = state_of(leader);
-  if (s.unicast_slot != 0 || s.phase == Phase::kWaitingForCache || s.phase == Phase::kFollowing) {
+  if (s.dns.slot != 0) {
     return;
   }
-  s.phase = Phase::kAwaitingReply;
+  s.dns.phase = DnsPhase::kAwaitingReply;
   if (core.server_count == 0) {
     plan_ask(m, leader, time_add(core.now, kRetryAfterFailureMs));  // nobody to ask yet
     return;
@@ -381,41 +364,65 @@ void unicast_ask_now(mDNS* m, DNSQuestion* leader) {
     list_append(core, ListId::kUnicastWaiting, leader);  // goes out as soon as one is free, in turn
     return;
   }
-  PairingHeap<DNSQuestion, ScheduleAccess>(core.schedule_root).remove(leader);
+  QuestionSchedule(core.dns_schedule_root).remove(leader);
   *u = UnicastQuery{};
   u->fd = -1;
   u->question = leader;
-  s.unicast_slot = static_cast<uint16_t>(u - core.unicast + 1);
+  s.dns.slot = static_cast<uint16_t>(u - core.unicast + 1);
   send_udp(m, *u);
 }
 
-void unicast_hand_over(mDNS* m, DNSQuestion* leader, DNSQuestion* heir) {
-  if (UnicastQuery* u = slot_of(core_of(m), leader)) {
+void dns_asker_hand_over(mDNS* m, DNSQuestion* leader, DNSQuestion* heir) {
+  AskState& core = ask_of(m);
+  state_of(heir).dns = state_of(leader).dns;
+  if (UnicastQuery* u = slot_of(core, leader)) {
     u->question = heir;
+  }
+  if (QuestionSchedule::contains(leader)) {
+    const int32_t key = QuestionSchedule::key_of(leader);
+    QuestionSchedule(core.dns_schedule_root).remove(leader);
+    plan_ask(m, heir, key);
+  }
+  if (state_of(leader).list == ListId::kUnicastWaiting) {
+    list_remove(core, leader);
+    list_append(core, ListId::kUnicastWaiting, heir);
   }
 }
 
-void unicast_cancel(mDNS* m, DNSQuestion* leader) {
-  if (UnicastQuery* u = slot_of(core_of(m), leader)) {
+void dns_asker_drop(mDNS* m, DNSQuestion* leader) {
+  AskState& core = ask_of(m);
+  QuestionSchedule(core.dns_schedule_root).remove(leader);
+  if (UnicastQuery* u = slot_of(core, leader)) {
     release(m, *u);
   }
 }
 
-void unicast_run(mDNS* m) {
-  CoreState& core = core_of(m);
+void dns_asker_run(mDNS* m) {
+  AskState& core = ask_of(m);
+  QuestionSchedule polls(core.dns_schedule_root);
+  while (DNSQuestion* due = polls.top()) {
+    if (!time_reached(QuestionSchedule::key_of(due), core.now)) {
+      break;
+    }
+    polls.remove(due);
+    dns_asker_ask_now(m, due);
+  }
   for (UnicastQuery& u : core.unicast) {
     if (u.stage != UnicastStage::kFree) {
       step(m, u);
     }
   }
   while (!list_empty(core, ListId::kUnicastWaiting) && free_slot(core) != nullptr) {
-    unicast_ask_now(m, list_pop(core, ListId::kUnicastWaiting));
+    dns_asker_ask_now(m, list_pop(core, ListId::kUnicastWaiting));
   }
 }
 
-bool unicast_next_time(mDNS* m, int32_t& when) {
-  CoreState& core = core_of(m);
-  bool any = false;
+bool dns_asker_next_time(mDNS* m, int32_t& when) {
+  AskState& core = ask_of(m);
+  bool any = core.dns_schedule_root != nullptr;
+  if (any) {
+    when = QuestionSchedule::key_of(core.dns_schedule_root);
+  }
   for (const UnicastQuery& u : core.unicast) {
     if (u.stage == UnicastStage::kFree) {
       continue;
@@ -429,8 +436,8 @@ bool unicast_next_time(mDNS* m, int32_t& when) {
   return any;
 }
 
-void unicast_add_sockets(mDNS* m, int* nfds, fd_set* readfds) {
-  for (const UnicastQuery& u : core_of(m).unicast) {
+void dns_asker_add_sockets(mDNS* m, int* nfds, fd_set* readfds) {
+  for (const UnicastQuery& u : ask_of(m).unicast) {
     if ((u.stage == UnicastStage::kUdp || u.stage == UnicastStage::kTcpReading) && u.fd >= 0 &&
         u.fd < FD_SETSIZE) {
       FD_SET(u.fd, readfds);
@@ -439,8 +446,8 @@ void unicast_add_sockets(mDNS* m, int* nfds, fd_set* readfds) {
   }
 }
 
-void unicast_read_sockets(mDNS* m, fd_set* readfds) {
-  CoreState& core = core_of(m);
+void dns_asker_read_sockets(mDNS* m, fd_set* readfds) {
+  AskState& core = ask_of(m);
   for (UnicastQuery& u : core.unicast) {
     if (!core.initialized || u.fd < 0 || !platform_dns_readable(m, u.fd, readfds)) {
       continue;
