@@ -21,7 +21,7 @@
 # services on one device, the querier's interface deleted and created again
 # during a search, and Destroy while a search runs (under ThreadSanitizer too).
 #
-#   sudo bash scripts/attack_bench.sh                      everything (about 17 minutes)
+#   sudo bash scripts/attack_bench.sh                      everything (about 15 minutes)
 #   ATTACKS="none ttl1-storm" EXTRAS="" sudo bash scripts/attack_bench.sh
 #   DEVICES=5 SECONDS_PER_ATTACK=15 ...                    smaller and shorter
 #   SEARCH_WATCH=/path/to/search_watch ...                  another build under test
