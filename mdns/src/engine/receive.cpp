@@ -171,11 +171,7 @@ void store_link_records(mDNS* m, MessageParser& parser, const Arrival& arrival) 
     if (result != MessageParser::Result::kOk) {
       break;  // end, or malformed: the rest cannot be trusted
     }
-    // The link speaks only for its own names (RFC 6762 sections 3 and 22):
-    // anything else a host multicasts could stand in for unicast DNS answers.
-    if (name_is_link_local(rec.name)) {
-      store_record(m, rec, origin);
-    }
+    store_record(m, rec, origin);
   }
   sender_release_if_unused(core, origin.sender);
 }
@@ -187,6 +183,12 @@ void store_record(mDNS* m, const ParsedRecord& rec, const RecordOrigin& origin) 
   const uint32_t hash = name_hash(rec.name);
   const uint32_t data_hash = rdata_hash(rec.rrtype, rec.rdata);
   CacheRecord* rr = cache_find(core, rec, hash, data_hash, origin.interface_id);
+  // The link speaks only for its own names (RFC 6762 sections 3 and 22):
+  // anything else a host multicasts could stand in for unicast DNS answers.
+  // (A record found in the cache was looked at when it came.)
+  if (rr == nullptr && origin.source != Source::kUnicastDns && !name_is_link_local(rec.name)) {
+    return;
+  }
   if (rec.ttl == 0) {
     handle_goodbye(m, rec, rr, hash, origin.interface_id);
     return;

@@ -6,8 +6,6 @@
 
 namespace mdns {
 
-constexpr size_t kMaxLinkLocalZoneLabels = 5;
-
 size_t name_length(const domainname& name) {
   size_t i = 0;
   while (i < kMaxNameLength) {
@@ -96,45 +94,47 @@ bool label_equals(const uint8_t* label, const char* text) {
 
 namespace {
 
-// The wire offsets of the name's last labels, the last first; how many were found.
-size_t last_labels(const domainname& name, const uint8_t* out[], size_t wanted) {
-  const uint8_t* ring[kMaxLinkLocalZoneLabels] = {};
-  size_t count = 0;
-  size_t at = 0;
-  while (at < MAX_DOMAIN_NAME && name.c[at] != 0) {
-    if (name.c[at] > MAX_DOMAIN_LABEL) {
-      return 0;
-    }
-    ring[count++ % kMaxLinkLocalZoneLabels] = &name.c[at];
-    at += 1u + name.c[at];
-  }
-  if (at >= MAX_DOMAIN_NAME) {
-    return 0;
-  }
-  const size_t found = count < wanted ? count : wanted;
-  for (size_t i = 0; i < found; ++i) {
-    out[i] = ring[(count - 1 - i) % kMaxLinkLocalZoneLabels];
-  }
-  return found;
+// The last label is "local", without regard to ASCII case (| 0x20 lowers
+// exactly the letters' capitals here).
+bool is_local_label(const uint8_t* label) {
+  return label[0] == 5 && (label[1] | 0x20) == 'l' && (label[2] | 0x20) == 'o' && (label[3] | 0x20) == 'c' &&
+         (label[4] | 0x20) == 'a' && (label[5] | 0x20) == 'l';
 }
 
 }  // namespace
 
+// Called for every record received on the link: one walk over the labels,
+// keeping where the last ones began.
 bool name_is_link_local(const domainname& name) {
-  const uint8_t* last[kMaxLinkLocalZoneLabels];
-  const size_t n = last_labels(name, last, kMaxLinkLocalZoneLabels);
-  if (n >= 1 && label_equals(last[0], "local")) {
+  constexpr size_t kRing = 8;  // holds the five that matter
+  const uint8_t* starts[kRing];
+  size_t count = 0;
+  size_t at = 0;
+  while (name.c[at] != 0) {
+    if (name.c[at] > MAX_DOMAIN_LABEL || at + 1u + name.c[at] >= MAX_DOMAIN_NAME) {
+      return false;
+    }
+    starts[count++ % kRing] = &name.c[at];
+    at += 1u + name.c[at];
+  }
+  const auto from_end = [&](size_t k) { return starts[(count - 1 - k) % kRing]; };
+  if (count == 0) {
+    return false;
+  }
+  if (is_local_label(from_end(0))) {
     return true;
   }
-  if (n >= 4 && label_equals(last[0], "arpa") && label_equals(last[1], "in-addr") &&
-      label_equals(last[2], "169") && label_equals(last[3], "254")) {
-    return true;
+  if (!label_equals(from_end(0), "arpa")) {
+    return false;
+  }
+  if (count >= 4 && label_equals(from_end(1), "in-addr")) {
+    return label_equals(from_end(2), "169") && label_equals(from_end(3), "254");
   }
   // fe80::/10: the nibbles f, e, then 8, 9, a or b.
-  return n >= 5 && label_equals(last[0], "arpa") && label_equals(last[1], "ip6") &&
-         label_equals(last[2], "f") && label_equals(last[3], "e") &&
-         (label_equals(last[4], "8") || label_equals(last[4], "9") || label_equals(last[4], "a") ||
-          label_equals(last[4], "b"));
+  return count >= 5 && label_equals(from_end(1), "ip6") && label_equals(from_end(2), "f") &&
+         label_equals(from_end(3), "e") &&
+         (label_equals(from_end(4), "8") || label_equals(from_end(4), "9") ||
+          label_equals(from_end(4), "a") || label_equals(from_end(4), "b"));
 }
 
 }  // namespace mdns
