@@ -129,7 +129,7 @@ class PacketBuilder {
       }
       eligible = pass == 0 ? n : eligible;
     }
-    link.known_answer_skip = full && eligible > 0 ? static_cast<uint16_t>((skip + written) % eligible) : 0;
+    link.known_answer_skip = static_cast<uint16_t>(full && eligible > 0 ? (skip + written) % eligible : 0);
   }
 
   bool goes(const RememberedAnswer& a) const {
