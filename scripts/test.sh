@@ -48,7 +48,8 @@ for mode in $modes; do
         echo "== fuzzing $name for ${fuzz_seconds}s"
         args=("$corpus")
         [ -d "$seeds" ] && args+=("$seeds")
-        (cd "$dir" && "$target" -max_total_time="$fuzz_seconds" -print_final_stats=1 "${args[@]}" 2>"$dir/$name.log") ||
+        (cd "$dir" && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+          "$target" -max_total_time="$fuzz_seconds" -print_final_stats=1 "${args[@]}" 2>"$dir/$name.log") ||
           { tail -n 60 "$dir/$name.log"; echo "fuzz target $name failed"; exit 1; }
         grep -E 'stat::number_of_executed_units' "$dir/$name.log" || true
       done
