@@ -37,7 +37,7 @@ for mode in $modes; do
       echo "== fuzz build"
       dir="$root/build/fuzz"
       cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DSORVALEN_FUZZ=ON >/dev/null
+        -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DSORVALEN_FUZZ=ON -DSORVALEN_WERROR=ON >/dev/null
       cmake --build "$dir" -j "$jobs"
       for target in "$dir"/fuzz/fuzz_*; do
         [ -x "$target" ] || continue
