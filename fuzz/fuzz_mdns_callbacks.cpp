@@ -352,6 +352,7 @@ bool g_driving = false;  // inside a pass: callbacks may run
 int g_depth = 0;
 int g_callbacks = 0;
 bool g_retire_all = false;
+bool g_exit_started = false;  // StartExit without FinalExit yet
 std::vector<int> g_to_retire;
 ByteStream g_actions;
 Slot g_slots[kSlots];
@@ -576,17 +577,38 @@ void stop_slot(int index, bool free_it) {
 }
 
 // Out of a callback: StartExit and FinalExit, and maybe Init again at once.
-void shut_down(bool init_again) {
-  trace("  exit%s\n", init_again ? " and init" : "");
+enum class Exit { kStartOnly, kFinal, kFinalAndInit };
+
+// StartExit stops every question: what they used is the application's again.
+// After StartExit alone the core runs on, shutting down, until the next
+// operation begins.
+void shut_down(Exit how) {
+  trace("  exit %d\n", static_cast<int>(how));
   mDNS_StartExit(&g_core);
-  mDNS_FinalExit(&g_core);
-  g_core_up = false;
   for (Slot& s : g_slots) {
     s.started = false;
     s.reported.clear();
   }
   g_retire_all = true;
-  if (init_again) {
+  g_exit_started = true;
+  if (how == Exit::kStartOnly) {
+    return;
+  }
+  mDNS_FinalExit(&g_core);
+  g_core_up = false;
+  g_exit_started = false;
+  if (how == Exit::kFinalAndInit) {
+    init_core();
+  }
+}
+
+void finish_exit() {
+  if (g_exit_started) {
+    mDNS_FinalExit(&g_core);
+    g_core_up = false;
+    g_exit_started = false;
+  }
+  if (!g_core_up) {
     init_core();
   }
 }
@@ -595,9 +617,9 @@ void shut_down(bool init_again) {
 
 // One action byte: bits 0-2 what (0-2 nothing, 3 stop itself, 4 stop another
 // slot, 5 start another slot (two more bytes: its parameters), 6 stop and start
-// itself again, 7 with bits 3-7 all set: StartExit, FinalExit and Init; with
-// 0xF7: StartExit and FinalExit only).  Bit 3: free what was stopped once the
-// core returns.  Bits 4-6: the other slot.
+// itself again, 7 and only these three: 0xFF StartExit, FinalExit and Init,
+// 0xF7 StartExit and FinalExit, 0xEF StartExit).  Bit 3: free what was stopped
+// once the core returns.  Bits 4-6: the other slot.
 void act(int self) {
   if (g_depth >= kMaxNesting || ++g_callbacks > kMaxCallbacks || g_actions.empty()) {
     return;
@@ -627,8 +649,10 @@ void act(int self) {
       break;
     }
     case 7:
-      if (a == 0xFF || a == 0xF7) {
-        shut_down(a == 0xFF);
+      if (a == 0xFF) {
+        shut_down(Exit::kFinalAndInit);
+      } else if (a == 0xF7 || a == 0xEF) {
+        shut_down(a == 0xF7 ? Exit::kFinal : Exit::kStartOnly);
       }
       break;
     default:
@@ -782,13 +806,15 @@ int32_t duration_of(uint8_t b) {
   return (b & 63) * kUnits[b >> 6];
 }
 
-// Records into `msg` from the program: [count byte][bulk count][bulk template]
-// then three bytes per record.  `asked` is the question "as asked" records
+// Records into `msg` from the program: [count byte][bulk count][bulk template
+// [series, when its bit 7 is set]] then three bytes per record.  `asked` is the question "as asked" records
 // answer (null: a started slot's question, if any).
 void add_records(ByteStream& in, MessageBuilder& msg, const mdns::ParsedQuestion* asked) {
   const unsigned explicit_count = in.next() & 15;
   const unsigned bulk = std::min(in.next() * 2u, kMaxBulkRecords);
   const uint8_t bulk_template = bulk > 0 ? in.next() : 0;
+  // Another series of names: so that browses come to remember thousands of instances.
+  const unsigned first = (bulk_template & 0x80) != 0 ? in.next() * kMaxBulkRecords : 0;
   domainname asked_name{};
   uint16_t asked_type = kDNSType_A;
   if (asked != nullptr) {
@@ -806,8 +832,11 @@ void add_records(ByteStream& in, MessageBuilder& msg, const mdns::ParsedQuestion
     OutRecord r;
     switch (r0 & 7) {
       case 0:
-      case 5:
         r = make_record(name_of(service_type(type, domain)), kDNSType_PTR, r1, r2, 0);
+        break;
+      case 5:  // not an instance: nothing directly under the browsed name
+        r = make_record(name_of(service_type(type, domain)), kDNSType_PTR, r1, r2, 0);
+        r.data_name = name_of(host_name(host, domain));
         break;
       case 1:
         r = make_record(name_of(instance_name(instance, type, domain)), kDNSType_SRV, r1, r2, 0);
@@ -842,7 +871,8 @@ void add_records(ByteStream& in, MessageBuilder& msg, const mdns::ParsedQuestion
   // Many records of one kind, each its own: more than a packet's record list holds.
   const unsigned type = (bulk_template >> 2) & 1;
   const unsigned domain = (bulk_template >> 3) & 1;
-  for (unsigned i = 1; i <= bulk; ++i) {
+  for (unsigned n = 1; n <= bulk; ++n) {
+    const unsigned i = first + n;
     OutRecord r;
     switch (bulk_template & 3) {
       case 0:
@@ -1009,7 +1039,8 @@ void check_between_operations() {
 //   5     unicast DNS answer: [reply] records
 //   6, 7  time passes: [duration]
 //   8     raw bytes
-//   9     [what]: 0 the second interface goes or comes, 1 StartExit, FinalExit and Init
+//   9     [what]: 0 the second interface goes or comes, 1 StartExit, FinalExit
+//         and Init, 2 StartExit (FinalExit and Init before the next operation)
 void run_operation(ByteStream& in) {
   const uint8_t op = in.next();
   trace("op %d at %d ms\n", op % 10, static_cast<int>(g_now - kEpoch));
@@ -1049,7 +1080,10 @@ void run_operation(ByteStream& in) {
           toggle_interface();
           break;
         case 1:
-          shut_down(true);
+          shut_down(Exit::kFinalAndInit);
+          break;
+        case 2:
+          shut_down(Exit::kStartOnly);
           break;
         default:
           break;
@@ -1067,6 +1101,7 @@ void begin_run(uint8_t config) {
   g_depth = 0;
   g_callbacks = 0;
   g_retire_all = false;
+  g_exit_started = false;
   g_to_retire.clear();
   for (Asked& a : g_one_shots) {
     a = Asked{};
@@ -1086,9 +1121,7 @@ void begin_run(uint8_t config) {
 
 // Everything stopped by the application, then the core shut down.
 void end_run() {
-  if (!g_core_up) {
-    init_core();
-  }
+  finish_exit();
   for (int i = 0; i < kSlots; ++i) {
     stop_slot(i, true);
   }
@@ -1113,9 +1146,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   g_actions = ByteStream(data + 3 + program_length, size - 3 - program_length);
   begin_run(data[0]);
   for (int n = 0; n < kMaxOperations && !program.empty(); ++n) {
-    if (!g_core_up) {
-      init_core();
-    }
+    finish_exit();
     run_operation(program);
     retire_pending();
     check_between_operations();

@@ -17,7 +17,7 @@ ONE_IFACE_CACHE_16 = 0x00
 ONE_IFACE_CACHE_64 = 0x02
 
 # Record kinds (byte 0 of a record, bits 0-2) and TTL codes (bits 4-5).
-PTR, SRV, TXT, A, AAAA, AS_ASKED = 0, 1, 2, 3, 4, 6
+PTR, SRV, TXT, A, AAAA, PTR_TO_HOST, AS_ASKED = 0, 1, 2, 3, 4, 5, 6
 GOODBYE, TTL_3, TTL_120, TTL_4500 = 0, 1, 2, 3
 FLUSH = 0x08
 # Bulk templates (bits 0-1).
@@ -28,6 +28,7 @@ NOTHING = 0x00
 STOP_SELF = 0x03
 STOP_SELF_FREE = 0x0B
 RESTART_SELF = 0x06
+START_EXIT = 0xEF
 EXIT = 0xF7
 EXIT_AND_INIT = 0xFF
 
@@ -69,10 +70,13 @@ def record(kind, ttl=TTL_120, flush=False, additional=False, instance=0, type_in
     return [r0, r1, variant]
 
 
-def records(explicit=(), bulk=0, template=0, ttl=TTL_120, flush=False):
+def records(explicit=(), bulk=0, template=0, ttl=TTL_120, flush=False, series=None):
+    """Bulk records are named b<n> (h<n> for hosts), n counting on from series * 510."""
     out = [len(explicit), bulk // 2]
     if bulk:
-        out.append(template | (ttl << 4) | (0x40 if flush else 0))
+        out.append(template | (ttl << 4) | (0x40 if flush else 0) | (0x80 if series is not None else 0))
+        if series is not None:
+            out.append(series)
     for r in explicit:
         out += r
     return out
@@ -105,6 +109,11 @@ def raw(path, answers, additionals, data):
 
 def toggle_interface():
     return [9, 0]
+
+
+def start_exit():
+    """StartExit now; FinalExit and Init before the next operation."""
+    return [9, 2]
 
 
 def program(config, ops, actions=()):
@@ -181,6 +190,24 @@ SEEDS = {
          unicast_answer(pick=3, explicit=[record(AS_ASKED)]),
          wait_ms(600000), stop(5), stop(5), wait_ms(3600000)],
         [stop_other(0), NOTHING, RESTART_SELF]),
+    # A browse comes to remember more instances than it may (3072): the
+    # flooding sender is refused, then another sender's instance pushes one of
+    # the flooder's out, reported removed; that callback stops the browse.
+    "browse_memory_full": program(
+        ONE_IFACE_CACHE_600,
+        [start(0, browse()), wait_ms(200)]
+        + [multicast(source=0, bulk=510, template=BULK_PTR, ttl=TTL_4500, series=n) for n in range(7)]
+        + [multicast(source=1, explicit=[record(PTR, instance=1), record(PTR_TO_HOST, host=1)]),
+           wait_ms(1000)],
+        [NOTHING] * 3072 + [STOP_SELF]),
+    # StartExit from a callback while a resolve and a browse wait for the rest
+    # of the packet, then time passes on the core that is shutting down.
+    "start_exit_in_callback": program(
+        TWO_IFACES_CACHE_64,
+        [start(0, browse()), start(5, resolve()), start(6, resolve(instance=1)), wait_ms(200),
+         multicast(explicit=[record(PTR), record(PTR, instance=1)] + instance_records() + instance_records(1)),
+         wait_ms(200), start(0, browse(domain=1)), wait_ms(10), start_exit(), wait_ms(5000)],
+        [NOTHING, START_EXIT]),
     # Raw record bytes after a proper header.
     "raw_records": program(
         ONE_IFACE_CACHE_16,
