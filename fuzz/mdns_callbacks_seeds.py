@@ -145,6 +145,14 @@ SEEDS = {
          unicast_answer(pick=0, bulk=200, template=BULK_AS_ASKED),
          wait_ms(1000), wait_ms(600000), wait_ms(3600000)],
         [STOP_SELF_FREE]),
+    # The same stop without freeing, and the question started again later on
+    # the same storage.
+    "unicast_browse_bulk_stop_then_restart": program(
+        ONE_IFACE_CACHE_600,
+        [start(0, browse(domain=1)), wait_ms(10),
+         unicast_answer(pick=0, bulk=200, template=BULK_AS_ASKED),
+         wait_ms(600), start(0, browse(domain=1)), wait_ms(1000), wait_ms(600000)],
+        [STOP_SELF]),
     # Two identical browses (a group) and a query: callbacks stop the other
     # member, restart themselves, and goodbyes follow.
     "group_stop_other_restart": program(

@@ -49,7 +49,7 @@ for mode in $modes; do
         args=("$corpus")
         [ -d "$seeds" ] && args+=("$seeds")
         (cd "$dir" && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
-          "$target" -max_total_time="$fuzz_seconds" -print_final_stats=1 "${args[@]}" 2>"$dir/$name.log") ||
+          "$target" -max_total_time="$fuzz_seconds" -timeout=30 -print_final_stats=1 "${args[@]}" 2>"$dir/$name.log") ||
           { tail -n 60 "$dir/$name.log"; echo "fuzz target $name failed"; exit 1; }
         grep -E 'stat::number_of_executed_units' "$dir/$name.log" || true
       done
