@@ -37,8 +37,11 @@ for mode in $modes; do
       echo "== fuzz build"
       dir="$root/build/fuzz"
       cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DSORVALEN_FUZZ=ON >/dev/null
+        -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DSORVALEN_FUZZ=ON -DSORVALEN_WERROR=ON >/dev/null
       cmake --build "$dir" -j "$jobs"
+      # Every target runs, also after one has failed: one known crash must not
+      # hide what the others would find.
+      failed=()
       for target in "$dir"/fuzz/fuzz_*; do
         [ -x "$target" ] || continue
         name=$(basename "$target")
@@ -48,10 +51,15 @@ for mode in $modes; do
         echo "== fuzzing $name for ${fuzz_seconds}s"
         args=("$corpus")
         [ -d "$seeds" ] && args+=("$seeds")
-        (cd "$dir" && "$target" -max_total_time="$fuzz_seconds" -print_final_stats=1 "${args[@]}" 2>"$dir/$name.log") ||
-          { tail -n 60 "$dir/$name.log"; echo "fuzz target $name failed"; exit 1; }
+        (cd "$dir" && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+          "$target" -max_total_time="$fuzz_seconds" -timeout=30 -print_final_stats=1 "${args[@]}" 2>"$dir/$name.log") ||
+          { tail -n 60 "$dir/$name.log"; echo "fuzz target $name failed"; failed+=("$name"); continue; }
         grep -E 'stat::number_of_executed_units' "$dir/$name.log" || true
       done
+      if [ ${#failed[@]} -gt 0 ]; then
+        echo "failed fuzz targets: ${failed[*]}"
+        exit 1
+      fi
       ;;
     *) echo "unknown mode: $mode" >&2; exit 2 ;;
   esac
