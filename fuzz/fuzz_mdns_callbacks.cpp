@@ -29,11 +29,11 @@
 #include <string>
 #include <vector>
 
-#include "ask/unicast_dns.h"
 #include "engine/engine.h"
 #include "mdns/mdns.h"
 #include "platform/interfaces_posix.h"
 #include "platform/platform.h"
+#include "platform/test_platform.h"
 #include "wire/identity.h"
 #include "wire/message_reader.h"
 #include "wire/names.h"
@@ -597,9 +597,18 @@ void shut_down(Exit how) {
   mDNS_FinalExit(&g_core);
   g_core_up = false;
   g_exit_started = false;
-  if (how == Exit::kFinalAndInit) {
-    init_core();
+  if (how != Exit::kFinalAndInit) {
+    return;
   }
+  if (g_depth > 0) {
+    // Not while a callback of the same storage is under way: the core says so,
+    // and starts again after it (between operations).
+    require(mDNS_Init(&g_core, &g_platform, g_cache, g_cache_size, mDNSfalse, nullptr, nullptr) ==
+                mStatus_BadStateErr,
+            "mDNS_Init inside a callback was not refused");
+    return;
+  }
+  init_core();
 }
 
 void finish_exit() {
@@ -959,9 +968,15 @@ void deliver_unicast(const Reply& reply, const std::vector<uint8_t>& bytes) {
           ? mdns::address_from_text(a.server.type == mDNSAddrType_IPv4 ? "2001:db8::53" : "192.0.2.53")
           : a.server;
   const size_t limit = a.transport == mdns::Transport::kUnicastTcp ? 65535 : kMaxDatagram;
-  in_pass([&] {
-    mdns::unicast_receive(&g_core, a.socket, source, a.port, bytes.data(), std::min(bytes.size(), limit));
-  });
+  // Read as the core reads real sockets: on the next pass of its loop.
+  if (!g_core_up || !mdns::platform_test_deliver_dns(&g_core, a.socket, source, a.port, bytes.data(),
+                                                     std::min(bytes.size(), limit))) {
+    return;
+  }
+  mdns::engine_set_fake_clock(&g_core, g_now);
+  g_driving = true;
+  mDNSPosixProcessFDSet(&g_core, nullptr);
+  g_driving = false;
 }
 
 // Raw bytes after a header (and, for an answer, the questions asked):
@@ -1027,7 +1042,7 @@ void check_between_operations() {
   }
   const mdns::CoreState& core = mdns::core_of(&g_core);
   require(core.walk_depth == 0, "a walk over the questions left open");
-  require(core.packet_record_count == 0, "a packet's records left undelivered");
+  require(core.packet_head == 0 && core.callback_depth == 0, "a packet's records left undelivered");
   require(core.cache_used <= g_cache_size, "more cache entries used than there are");
 }
 

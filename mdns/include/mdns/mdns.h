@@ -54,7 +54,8 @@ enum {
   mStatus_NoSuchRecord = -65554,
   mStatus_NotInitializedErr = -65556,
   mStatus_UnknownErr = -65537,
-  mStatus_NoMemoryErr = -65539
+  mStatus_NoMemoryErr = -65539,
+  mStatus_BadStateErr = -65543
 };
 
 /* An interface handle: opaque, stable while the interface's name exists (also
@@ -270,6 +271,8 @@ struct mDNS_struct {
 
 /* ---- Engine ------------------------------------------------------------ */
 
+/* A callback may end the core (mDNS_StartExit, mDNS_FinalExit) but not start
+ * it again on the same storage: mDNS_Init then returns mStatus_BadStateErr. */
 MDNS_API mStatus mDNS_Init(mDNS* const m, mDNS_PlatformSupport* const p, CacheEntity* rrcachestorage,
                            mDNSu32 rrcachesize, mDNSBool AdvertiseLocalAddresses, mDNSCallback* Callback,
                            void* Context);

@@ -213,6 +213,9 @@ mStatus mDNS_Init(mDNS* const m, mDNS_PlatformSupport* const p, CacheEntity* rrc
   }
   // A test's fake clock survives a restart on the same storage.
   const CoreState& before = core_of(m);
+  if (before.magic == kCoreMagic && before.callback_depth > 0) {
+    return mStatus_BadStateErr;  // a callback of this core is still under way
+  }
   const bool fake = before.magic == kCoreMagic && before.fake_clock_set;
   const int32_t fake_clock = before.fake_clock;
   std::memset(m, 0, sizeof(*m));

@@ -67,6 +67,7 @@ struct CoreState : AskState {
   int32_t fake_clock;
   bool fake_clock_set;
 
+  int callback_depth;                        // callbacks under way (see CallbackScope)
   DNSQuestion* walk_cursors[kMaxWalkDepth];  // where each walk goes next; moved on by stops
   int walk_depth;
 
@@ -95,6 +96,19 @@ inline CoreState& core_of(mDNS* m) {
 inline const CoreState& core_of(const mDNS* m) {
   return *reinterpret_cast<const CoreState*>(m->Private.storage);
 }
+// Marks a callback under way: the core it runs in may be ended from inside
+// it, but not started again on the same storage until it returns.
+class CallbackScope {
+ public:
+  explicit CallbackScope(mDNS* m) : core_(core_of(m)) { core_.callback_depth++; }
+  ~CallbackScope() { core_.callback_depth--; }
+  CallbackScope(const CallbackScope&) = delete;
+  CallbackScope& operator=(const CallbackScope&) = delete;
+
+ private:
+  CoreState& core_;
+};
+
 inline ResolveState& resolve_of(ServiceInfoQuery* query) {
   return *reinterpret_cast<ResolveState*>(query->Private.storage);
 }

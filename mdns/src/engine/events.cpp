@@ -40,6 +40,7 @@ bool fill_detached(const CoreState& core, int index, DetachedRecord& out) {
 
 void call_back(mDNS* m, DNSQuestion* q, const ResourceRecord& rr, QC_result kind) {
   if (q->QuestionCallback != nullptr) {
+    CallbackScope scope(m);
     q->QuestionCallback(m, q, &rr, kind);
   }
 }

@@ -212,6 +212,7 @@ void report_address(mDNS* m, ServiceInfoQuery* query, const ResourceRecord& answ
   rs.reported = true;
   settle(m, rs);
   if (query->ServiceInfoQueryCallback != nullptr) {
+    CallbackScope scope(m);
     query->ServiceInfoQueryCallback(m, query);
   }
 }
