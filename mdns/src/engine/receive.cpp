@@ -186,7 +186,8 @@ void store_record(mDNS* m, const ParsedRecord& rec, const RecordOrigin& origin) 
   // The link speaks only for its own names (RFC 6762 sections 3 and 22):
   // anything else a host multicasts could stand in for unicast DNS answers.
   // (A record found in the cache was looked at when it came.)
-  if (rr == nullptr && origin.source != Source::kUnicastDns && !name_is_link_local(rec.name)) {
+  if (rr == nullptr && origin.source != Source::kUnicastDns &&
+      !name_is_link_local(rec.name, rec.name_last_label)) {
     return;
   }
   if (rec.ttl == 0) {

@@ -70,7 +70,7 @@ Reader Reader::limited_to(size_t end) const {
 // Each pointer must land before the start of the run of labels it ends, so the
 // positions visited strictly decrease and no loop (not even through a later
 // label of the same name) can form; kMaxCompressionPointers bounds it further.
-bool Reader::read_name(domainname& out) {
+bool Reader::read_name(domainname& out, size_t* last_label) {
   size_t pos = pos_;
   size_t run_start = pos_;
   size_t resume = 0;  // where the cursor goes after the name; set at the first pointer or the root
@@ -103,6 +103,9 @@ bool Reader::read_name(domainname& out) {
     if (pos + 1 + b > len_ || written + 1 + b + 1 > kMaxNameLength)
       return false;
     std::memcpy(out.c + written, msg_ + pos, 1 + b);
+    if (last_label != nullptr) {
+      *last_label = written;
+    }
     written += 1 + b;
     pos += 1 + b;
   }
@@ -191,8 +194,9 @@ MessageParser::Result MessageParser::next_record(ParsedRecord& out) {
 
   uint16_t rrclass;
   uint16_t rdlength;
-  if (!reader_.read_name(out.name) || !reader_.read_u16(out.rrtype) || !reader_.read_u16(rrclass) ||
-      !reader_.read_u32(out.ttl) || !reader_.read_u16(rdlength) || reader_.remaining() < rdlength) {
+  if (!reader_.read_name(out.name, &out.name_last_label) || !reader_.read_u16(out.rrtype) ||
+      !reader_.read_u16(rrclass) || !reader_.read_u32(out.ttl) || !reader_.read_u16(rdlength) ||
+      reader_.remaining() < rdlength) {
     stop();
     return Result::kMalformed;
   }

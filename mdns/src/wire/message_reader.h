@@ -23,8 +23,10 @@ class Reader {
   bool read_u32(uint32_t& out);  // big-endian
   bool read_bytes(uint8_t* out, size_t n);
   bool skip(size_t n);
-  bool read_name(domainname& out);  // decompresses into wire form, advances past the name
-  bool seek(size_t position);       // absolute position, at most length()
+  // `last_label`, when given, receives where the name's last label begins in `out`.
+  bool read_name(domainname& out,
+                 size_t* last_label = nullptr);  // decompresses into wire form, advances past the name
+  bool seek(size_t position);                    // absolute position, at most length()
 
   // A reader over the same message that ends at `end` (clamped to length()) and
   // starts at this reader's position: compression pointers may still reach any
@@ -76,6 +78,7 @@ struct ParsedRecord {
   // canonical length is what a cached ResourceRecord's rdlength holds.
   RData rdata;
   bool rdata_truncated = false;    // data longer than mDNS_MaxRDataSize (TXT): first bytes kept
+  size_t name_last_label = 0;      // where the owner name's last label begins
   uint16_t received_rdlength = 0;  // RDLENGTH as it was on the wire (names possibly compressed)
 };
 

@@ -103,38 +103,55 @@ bool is_local_label(const uint8_t* label) {
 
 }  // namespace
 
-// Called for every record received on the link: one walk over the labels,
-// keeping where the last ones began.
+// The link-local reverse zones, for a name whose last label is "arpa" and
+// that has `count` labels.
+bool in_link_local_reverse_zone(const domainname& name, size_t count) {
+  if (count < 4) {
+    return false;
+  }
+  const uint8_t* label = skip_labels(name, count - 4);
+  const uint8_t* l[4];
+  for (const uint8_t*& each : l) {
+    each = label;
+    label += 1u + label[0];
+  }
+  if (label_equals(l[2], "in-addr")) {
+    return label_equals(l[1], "169") && label_equals(l[0], "254");
+  }
+  // fe80::/10: the nibbles f, e, then 8, 9, a or b.
+  if (count < 5 || !label_equals(l[2], "ip6") || !label_equals(l[1], "f") || !label_equals(l[0], "e")) {
+    return false;
+  }
+  const uint8_t* nibble = skip_labels(name, count - 5);
+  return label_equals(nibble, "8") || label_equals(nibble, "9") || label_equals(nibble, "a") ||
+         label_equals(nibble, "b");
+}
+
+// Called for every new record received on the link: one walk to the last
+// label, which is "local" for almost all of them.
 bool name_is_link_local(const domainname& name) {
-  constexpr size_t kRing = 8;  // holds the five that matter
-  const uint8_t* starts[kRing];
+  const uint8_t* last = nullptr;
   size_t count = 0;
   size_t at = 0;
   while (name.c[at] != 0) {
     if (name.c[at] > MAX_DOMAIN_LABEL || at + 1u + name.c[at] >= MAX_DOMAIN_NAME) {
       return false;
     }
-    starts[count++ % kRing] = &name.c[at];
+    last = &name.c[at];
+    ++count;
     at += 1u + name.c[at];
   }
-  const auto from_end = [&](size_t k) { return starts[(count - 1 - k) % kRing]; };
-  if (count == 0) {
+  if (last == nullptr) {
     return false;
   }
-  if (is_local_label(from_end(0))) {
-    return true;
-  }
-  if (!label_equals(from_end(0), "arpa")) {
+  return is_local_label(last) || (label_equals(last, "arpa") && in_link_local_reverse_zone(name, count));
+}
+
+bool name_is_link_local(const domainname& name, size_t last_label) {
+  if (last_label >= kMaxNameLength || name.c[last_label] == 0) {
     return false;
   }
-  if (count >= 4 && label_equals(from_end(1), "in-addr")) {
-    return label_equals(from_end(2), "169") && label_equals(from_end(3), "254");
-  }
-  // fe80::/10: the nibbles f, e, then 8, 9, a or b.
-  return count >= 5 && label_equals(from_end(1), "ip6") && label_equals(from_end(2), "f") &&
-         label_equals(from_end(3), "e") &&
-         (label_equals(from_end(4), "8") || label_equals(from_end(4), "9") ||
-          label_equals(from_end(4), "a") || label_equals(from_end(4), "b"));
+  return is_local_label(&name.c[last_label]) || name_is_link_local(name);
 }
 
 }  // namespace mdns

@@ -36,5 +36,8 @@ bool label_equals(const uint8_t* label, const char* text);
 // Whether the name belongs to the link (under local. or a link-local reverse
 // zone: 254.169.in-addr.arpa., 8-b.e.f.ip6.arpa.) rather than to unicast DNS.
 bool name_is_link_local(const domainname& name);
+// The same for a well-formed name whose last label begins at `last_label`
+// (as the message reader found it): no walk for a name under local.
+bool name_is_link_local(const domainname& name, size_t last_label);
 
 }  // namespace mdns
