@@ -1,27 +1,22 @@
-// A program against one core in test mode: questions and resolves started and
-// stopped over a small pool of slots, responses built from a small dictionary
-// of names (multicast, one-shot answers, unicast DNS answers on the socket of
-// an outstanding query), time that passes, and callbacks that themselves stop,
-// start, restart or shut the core down.  What the core promises its callers is
-// checked as it runs: a callback comes only inside a pass, only for a question
-// or resolve that is started (never after its stop), with an answer to what it
-// asked; a browse reports an instance once and its removal only after its add;
-// a question the application did not stop stays started.  Stopped questions and
-// resolves are freed when the core hands control back, so that a later use of
-// them is a heap-use-after-free.
+// A program against one core in test mode: questions, browses and resolves
+// started and stopped over a small pool of slots; multicast, one-shot and
+// unicast DNS responses built from a small dictionary of names; time that
+// passes; interfaces that change; and callbacks that themselves stop, start,
+// restart or shut the core down.  Checked as it runs: a callback comes only
+// inside a pass, only for what is started (never after its stop), with an
+// answer to what was asked; a browse reports an instance once and its removal
+// only after its add; what the application did not stop stays started; between
+// operations no walk is open and no packet's records wait.  Stopped storage is
+// freed once the core hands control back, so that a later use of it is a
+// heap-use-after-free.
 //
-// Input: [config][program length, 2 bytes big-endian][program][callback actions]
-//   config: bit 0 a second interface, bits 1-2 the cache size.
-//   program: operations (see run_operation), at most kMaxOperations.
-//   callback actions: each callback takes the next byte (see act); none left,
-//   it does nothing.
-// fuzz/mdns_callbacks_seeds.py writes the seeds (and shows the format in use);
-// MDNS_FUZZ_TRACE=1 prints what a program does.
+// Input: [config: bit 0 a second interface, bits 1-2 the cache size]
+//        [program length, 2 bytes big-endian][program (see run_operation)]
+//        [callback actions: each callback takes the next byte (see act)]
+// fuzz/mdns_callbacks_seeds.py writes the seeds (and shows the format in use).
 #include <sys/select.h>
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -29,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "dns_builder.h"
 #include "engine/engine.h"
 #include "mdns/mdns.h"
 #include "platform/interfaces_posix.h"
@@ -42,65 +38,27 @@ extern "C" const char ProgramName[] = "fuzz_mdns_callbacks";
 
 namespace {
 
-constexpr int kQuestionSlots = 5;
-constexpr int kSlots = 8;  // the last kSlots - kQuestionSlots are resolves
-constexpr int kMaxOperations = 200;
+using sorvalen::test::Bytes, sorvalen::test::DnsMessage, sorvalen::test::Record, sorvalen::test::wire_name;
+
+constexpr int kQuestionSlots = 5, kSlots = 8;  // slots from kQuestionSlots on are resolves
+constexpr int kMaxOperations = 200, kMaxNesting = 4, kMaxPassesPerAdvance = 400;
 constexpr int kMaxCallbacks = 20000;  // later callbacks do nothing
-constexpr int kMaxNesting = 4;
-constexpr int kMaxPassesPerAdvance = 400;
 constexpr size_t kMaxDatagram = 9000;
 constexpr unsigned kMaxBulkRecords = 510;
-constexpr uint32_t kCacheSizes[] = {16, 64, 256, 600};
-constexpr uint32_t kMaxCache = 600;
-constexpr int32_t kEpoch = 1000000;
-constexpr int kAskedRing = 4;
-
-[[noreturn]] void violation(const char* what) {
-  std::fprintf(stderr, "fuzz_mdns_callbacks: %s\n", what);
-  std::abort();
-}
-
-// MDNS_FUZZ_TRACE=1: what a program does, for reading a reproducer.
-bool tracing() {
-  static const bool on = std::getenv("MDNS_FUZZ_TRACE") != nullptr;
-  return on;
-}
-
-template <typename... Args>
-void trace(const char* format, Args... args) {
-  if (tracing()) {
-    std::fprintf(stderr, format, args...);
-  }
-}
 
 void require(bool holds, const char* what) {
   if (!holds) {
-    violation(what);
+    std::fprintf(stderr, "fuzz_mdns_callbacks: %s\n", what);
+    std::abort();
   }
 }
 
-// ---- Input ------------------------------------------------------------------
-
-class ByteStream {
- public:
-  ByteStream() = default;
-  ByteStream(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-  bool empty() const { return pos_ >= size_; }
-  uint8_t next() { return pos_ < size_ ? data_[pos_++] : 0; }
-  std::vector<uint8_t> take(size_t n) {
-    n = std::min(n, size_ - pos_);
-    std::vector<uint8_t> out(data_ + pos_, data_ + pos_ + n);
-    pos_ += n;
-    return out;
-  }
-
- private:
-  const uint8_t* data_ = nullptr;
-  size_t size_ = 0;
-  size_t pos_ = 0;
+struct ByteStream {
+  const uint8_t* data = nullptr;
+  size_t size = 0, pos = 0;
+  bool empty() const { return pos >= size; }
+  uint8_t next() { return pos < size ? data[pos++] : 0; }
 };
-
-// ---- Names --------------------------------------------------------------------
 
 const char* const kInstances[] = {"tv", "Speaker", "printer (2)", "a\\.b"};
 const char* const kTypes[] = {"_http._tcp", "_ipp._udp"};
@@ -109,520 +67,275 @@ const char* const kHosts[] = {"host1", "host2", "HOST1", "dev-3"};
 
 domainname name_of(const std::string& text) {
   domainname out{};
-  if (MakeDomainNameFromDNSNameString(&out, text.c_str()) == nullptr) {
-    out = domainname{};
-  }
-  return out;
+  return MakeDomainNameFromDNSNameString(&out, text.c_str()) != nullptr ? out : domainname{};
+}
+
+std::string text_of(const domainname& name) {
+  char text[MAX_ESCAPED_DOMAIN_NAME];
+  ConvertDomainNameToCString_withescape(&name, text, '\\');
+  return text;
 }
 
 // 0-3 from the dictionary, then the names that bulk records use ("b0", "h0"...).
-std::string instance_label(unsigned i) {
-  return i < 4 ? kInstances[i] : "b" + std::to_string(i - 4);
-}
-std::string host_label(unsigned i) {
-  return i < 4 ? kHosts[i] : "h" + std::to_string(i - 4);
-}
 std::string service_type(unsigned type, unsigned domain) {
   return std::string(kTypes[type & 1]) + "." + kDomains[domain & 1];
 }
-std::string instance_name(unsigned instance, unsigned type, unsigned domain) {
-  return instance_label(instance) + "." + service_type(type, domain);
+std::string instance_label(unsigned i) {
+  return i < 4 ? kInstances[i] : "b" + std::to_string(i - 4);
 }
-std::string host_name(unsigned host, unsigned domain) {
-  return host_label(host) + "." + kDomains[domain & 1];
+std::string instance_name(unsigned i, unsigned type, unsigned domain) {
+  return instance_label(i) + "." + service_type(type, domain);
 }
-
-bool is_local(const domainname& name) {
-  static const domainname local = name_of("local.");
-  return mdns::name_is_under(name, local);
+std::string host_name(unsigned i, unsigned domain) {
+  return (i < 4 ? kHosts[i] : "h" + std::to_string(i - 4)) + "." + kDomains[domain & 1];
 }
 
-std::string lowered(const uint8_t* bytes, size_t n) {
-  std::string out(reinterpret_cast<const char*>(bytes), n);
-  for (char& c : out) {
-    c = (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-  }
-  return out;
-}
-
-std::string name_key(const domainname& name) {
-  return lowered(name.c, mdns::name_length(name));
-}
-
-// ---- Building messages ----------------------------------------------------------
-
-struct OutRecord {
-  mdns::Section section;
-  domainname name;
-  uint16_t type;
-  uint16_t rrclass;
-  uint32_t ttl;
-  std::vector<uint8_t> fixed;  // data before a name (SRV), or all of it
-  bool has_name;
-  domainname data_name;  // PTR target, SRV target
-};
-
-class MessageBuilder {
- public:
-  MessageBuilder(uint16_t id, uint16_t flags) : id_(id), flags_(flags) {}
-
-  void question(const domainname& name, uint16_t type, uint16_t qclass) {
-    questions_.push_back({mdns::Section::kQuestion, name, type, qclass, 0, {}, false, {}});
-  }
-  void record(const OutRecord& r) { records_.push_back(r); }
-  void raw(const std::vector<uint8_t>& bytes, uint16_t answers, uint16_t additionals) {
-    raw_ = bytes;
-    raw_answers_ = answers;
-    raw_additionals_ = additionals;
-  }
-  size_t record_count() const { return records_.size(); }
-
-  std::vector<uint8_t> bytes() {
-    std::stable_sort(records_.begin(), records_.end(),
-                     [](const OutRecord& a, const OutRecord& b) { return a.section < b.section; });
-    uint16_t counts[4] = {static_cast<uint16_t>(questions_.size()), raw_answers_, 0, raw_additionals_};
-    for (const OutRecord& r : records_) {
-      counts[static_cast<int>(r.section)]++;
+// A record of `type` for `owner`; `variant` picks the values, `index` keeps
+// bulk records apart.  A PTR points under its owner: what a browse of it takes
+// for an instance.
+Record make_record(const std::string& owner, uint16_t type, unsigned names, uint8_t variant, unsigned index) {
+  Record r{owner, type, 120, {variant}, false};
+  const unsigned domain = mdns::name_is_under(name_of(owner), name_of("local.")) ? 0 : 1;
+  const uint8_t low = uint8_t(index), high = uint8_t(index >> 8);
+  const bool alt = (variant & 0x80) != 0;
+  if (type == kDNSType_PTR) {
+    r.data =
+        wire_name((index > 0 ? "b" + std::to_string(index - 1) : instance_label(names & 7)) + "." + owner);
+  } else if (type == kDNSType_SRV) {
+    const unsigned port = 80 + (variant & 7) + index;
+    r.data = wire_name(host_name((names >> 5) & 7, domain));
+    r.data.insert(r.data.begin(), {0, 0, 0, 0, uint8_t(port >> 8), uint8_t(port)});
+  } else if (type == kDNSType_TXT) {
+    const size_t length = alt ? 600 : 1 + (variant & 15);  // over 512: cut when stored
+    r.data.assign(length, uint8_t('a' + (variant & 7)));
+    r.data[0] = uint8_t(std::min<size_t>(length - 1, 255));
+    if (index > 0) {
+      r.data.insert(r.data.end(), {low, high});
     }
-    out_.clear();
-    suffixes_.clear();
-    put16(id_);
-    put16(flags_);
-    for (uint16_t c : counts) {
-      put16(c);
-    }
-    for (const OutRecord& q : questions_) {
-      put_name(q.name);
-      put16(q.type);
-      put16(q.rrclass);
-    }
-    for (const OutRecord& r : records_) {
-      put_record(r);
-    }
-    out_.insert(out_.end(), raw_.begin(), raw_.end());
-    return out_;
-  }
-
- private:
-  void put16(uint16_t v) {
-    out_.push_back(static_cast<uint8_t>(v >> 8));
-    out_.push_back(static_cast<uint8_t>(v));
-  }
-
-  // Compressed: a suffix written before becomes a pointer to it.
-  void put_name(const domainname& name) {
-    const size_t length = mdns::name_length(name);
-    size_t i = 0;
-    while (length != 0 && name.c[i] != 0) {
-      const std::string suffix(reinterpret_cast<const char*>(name.c + i), length - i);
-      const auto known = suffixes_.find(suffix);
-      if (known != suffixes_.end()) {
-        put16(static_cast<uint16_t>(0xC000 | known->second));
-        return;
-      }
-      if (out_.size() < 0x3FFF) {
-        suffixes_[suffix] = static_cast<uint16_t>(out_.size());
-      }
-      out_.insert(out_.end(), name.c + i, name.c + i + 1 + name.c[i]);
-      i += 1 + static_cast<size_t>(name.c[i]);
-    }
-    out_.push_back(0);
-  }
-
-  void put_record(const OutRecord& r) {
-    put_name(r.name);
-    put16(r.type);
-    put16(r.rrclass);
-    put16(static_cast<uint16_t>(r.ttl >> 16));
-    put16(static_cast<uint16_t>(r.ttl));
-    const size_t at = out_.size();
-    put16(0);
-    out_.insert(out_.end(), r.fixed.begin(), r.fixed.end());
-    if (r.has_name) {
-      put_name(r.data_name);
-    }
-    const size_t length = out_.size() - at - 2;
-    out_[at] = static_cast<uint8_t>(length >> 8);
-    out_[at + 1] = static_cast<uint8_t>(length);
-  }
-
-  uint16_t id_;
-  uint16_t flags_;
-  std::vector<OutRecord> questions_;
-  std::vector<OutRecord> records_;
-  std::vector<uint8_t> raw_;
-  uint16_t raw_answers_ = 0;
-  uint16_t raw_additionals_ = 0;
-  std::vector<uint8_t> out_;
-  std::map<std::string, uint16_t> suffixes_;
-};
-
-// Data of a record of `type` for `owner`; `variant` picks the values, `index`
-// keeps bulk records apart.
-OutRecord make_record(const domainname& owner, uint16_t type, unsigned names, uint8_t variant,
-                      unsigned index) {
-  OutRecord r{mdns::Section::kAnswer, owner, type, kDNSClass_IN, 120, {}, false, {}};
-  const unsigned domain = is_local(owner) ? 0 : 1;
-  switch (type) {
-    case kDNSType_PTR: {
-      // Under the owner itself: what a browse of it takes for an instance.
-      const std::string label = index > 0 ? "b" + std::to_string(index - 1) : instance_label(names & 7);
-      char owner_text[MAX_ESCAPED_DOMAIN_NAME];
-      ConvertDomainNameToCString_withescape(&owner, owner_text, '\\');
-      r.has_name = true;
-      r.data_name = name_of(label + "." + owner_text);
-      break;
-    }
-    case kDNSType_SRV: {
-      const unsigned port = 80 + (variant & 7) + index;
-      r.fixed = {0, 0, 0, 0, static_cast<uint8_t>(port >> 8), static_cast<uint8_t>(port)};
-      r.has_name = true;
-      r.data_name = name_of(host_name((names >> 5) & 7, domain));
-      break;
-    }
-    case kDNSType_TXT: {
-      const size_t length = (variant & 0x80) != 0 ? 600 : 1 + (variant & 15);  // over 512: cut when stored
-      r.fixed.assign(length, static_cast<uint8_t>('a' + (variant & 7)));
-      r.fixed[0] = static_cast<uint8_t>(length - 1 > 255 ? 255 : length - 1);
-      if (index > 0) {
-        r.fixed.push_back(static_cast<uint8_t>(index));
-        r.fixed.push_back(static_cast<uint8_t>(index >> 8));
-      }
-      break;
-    }
-    case kDNSType_A:
-      r.fixed = {static_cast<uint8_t>((variant & 0x80) != 0 ? 10 : 192), static_cast<uint8_t>(index >> 8),
-                 static_cast<uint8_t>(index), variant};
-      break;
-    case kDNSType_AAAA:
-      r.fixed.assign(16, 0);
-      r.fixed[0] = (variant & 0x80) != 0 ? 0x20 : 0xfe;
-      r.fixed[1] = (variant & 0x80) != 0 ? 0x01 : 0x80;
-      r.fixed[13] = static_cast<uint8_t>(index >> 8);
-      r.fixed[14] = static_cast<uint8_t>(index);
-      r.fixed[15] = variant;
-      break;
-    default:
-      r.fixed = {variant};
-      break;
+  } else if (type == kDNSType_A) {
+    r.data = {uint8_t(alt ? 10 : 192), high, low, variant};
+  } else if (type == kDNSType_AAAA) {
+    r.data = {uint8_t(alt ? 0x20 : 0xfe), uint8_t(alt ? 0x01 : 0x80)};
+    r.data.resize(13);
+    r.data.insert(r.data.end(), {high, low, variant});
   }
   return r;
 }
 
-uint32_t ttl_of(unsigned code, uint8_t variant) {
-  static const uint32_t kTtls[] = {0, 3, 120, 4500};
-  return code != 0 && variant == 0xFF ? 0xFFFFFFFFu : kTtls[code & 3];
-}
-
-// ---- The core and what it sent ------------------------------------------------------
-
-// A one-shot or unicast query the core sent: what an answer must repeat.
+// A one-shot or unicast query the core sent (none when it has no questions):
+// what an answer must repeat.
 struct Asked {
-  bool valid = false;
-  mdns::Transport transport = mdns::Transport::kOneShot;
-  mDNSInterfaceID interface_id = nullptr;
-  int family = 0;
-  int socket = -1;
-  mDNSAddr server{};
-  uint16_t port = 0;
+  mdns::SentMessage sent{};  // without its data
   uint16_t id = 0;
   std::vector<mdns::ParsedQuestion> questions;
 };
 
 struct Slot {
-  bool resolve = false;
+  bool resolve = false, started = false, browse = false;
   DNSQuestion* question = nullptr;  // freed when retired: a later use is caught
   ServiceInfoQuery* query = nullptr;
   ServiceInfo* info = nullptr;
-  bool started = false;
-  bool browse = false;
+  bool free_pending = false;
   uint8_t params[2] = {0, 0};
   std::map<std::string, int> reported;  // answers added and not yet removed
 };
 
+// What one input changes, reset before the next.
+struct Run {
+  int32_t now = 1000000;
+  uint32_t cache_size = 64;
+  bool two_interfaces = false, core_up = false, retire_all = false;
+  bool driving = false;       // inside a pass: callbacks may run
+  bool exit_started = false;  // StartExit without FinalExit yet
+  int depth = 0, callbacks = 0;
+  ByteStream actions;
+  Asked asked[2][4];  // one-shot, unicast: the last four of each
+  unsigned asked_next[2] = {0, 0};
+};
+
 mDNS g_core;
 mDNS_PlatformSupport g_platform;
-CacheEntity g_cache[kMaxCache];
-uint32_t g_cache_size = 64;
+CacheEntity g_cache[600];
 mdns::InterfaceSnapshot g_interfaces;
-bool g_two_interfaces = false;
-int32_t g_now = kEpoch;
-bool g_core_up = false;
-bool g_driving = false;  // inside a pass: callbacks may run
-int g_depth = 0;
-int g_callbacks = 0;
-bool g_retire_all = false;
-bool g_exit_started = false;  // StartExit without FinalExit yet
-std::vector<int> g_to_retire;
-ByteStream g_actions;
 Slot g_slots[kSlots];
-Asked g_one_shots[kAskedRing];
-Asked g_unicast[kAskedRing];
-int g_one_shot_next = 0;
-int g_unicast_next = 0;
-
-const char* const kSources[] = {"192.168.1.20", "fe80::20", "10.0.0.20", "169.254.7.7"};
+Run g;
 
 void on_send(void*, const mdns::SentMessage& sent) {
+  const int unicast = sent.transport == mdns::Transport::kOneShot ? 0 : 1;
   if (sent.transport == mdns::Transport::kMulticast) {
     return;
   }
-  const bool one_shot = sent.transport == mdns::Transport::kOneShot;
-  Asked& a =
-      one_shot ? g_one_shots[g_one_shot_next++ % kAskedRing] : g_unicast[g_unicast_next++ % kAskedRing];
-  a = Asked{};
+  Asked& a = g.asked[unicast][g.asked_next[unicast]++ % 4];
+  a = Asked{sent, 0, {}};
+  a.sent.data = nullptr;
   const size_t prefix = sent.transport == mdns::Transport::kUnicastTcp ? 2 : 0;
-  if (sent.length < prefix) {
-    return;
-  }
-  mdns::MessageParser parser(sent.data + prefix, sent.length - prefix);
-  mdns::MessageHeader header;
-  if (!parser.read_header(header)) {
-    return;
-  }
+  mdns::MessageParser parser(sent.data + prefix, sent.length - std::min(sent.length, prefix));
+  mdns::MessageHeader header{};
   mdns::ParsedQuestion q;
-  for (int i = 0; i < header.qdcount && i < 64 && parser.next_question(q) == mdns::MessageParser::Result::kOk;
-       ++i) {
+  for (bool ok = sent.length >= prefix && parser.read_header(header);
+       ok && a.questions.size() < header.qdcount && a.questions.size() < 64 &&
+       parser.next_question(q) == mdns::MessageParser::Result::kOk;) {
     a.questions.push_back(q);
   }
-  a.valid = true;
-  a.transport = sent.transport;
-  a.interface_id = sent.interface_id;
-  a.family = sent.family;
-  a.socket = sent.socket;
-  a.server = sent.destination;
-  a.port = sent.port;
   a.id = header.id;
-  if (tracing() && !a.questions.empty()) {
-    char text[MAX_ESCAPED_DOMAIN_NAME];
-    ConvertDomainNameToCString_withescape(&a.questions[0].name, text, '\\');
-    trace("  sent %s: %s type %d and %d more\n", one_shot ? "one-shot" : "unicast", text,
-          static_cast<int>(a.questions[0].qtype), static_cast<int>(a.questions.size() - 1));
-  }
 }
 
 void publish_interfaces(bool second) {
-  g_interfaces.count = 0;
-  mdns::InterfaceRecord& eth0 = g_interfaces.entries[g_interfaces.count++];
-  mdns::interface_reset(eth0, "eth0", 2);
-  mdns::interface_add_address(eth0, mdns::address_from_text("192.168.1.10"), 24);
-  mdns::interface_add_address(eth0, mdns::address_from_text("fe80::10"), 64);
-  eth0.v4usable = eth0.v6usable = true;
+  g_interfaces.count = second ? 2 : 1;
+  for (size_t i = 0; i < g_interfaces.count; ++i) {
+    mdns::InterfaceRecord& e = g_interfaces.entries[i];
+    mdns::interface_reset(e, i == 0 ? "eth0" : "eth1", i == 0 ? 2u : 3u);
+    mdns::interface_add_address(e, mdns::address_from_text(i == 0 ? "192.168.1.10" : "10.0.0.10"), 24);
+    mdns::interface_add_address(e, mdns::address_from_text(i == 0 ? "fe80::10" : "fe80::11"), 64);
+    e.v4usable = e.v6usable = true;
+  }
   if (second) {
-    mdns::InterfaceRecord& eth1 = g_interfaces.entries[g_interfaces.count++];
-    mdns::interface_reset(eth1, "eth1", 3);
-    mdns::interface_add_address(eth1, mdns::address_from_text("10.0.0.10"), 24);
-    mdns::interface_add_address(eth1, mdns::address_from_text("fe80::11"), 64);
-    mdns::interface_add_address(eth1, mdns::address_from_text("2001:db8:1::10"), 64);
-    eth1.v4usable = eth1.v6usable = true;
+    mdns::interface_add_address(g_interfaces.entries[1], mdns::address_from_text("2001:db8:1::10"), 64);
   }
 }
 
-void init_core() {
+mStatus init_core() {
   std::memset(&g_platform, 0, sizeof g_platform);
   mdns::platform_use_test_mode(&g_platform, &g_interfaces);
   mdns::platform_set_send_hook(&g_platform, on_send, nullptr);
   const mDNSAddr servers[] = {mdns::address_from_text("192.0.2.53"), mdns::address_from_text("2001:db8::53")};
   const uint16_t ports[] = {53, 53};
   mdns::platform_test_set_name_servers(&g_platform, servers, ports, 2);
-  mdns::engine_set_fake_clock(&g_core, g_now);
-  require(
-      mDNS_Init(&g_core, &g_platform, g_cache, g_cache_size, mDNSfalse, nullptr, nullptr) == mStatus_NoError,
-      "mDNS_Init failed");
-  mdns::engine_set_fake_clock(&g_core, g_now);
+  mdns::engine_set_fake_clock(&g_core, g.now);
+  const mStatus status = mDNS_Init(&g_core, &g_platform, g_cache, g.cache_size, mDNSfalse, nullptr, nullptr);
+  mdns::engine_set_fake_clock(&g_core, g.now);
   mdns::core_of(&g_core).random_state = 0x2545f491;
-  g_core_up = true;
+  g.core_up = status == mStatus_NoError;
+  return status;
 }
 
 mDNSInterfaceID interface_of(unsigned code) {
-  switch (code & 3) {
-    case 1:
-      return mdns::platform_interface_id_of(&g_core, "eth0");
-    case 2:
-      return mdns::platform_interface_id_of(&g_core, "eth1");
-    default:
-      return mDNSInterface_Any;
-  }
-}
-
-// ---- Slots --------------------------------------------------------------------------
-
-void allocate(Slot& s) {
-  if (s.resolve) {
-    s.query = new ServiceInfoQuery();
-    s.info = new ServiceInfo();
-  } else {
-    s.question = new DNSQuestion();
-  }
-}
-
-void release(Slot& s) {
-  delete s.question;
-  delete s.query;
-  delete s.info;
-  s.question = nullptr;
-  s.query = nullptr;
-  s.info = nullptr;
+  return (code & 3) == 1   ? mdns::platform_interface_id_of(&g_core, "eth0")
+         : (code & 3) == 2 ? mdns::platform_interface_id_of(&g_core, "eth1")
+                           : mDNSInterface_Any;
 }
 
 // Stopped memory goes back to the heap, and the slot gets fresh zeroed memory
-// (a question never started).
-void retire(Slot& s) {
-  require(!s.started, "retiring a started slot");
-  release(s);
-  allocate(s);
+// (a question never started).  Only once the core has handed control back: a
+// callback's own question must stay valid until the callback returns.
+void retire(Slot& s, bool renew) {
+  delete s.question;
+  delete s.query;
+  delete s.info;
+  s.question = renew && !s.resolve ? new DNSQuestion() : nullptr;
+  s.query = renew && s.resolve ? new ServiceInfoQuery() : nullptr;
+  s.info = renew && s.resolve ? new ServiceInfo() : nullptr;
 }
 
-// Only once the core has handed control back: a callback's own question must
-// stay valid until the callback returns.
 void retire_pending() {
-  if (g_retire_all) {
-    for (Slot& s : g_slots) {
-      retire(s);
+  for (Slot& s : g_slots) {
+    if ((g.retire_all || s.free_pending) && !s.started) {
+      retire(s, true);
     }
-    g_retire_all = false;
+    s.free_pending = false;
   }
-  for (int i : g_to_retire) {
-    if (!g_slots[i].started) {
-      retire(g_slots[i]);
-    }
-  }
-  g_to_retire.clear();
+  g.retire_all = false;
 }
 
 void on_answer(mDNS* const m, DNSQuestion* question, const ResourceRecord* const answer, QC_result kind);
 void on_resolved(mDNS* const m, ServiceInfoQuery* query);
 
-// A slot already started is started again with what it was started with:
-// refused, and left as it is.
-mStatus start_question(Slot& s) {
-  DNSQuestion* q = s.question;
-  const uint8_t p = s.params[0];
-  const uint8_t r = s.params[1];
-  const mDNSInterfaceID interface_id = interface_of(r);
-  if ((p & 1) == 0) {
-    s.browse = true;
-    const domainname type = name_of(kTypes[(p >> 1) & 1]);
-    const domainname domain = name_of(kDomains[(p >> 2) & 1]);
-    return mDNS_StartBrowse(&g_core, q, &type, &domain, interface_id, mDNSfalse, on_answer, &s);
-  }
-  s.browse = false;
-  if (s.started) {
-    return mDNS_StartQuery(&g_core, q);  // its fields belong to the core while it runs
-  }
-  static const uint16_t kQueryTypes[] = {kDNSType_A, kDNSType_AAAA, kDNSType_SRV, kDNSType_TXT, kDNSType_PTR};
-  const uint16_t qtype = kQueryTypes[((p >> 1) & 7) % 5];
-  const unsigned domain = (p >> 4) & 1;
-  const unsigned which = (p >> 5) & 7;
-  const unsigned type = (r >> 2) & 1;
-  q->qname = name_of(qtype == kDNSType_PTR                            ? service_type(type, domain)
-                     : qtype == kDNSType_SRV || qtype == kDNSType_TXT ? instance_name(which, type, domain)
-                                                                      : host_name(which, domain));
-  q->qtype = qtype;
-  q->qclass = kDNSClass_IN;
-  q->InterfaceID = interface_id;
-  q->ForceMCast = mDNSfalse;
-  q->QuestionCallback = on_answer;
-  q->QuestionContext = &s;
-  return mDNS_StartQuery(&g_core, q);
-}
-
+// A started slot is started again with what it was started with: a question
+// is refused and left as it is, a resolve starts afresh on the same storage.
 void start_slot(int index, uint8_t p, uint8_t r) {
   Slot& s = g_slots[index];
-  if (!s.started) {
+  const bool was_started = s.started;
+  if (!was_started) {
     s.params[0] = p;
     s.params[1] = r;
+    s.browse = !s.resolve && (p & 1) == 0;
   }
+  p = s.params[0];
+  r = s.params[1];
+  DNSQuestion* q = s.question;
+  mStatus status;
   if (s.resolve) {
-    // A running resolve starts afresh on the same storage.
-    if (!s.started) {
+    if (!was_started) {
       s.info->name = name_of(instance_name(p & 7, (p >> 3) & 1, (p >> 4) & 1));
       s.info->InterfaceID = interface_of(r);
     }
-    const mStatus status = mDNS_StartResolveService(&g_core, s.query, s.info, on_resolved, &s);
-    trace("  start resolve %d: %d\n", index, static_cast<int>(status));
-    s.started = status == mStatus_NoError;
+    status = mDNS_StartResolveService(&g_core, s.query, s.info, on_resolved, &s);
+  } else if (s.browse) {
+    const domainname type = name_of(kTypes[(p >> 1) & 1]), domain = name_of(kDomains[(p >> 2) & 1]);
+    status = mDNS_StartBrowse(&g_core, q, &type, &domain, interface_of(r), mDNSfalse, on_answer, &s);
+  } else {
+    if (!was_started) {  // a running question's fields belong to the core
+      static const uint16_t kQtypes[] = {kDNSType_A, kDNSType_AAAA, kDNSType_SRV, kDNSType_TXT, kDNSType_PTR};
+      const uint16_t qtype = kQtypes[((p >> 1) & 7) % 5];
+      const unsigned domain = (p >> 4) & 1, which = (p >> 5) & 7, type = (r >> 2) & 1;
+      q->qname = name_of(qtype == kDNSType_PTR                            ? service_type(type, domain)
+                         : qtype == kDNSType_SRV || qtype == kDNSType_TXT ? instance_name(which, type, domain)
+                                                                          : host_name(which, domain));
+      q->qtype = qtype;
+      q->qclass = kDNSClass_IN;
+      q->InterfaceID = interface_of(r);
+      q->QuestionCallback = on_answer;
+      q->QuestionContext = &s;
+    }
+    status = mDNS_StartQuery(&g_core, q);
+  }
+  require(!was_started || s.resolve || status != mStatus_NoError, "a started question was started again");
+  s.started = (was_started && !s.resolve) || status == mStatus_NoError;
+  if (!was_started || s.resolve) {
     s.reported.clear();
-    return;
   }
-  const bool was_started = s.started;
-  const mStatus status = start_question(s);
-  trace("  start %s %d: %d\n", s.browse ? "browse" : "query", index, static_cast<int>(status));
-  if (was_started) {
-    require(status != mStatus_NoError, "a started question was started again");
-    return;
-  }
-  s.started = status == mStatus_NoError;
-  s.reported.clear();
 }
 
 void stop_slot(int index, bool free_it) {
   Slot& s = g_slots[index];
-  trace("  stop %d%s%s\n", index, s.started ? "" : " (not started)", free_it ? ", then free" : "");
   if (s.resolve) {
     mDNS_StopResolveService(&g_core, s.query);
   } else {
     const mStatus status = mDNS_StopQuery(&g_core, s.question);
-    if (g_core_up) {
-      require((status == mStatus_NoError) == s.started,
-              s.started ? "a question the application did not stop was no longer started"
-                        : "stopping a question that was not started succeeded");
-    }
+    require(!g.core_up || (status == mStatus_NoError) == s.started,
+            s.started ? "a question the application did not stop was no longer started"
+                      : "stopping a question that was not started succeeded");
   }
   s.started = false;
   s.reported.clear();
-  if (free_it) {
-    g_to_retire.push_back(index);
-  }
+  s.free_pending = s.free_pending || free_it;
 }
 
-// Out of a callback: StartExit and FinalExit, and maybe Init again at once.
-enum class Exit { kStartOnly, kFinal, kFinalAndInit };
-
-// StartExit stops every question: what they used is the application's again.
-// After StartExit alone the core runs on, shutting down, until the next
-// operation begins.
-void shut_down(Exit how) {
-  trace("  exit %d\n", static_cast<int>(how));
+// how: 0 StartExit, 1 and FinalExit, 2 and Init again.  StartExit stops every
+// question: what they used is the application's again.  After StartExit alone
+// the core runs on, shutting down, until the next operation begins.
+void shut_down(int how) {
   mDNS_StartExit(&g_core);
   for (Slot& s : g_slots) {
     s.started = false;
     s.reported.clear();
   }
-  g_retire_all = true;
-  g_exit_started = true;
-  if (how == Exit::kStartOnly) {
-    return;
+  g.retire_all = true;
+  g.exit_started = how == 0;
+  if (how > 0) {
+    mDNS_FinalExit(&g_core);
+    g.core_up = false;
   }
-  mDNS_FinalExit(&g_core);
-  g_core_up = false;
-  g_exit_started = false;
-  if (how != Exit::kFinalAndInit) {
-    return;
-  }
-  if (g_depth > 0) {
+  if (how == 2) {
     // Not while a callback of the same storage is under way: the core says so,
     // and starts again after it (between operations).
-    require(mDNS_Init(&g_core, &g_platform, g_cache, g_cache_size, mDNSfalse, nullptr, nullptr) ==
-                mStatus_BadStateErr,
-            "mDNS_Init inside a callback was not refused");
-    return;
+    const mStatus status =
+        g.depth > 0 ? mDNS_Init(&g_core, &g_platform, g_cache, g.cache_size, mDNSfalse, nullptr, nullptr)
+                    : init_core();
+    require(status == (g.depth > 0 ? mStatus_BadStateErr : mStatus_NoError),
+            "mDNS_Init refused outside a callback, or not refused inside one");
   }
-  init_core();
 }
 
 void finish_exit() {
-  if (g_exit_started) {
+  if (g.exit_started) {
     mDNS_FinalExit(&g_core);
-    g_core_up = false;
-    g_exit_started = false;
+    g.core_up = g.exit_started = false;
   }
-  if (!g_core_up) {
-    init_core();
+  if (!g.core_up) {
+    require(init_core() == mStatus_NoError, "mDNS_Init failed");
   }
 }
-
-// ---- Callbacks -------------------------------------------------------------------------
 
 // One action byte: bits 0-2 what (0-2 nothing, 3 stop itself, 4 stop another
 // slot, 5 start another slot (two more bytes: its parameters), 6 stop and start
@@ -630,542 +343,309 @@ void finish_exit() {
 // 0xF7 StartExit and FinalExit, 0xEF StartExit).  Bit 3: free what was stopped
 // once the core returns.  Bits 4-6: the other slot.
 void act(int self) {
-  if (g_depth >= kMaxNesting || ++g_callbacks > kMaxCallbacks || g_actions.empty()) {
+  if (g.depth >= kMaxNesting || ++g.callbacks > kMaxCallbacks || g.actions.empty()) {
     return;
   }
-  ++g_depth;
-  const uint8_t a = g_actions.next();
-  trace("  action %02x\n", a);
-  const int other = (a >> 4) & 7;
-  const bool free_it = (a & 8) != 0;
-  switch (a & 7) {
-    case 3:
-      stop_slot(self, free_it);
-      break;
-    case 4:
-      stop_slot(other, free_it);
-      break;
-    case 5: {
-      const uint8_t p = g_actions.next();
-      start_slot(other, p, g_actions.next());
-      break;
-    }
-    case 6: {
-      const uint8_t p = g_slots[self].params[0];
-      const uint8_t r = g_slots[self].params[1];
-      stop_slot(self, false);
-      start_slot(self, p, r);
-      break;
-    }
-    case 7:
-      if (a == 0xFF) {
-        shut_down(Exit::kFinalAndInit);
-      } else if (a == 0xF7 || a == 0xEF) {
-        shut_down(a == 0xF7 ? Exit::kFinal : Exit::kStartOnly);
-      }
-      break;
-    default:
-      break;
+  ++g.depth;
+  const uint8_t a = g.actions.next(), what = a & 7;
+  const uint8_t p = what == 5 ? g.actions.next() : g_slots[self].params[0];
+  const uint8_t r = what == 5 ? g.actions.next() : g_slots[self].params[1];
+  if (what == 3 || what == 4 || what == 6) {
+    stop_slot(what == 4 ? (a >> 4) & 7 : self, what != 6 && (a & 8) != 0);
   }
-  --g_depth;
+  if (what == 5 || what == 6) {
+    start_slot(what == 5 ? (a >> 4) & 7 : self, p, r);
+  }
+  if (a == 0xFF || a == 0xF7 || a == 0xEF) {
+    shut_down(a == 0xFF ? 2 : a == 0xF7 ? 1 : 0);
+  }
+  --g.depth;
 }
 
-int slot_of_question(const DNSQuestion* q) {
-  for (int i = 0; i < kQuestionSlots; ++i) {
-    if (g_slots[i].started && g_slots[i].question == q) {
-      return i;
-    }
-  }
-  return -1;
-}
-
-int slot_of_resolve(const ServiceInfoQuery* query) {
-  for (int i = kQuestionSlots; i < kSlots; ++i) {
-    if (g_slots[i].started && g_slots[i].query == query) {
-      return i;
-    }
-  }
-  return -1;
-}
-
-// What identifies an answer: name, type, class, interface and data (names in
-// data without case).
+// What identifies an answer: name, type, class, interface and data, without
+// case (which at worst takes two answers for one).
 std::string answer_key(const ResourceRecord& rr) {
-  std::string key = name_key(*rr.name);
-  key += std::to_string(rr.rrtype) + "/" + std::to_string(rr.rrclass) + "/" +
+  std::string key(reinterpret_cast<const char*>(rr.name->c), mdns::name_length(*rr.name));
+  key += "/" + std::to_string(rr.rrtype) + "/" + std::to_string(rr.rrclass) + "/" +
          std::to_string(reinterpret_cast<uintptr_t>(rr.InterfaceID)) + "/";
-  const RData& d = *rr.rdata;
-  if (rr.rrtype == kDNSType_PTR) {
-    key += name_key(d.u.name);
-  } else if (rr.rrtype == kDNSType_SRV) {
-    key += std::to_string(d.u.srv.priority) + "," + std::to_string(d.u.srv.weight) + "," +
-           std::to_string(d.u.srv.port.NotAnInteger) + "," + name_key(d.u.srv.target);
-  } else {
-    key.append(reinterpret_cast<const char*>(d.u.data), std::min<size_t>(d.length, mDNS_MaxRDataSize));
+  key.append(reinterpret_cast<const char*>(rr.rdata->u.data),
+             std::min<size_t>(rr.rdata->length, mDNS_MaxRDataSize));
+  for (char& c : key) {
+    c = c >= 'A' && c <= 'Z' ? char(c | 32) : c;
   }
   return key;
 }
 
-void check_answer(Slot& s, const DNSQuestion& q, const ResourceRecord& rr, QC_result kind) {
-  require(rr.name != nullptr && rr.rdata != nullptr, "an answer without name or data");
-  require(rr.rrtype == q.qtype || q.qtype == kDNSType_ANY, "an answer of another type");
-  require(mdns::names_equal(*rr.name, q.qname), "an answer for another name");
-  require(q.InterfaceID == mDNSInterface_Any || rr.InterfaceID == q.InterfaceID,
-          "an answer from another interface");
-  require(rr.rdata->length <= mDNS_MaxRDataSize, "answer data longer than its storage");
-  int& count = s.reported[answer_key(rr)];
-  if (kind == QC_add) {
-    require(!s.browse || count == 0, "a browse reported an instance twice");
-    ++count;
-  } else {
-    require(kind == QC_rmv, "an event neither add nor remove");
-    require(count > 0, "a removal of an answer never reported");
-    --count;
-  }
+// The started slot whose question or resolve `storage` is.
+Slot& callback_slot(mDNS* const m, const void* storage, const void* context) {
+  require(g.driving, "a callback ran inside an application's call");
+  require(m == &g_core, "a callback for another core");
+  Slot* s = std::find_if(std::begin(g_slots), std::end(g_slots), [&](const Slot& x) {
+    return x.started && (x.resolve ? static_cast<const void*>(x.query) : x.question) == storage;
+  });
+  require(s != std::end(g_slots), "a callback for a question or resolve that is not started");
+  require(context == s, "a callback's context changed");
+  return *s;
 }
 
 void on_answer(mDNS* const m, DNSQuestion* question, const ResourceRecord* const answer, QC_result kind) {
-  require(g_driving, "a callback ran inside an application's call");
-  require(m == &g_core, "a callback for another core");
-  const int index = slot_of_question(question);
-  require(index >= 0, "a callback for a question that is not started");
-  require(question->QuestionContext == &g_slots[index], "a question's context changed");
-  require(answer != nullptr, "a callback without an answer");
-  if (tracing()) {
-    char text[MAX_ESCAPED_DOMAIN_NAME];
-    ConvertDomainNameToCString_withescape(answer->name, text, '\\');
-    char target[MAX_ESCAPED_DOMAIN_NAME] = "";
-    if (answer->rrtype == kDNSType_PTR) {
-      ConvertDomainNameToCString_withescape(&answer->rdata->u.name, target, '\\');
-    }
-    trace(" callback %d: %s %s type %d %s\n", index, kind == QC_add ? "add" : "remove", text,
-          static_cast<int>(answer->rrtype), target);
-  }
-  check_answer(g_slots[index], *question, *answer, kind);
-  act(index);
+  Slot& s = callback_slot(m, question, question->QuestionContext);
+  const ResourceRecord& rr = *answer;
+  require(rr.name != nullptr && rr.rdata != nullptr, "an answer without name or data");
+  require(rr.rrtype == question->qtype || question->qtype == kDNSType_ANY, "an answer of another type");
+  require(mdns::names_equal(*rr.name, question->qname), "an answer for another name");
+  require(question->InterfaceID == mDNSInterface_Any || rr.InterfaceID == question->InterfaceID,
+          "an answer from another interface");
+  require(rr.rdata->length <= mDNS_MaxRDataSize, "answer data longer than its storage");
+  require(kind == QC_add || kind == QC_rmv, "an event neither add nor remove");
+  int& count = s.reported[answer_key(rr)];
+  require(kind == QC_add ? !s.browse || count == 0 : count > 0,
+          kind == QC_add ? "a browse reported an instance twice" : "a removal of an answer never reported");
+  count += kind == QC_add ? 1 : -1;
+  act(static_cast<int>(&s - g_slots));
 }
 
 void on_resolved(mDNS* const m, ServiceInfoQuery* query) {
-  require(g_driving, "a callback ran inside an application's call");
-  require(m == &g_core, "a callback for another core");
-  const int index = slot_of_resolve(query);
-  require(index >= 0, "a callback for a resolve that is not started");
-  const Slot& s = g_slots[index];
-  require(query->info == s.info && query->ServiceInfoQueryContext == &s,
-          "a resolve's info or context changed");
+  Slot& s = callback_slot(m, query, query->ServiceInfoQueryContext);
+  require(query->info == s.info, "a resolve's info changed");
   require(s.info->ip.type == mDNSAddrType_IPv4 || s.info->ip.type == mDNSAddrType_IPv6,
           "a resolve reported without an address");
   require(s.info->TXTlen <= mDNS_MaxTXTInfo, "TXT longer than its storage");
-  trace(" callback %d: resolved\n", index);
-  act(index);
+  act(static_cast<int>(&s - g_slots));
 }
 
-// ---- Driving the core ---------------------------------------------------------------
-
-// `work` as the core's own loop runs it: in a pass, then what is due.
+// `work` as the core's own loop runs it: in a pass (then what is due), or as
+// the public loop that makes its own.
 template <typename Work>
-void in_pass(Work work) {
-  if (!g_core_up) {
-    return;
+void drive(Work work, bool pass = true) {
+  if (g.core_up) {
+    mdns::engine_set_fake_clock(&g_core, g.now);
+    if (pass) {
+      mdns::engine_begin_pass(&g_core);
+    }
+    g.driving = true;
+    work();
+    if (pass) {
+      mdns::engine_run_scheduled(&g_core);
+    }
+    g.driving = false;
   }
-  mdns::engine_set_fake_clock(&g_core, g_now);
-  mdns::engine_begin_pass(&g_core);
-  g_driving = true;
-  work();
-  mdns::engine_run_scheduled(&g_core);
-  g_driving = false;
-}
-
-int32_t later(int32_t t, int32_t ms) {
-  return static_cast<int32_t>(static_cast<uint32_t>(t) + static_cast<uint32_t>(ms));
 }
 
 // Passes through the public loop at every moment the core asks for, up to `ms` on.
 void advance(int32_t ms) {
-  const int32_t target = later(g_now, ms);
-  for (int pass = 0; pass < kMaxPassesPerAdvance && g_core_up; ++pass) {
-    mdns::engine_set_fake_clock(&g_core, g_now);
+  const auto target = int32_t(uint32_t(g.now) + uint32_t(ms));
+  for (int pass = 0; pass < kMaxPassesPerAdvance && g.core_up; ++pass) {
     fd_set readfds;
     FD_ZERO(&readfds);
-    g_driving = true;
-    mDNSPosixProcessFDSet(&g_core, &readfds);
-    g_driving = false;
-    if (!g_core_up) {
+    drive([&] { mDNSPosixProcessFDSet(&g_core, &readfds); }, false);
+    if (!g.core_up) {
       break;
     }
     int nfds = 0;
     timeval timeout{3600, 0};
     mDNSPosixGetFDSet(&g_core, &nfds, &readfds, &timeout);
-    require(nfds == 0, "test mode gave a descriptor");
-    const int64_t wait = static_cast<int64_t>(timeout.tv_sec) * 1000 + timeout.tv_usec / 1000;
-    const int32_t step = static_cast<int32_t>(std::max<int64_t>(wait, 1));
-    if (static_cast<int32_t>(static_cast<uint32_t>(target) - static_cast<uint32_t>(g_now)) < step) {
+    const int32_t step = std::max<int32_t>(int32_t(timeout.tv_sec * 1000 + timeout.tv_usec / 1000), 1);
+    if (int32_t(uint32_t(target) - uint32_t(g.now)) < step) {
       break;
     }
-    g_now = later(g_now, step);
+    g.now = int32_t(uint32_t(g.now) + uint32_t(step));
   }
-  g_now = target;
-  if (g_core_up) {
-    mdns::engine_set_fake_clock(&g_core, g_now);
+  g.now = target;
+  if (g.core_up) {
+    mdns::engine_set_fake_clock(&g_core, g.now);
   }
-}
-
-int32_t duration_of(uint8_t b) {
-  static const int32_t kUnits[] = {10, 250, 10 * 1000, 5 * 60 * 1000};
-  return (b & 63) * kUnits[b >> 6];
 }
 
 // Records into `msg` from the program: [count byte][bulk count][bulk template
-// [series, when its bit 7 is set]] then three bytes per record.  `asked` is the question "as asked" records
-// answer (null: a started slot's question, if any).
-void add_records(ByteStream& in, MessageBuilder& msg, const mdns::ParsedQuestion* asked) {
+// [series, when its bit 7 is set]] then three bytes per record.  `asked` is the
+// question "as asked" records answer (null: a started slot's question, if any).
+void add_records(ByteStream& in, DnsMessage& msg, const mdns::ParsedQuestion* asked) {
+  static const uint32_t kTtls[] = {0, 3, 120, 4500};
   const unsigned explicit_count = in.next() & 15;
   const unsigned bulk = std::min(in.next() * 2u, kMaxBulkRecords);
   const uint8_t bulk_template = bulk > 0 ? in.next() : 0;
   // Another series of names: so that browses come to remember thousands of instances.
   const unsigned first = (bulk_template & 0x80) != 0 ? in.next() * kMaxBulkRecords : 0;
-  domainname asked_name{};
-  uint16_t asked_type = kDNSType_A;
-  if (asked != nullptr) {
-    asked_name = asked->name;
-    asked_type = asked->qtype;
-  }
-  for (unsigned i = 0; i < explicit_count; ++i) {
-    const uint8_t r0 = in.next();
-    const uint8_t r1 = in.next();
-    const uint8_t r2 = in.next();
-    const unsigned instance = r1 & 7;
-    const unsigned type = (r1 >> 3) & 1;
-    const unsigned domain = (r1 >> 4) & 1;
-    const unsigned host = (r1 >> 5) & 7;
-    OutRecord r;
-    switch (r0 & 7) {
-      case 0:
-        r = make_record(name_of(service_type(type, domain)), kDNSType_PTR, r1, r2, 0);
-        break;
-      case 5:  // not an instance: nothing directly under the browsed name
-        r = make_record(name_of(service_type(type, domain)), kDNSType_PTR, r1, r2, 0);
-        r.data_name = name_of(host_name(host, domain));
-        break;
-      case 1:
-        r = make_record(name_of(instance_name(instance, type, domain)), kDNSType_SRV, r1, r2, 0);
-        break;
-      case 2:
-        r = make_record(name_of(instance_name(instance, type, domain)), kDNSType_TXT, r1, r2, 0);
-        break;
-      case 3:
-        r = make_record(name_of(host_name(host, domain)), kDNSType_A, r1, r2, 0);
-        break;
-      case 4:
-        r = make_record(name_of(host_name(host, domain)), kDNSType_AAAA, r1, r2, 0);
-        break;
-      default: {
-        if (asked == nullptr) {
-          const Slot& s = g_slots[instance % kQuestionSlots];
-          if (!s.started || s.question == nullptr) {
-            continue;
-          }
-          asked_name = s.question->qname;
-          asked_type = s.question->qtype;
-        }
-        r = make_record(asked_name, asked_type, r1, r2, 0);
-        break;
-      }
+  auto as_asked = [&](unsigned slot, unsigned names, uint8_t variant, unsigned index, Record& r) {
+    const DNSQuestion* q = g_slots[slot].started ? g_slots[slot].question : nullptr;
+    if (asked != nullptr || q != nullptr) {
+      r = make_record(text_of(asked != nullptr ? asked->name : q->qname),
+                      asked != nullptr ? asked->qtype : q->qtype, names, variant, index);
     }
-    r.rrclass = static_cast<uint16_t>(kDNSClass_IN | ((r0 & 8) != 0 ? 0x8000 : 0));
-    r.ttl = ttl_of((r0 >> 4) & 3, r2);
-    r.section = (r0 & 0x40) != 0 ? mdns::Section::kAdditional : mdns::Section::kAnswer;
-    msg.record(r);
+    return asked != nullptr || q != nullptr;
+  };
+  // Kinds: 0 PTR, 1 SRV, 2 TXT, 3 A, 4 AAAA, 5 PTR to a host (not an instance), 6-7 as asked.
+  static const uint16_t kKinds[] = {kDNSType_PTR, kDNSType_SRV, kDNSType_TXT, kDNSType_A, kDNSType_AAAA};
+  for (unsigned i = 0; i < explicit_count; ++i) {
+    const uint8_t r0 = in.next(), r1 = in.next(), r2 = in.next();
+    const unsigned kind = r0 & 7, instance = r1 & 7, type = (r1 >> 3) & 1, domain = (r1 >> 4) & 1;
+    const std::string host = host_name((r1 >> 5) & 7, domain);
+    const std::string owner = kind == 0 || kind == 5 ? service_type(type, domain)
+                              : kind < 3             ? instance_name(instance, type, domain)
+                                                     : host;
+    Record r = kind < 6 ? make_record(owner, kKinds[kind % 5], r1, r2, 0) : Record{};
+    if (kind >= 6 && !as_asked(instance % kQuestionSlots, r1, r2, 0, r)) {
+      continue;
+    }
+    r.data = kind == 5 ? wire_name(host) : r.data;
+    r.cache_flush = (r0 & 8) != 0;
+    r.ttl = (r0 & 0x30) != 0 && r2 == 0xFF ? 0xFFFFFFFFu : kTtls[(r0 >> 4) & 3];
+    msg.add((r0 & 0x40) != 0 ? DnsMessage::kAdditional : DnsMessage::kAnswer, r);
   }
   // Many records of one kind, each its own: more than a packet's record list holds.
-  const unsigned type = (bulk_template >> 2) & 1;
-  const unsigned domain = (bulk_template >> 3) & 1;
-  for (unsigned n = 1; n <= bulk; ++n) {
-    const unsigned i = first + n;
-    OutRecord r;
-    switch (bulk_template & 3) {
-      case 0:
-        r = make_record(name_of(service_type(type, domain)), kDNSType_PTR, 0, 0, i);
-        break;
-      case 1:
-        r = make_record(name_of(host_name(4 + (i & 3), domain)), kDNSType_A, 0, 0, i);
-        break;
-      case 2:
-        r = make_record(name_of("b" + std::to_string(i - 1) + "." + service_type(type, domain)), kDNSType_SRV,
-                        0x80, 0, i);
-        break;
-      default:
-        if (asked == nullptr && !g_slots[0].started) {
-          continue;
-        }
-        r = make_record(asked != nullptr ? asked->name : g_slots[0].question->qname,
-                        asked != nullptr ? asked->qtype : g_slots[0].question->qtype, 0, 0, i);
-        break;
+  const unsigned type = (bulk_template >> 2) & 1, domain = (bulk_template >> 3) & 1;
+  for (unsigned i = first + 1; i <= first + bulk; ++i) {
+    const unsigned kind = bulk_template & 3;
+    Record r = kind == 0   ? make_record(service_type(type, domain), kDNSType_PTR, 0, 0, i)
+               : kind == 1 ? make_record(host_name(4 + (i & 3), domain), kDNSType_A, 0, 0, i)
+               : kind == 2 ? make_record(instance_name(3 + i, type, domain), kDNSType_SRV, 0x80, 0, i)
+                           : Record{};
+    if (kind == 3 && !as_asked(0, 0, 0, i, r)) {
+      continue;
     }
-    r.rrclass = static_cast<uint16_t>(kDNSClass_IN | ((bulk_template & 0x40) != 0 ? 0x8000 : 0));
-    r.ttl = ttl_of((bulk_template >> 4) & 3, 0);
-    msg.record(r);
+    r.cache_flush = (bulk_template & 0x40) != 0;
+    r.ttl = kTtls[(bulk_template >> 4) & 3];
+    msg.add(DnsMessage::kAnswer, r);
   }
 }
 
-mdns::Arrival multicast_arrival(uint8_t source) {
+// A datagram on the multicast or one-shot socket.  `source`: bits 0-1 the
+// sender, 2 on eth1 (multicast), 3-4 both set an off-link sender, 5-6 both set
+// another port.
+void receive(const Bytes& bytes, uint8_t source, mDNSInterfaceID interface_id, mdns::Transport transport) {
+  static const char* const kSources[] = {"192.168.1.20", "fe80::20", "10.0.0.20", "169.254.7.7"};
+  const uint16_t port = ((source >> 5) & 3) == 3 ? 1234 : 5353;
   mdns::Arrival arrival{};
   arrival.source = mdns::address_from_text(((source >> 3) & 3) == 3 ? "203.0.113.9" : kSources[source & 3]);
-  const uint16_t port = ((source >> 5) & 3) == 3 ? 1234 : 5353;
-  arrival.source_port.b[0] = static_cast<uint8_t>(port >> 8);
-  arrival.source_port.b[1] = static_cast<uint8_t>(port);
-  arrival.interface_id = mdns::platform_interface_id_of(&g_core, (source & 4) != 0 ? "eth1" : "eth0");
-  arrival.transport = mdns::Transport::kMulticast;
-  return arrival;
+  arrival.source_port.b[0] = uint8_t(port >> 8);
+  arrival.source_port.b[1] = uint8_t(port);
+  arrival.interface_id = interface_id;
+  arrival.transport = transport;
+  drive([&] { mdns::engine_receive(&g_core, bytes.data(), std::min(bytes.size(), kMaxDatagram), arrival); });
 }
 
-// How an answer to an asked query goes wrong (or not): bits 0-1 which query,
-// 2 another ID, 3 another sender, 4 no questions, 5 truncated, 6-7 the rcode.
-struct Reply {
-  const Asked* asked;
-  uint8_t pick;
-};
-
-Reply pick_asked(const Asked* ring, uint8_t pick) {
-  const Asked& a = ring[pick & 3];
-  return {a.valid ? &a : nullptr, pick};
-}
-
-MessageBuilder reply_header(const Reply& reply, bool unicast) {
+// An answer to the query `pick` bits 0-1 choose; bits 2 another ID, 3 another
+// sender, 4 no questions, 5 truncated, 6-7 the rcode.
+DnsMessage reply_to(const Asked& a, uint8_t pick, bool unicast) {
   static const uint16_t kRcodes[] = {0, 0, 3, 2};
-  uint16_t flags = unicast ? 0x8180 : 0x8400;
-  flags = static_cast<uint16_t>(flags | ((reply.pick & 0x20) != 0 ? 0x0200 : 0) | kRcodes[reply.pick >> 6]);
-  const uint16_t id = static_cast<uint16_t>(reply.asked->id ^ ((reply.pick & 4) != 0 ? 1 : 0));
-  MessageBuilder msg(id, flags);
-  if ((reply.pick & 0x10) == 0) {
-    for (const mdns::ParsedQuestion& q : reply.asked->questions) {
-      msg.question(q.name, q.qtype, q.qclass);
-    }
+  DnsMessage msg(
+      uint16_t(a.id ^ ((pick & 4) != 0 ? 1 : 0)),
+      uint16_t((unicast ? 0x8180 : 0x8400) | ((pick & 0x20) != 0 ? 0x0200 : 0) | kRcodes[pick >> 6]));
+  for (size_t i = 0; (pick & 0x10) == 0 && i < a.questions.size(); ++i) {
+    msg.question(text_of(a.questions[i].name), a.questions[i].qtype, (a.questions[i].qclass & 0x8000) != 0);
   }
   return msg;
 }
 
-void deliver_one_shot(const Reply& reply, const std::vector<uint8_t>& bytes) {
-  const Asked& a = *reply.asked;
-  mdns::Arrival arrival{};
-  const bool eth1 = a.interface_id == mdns::platform_interface_id_of(&g_core, "eth1");
-  arrival.source = mdns::address_from_text((reply.pick & 8) != 0 ? "203.0.113.9"
-                                           : a.family == 6       ? "fe80::20"
-                                           : eth1                ? "10.0.0.20"
-                                                                 : "192.168.1.20");
-  arrival.source_port.b[0] = 5353 >> 8;
-  arrival.source_port.b[1] = 5353 & 0xFF;
-  arrival.interface_id = a.interface_id;
-  arrival.transport = mdns::Transport::kOneShot;
-  in_pass(
-      [&] { mdns::engine_receive(&g_core, bytes.data(), std::min(bytes.size(), kMaxDatagram), arrival); });
-}
-
-void deliver_unicast(const Reply& reply, const std::vector<uint8_t>& bytes) {
-  const Asked& a = *reply.asked;
-  const mDNSAddr source =
-      (reply.pick & 8) != 0
-          ? mdns::address_from_text(a.server.type == mDNSAddrType_IPv4 ? "2001:db8::53" : "192.0.2.53")
-          : a.server;
-  const size_t limit = a.transport == mdns::Transport::kUnicastTcp ? 65535 : kMaxDatagram;
+void deliver(const Asked& a, uint8_t pick, bool unicast, const Bytes& bytes) {
+  const mdns::SentMessage& sent = a.sent;
+  if (!unicast) {  // from the address the query went to
+    const bool eth1 = sent.interface_id == mdns::platform_interface_id_of(&g_core, "eth1");
+    const int source = (pick & 8) != 0 ? 0x18 : sent.family == 6 ? 1 : eth1 ? 2 : 0;
+    receive(bytes, uint8_t(source), sent.interface_id, mdns::Transport::kOneShot);
+    return;
+  }
+  const bool v4 = sent.destination.type == mDNSAddrType_IPv4;
+  const mDNSAddr other = mdns::address_from_text(v4 ? "2001:db8::53" : "192.0.2.53");
+  const size_t limit = sent.transport == mdns::Transport::kUnicastTcp ? 65535 : kMaxDatagram;
   // Read as the core reads real sockets: on the next pass of its loop.
-  if (!g_core_up || !mdns::platform_test_deliver_dns(&g_core, a.socket, source, a.port, bytes.data(),
-                                                     std::min(bytes.size(), limit))) {
-    return;
+  if (g.core_up &&
+      mdns::platform_test_deliver_dns(&g_core, sent.socket, (pick & 8) == 0 ? sent.destination : other,
+                                      sent.port, bytes.data(), std::min(bytes.size(), limit))) {
+    drive([] { mDNSPosixProcessFDSet(&g_core, nullptr); }, false);
   }
-  mdns::engine_set_fake_clock(&g_core, g_now);
-  g_driving = true;
-  mDNSPosixProcessFDSet(&g_core, nullptr);
-  g_driving = false;
-}
-
-// Raw bytes after a header (and, for an answer, the questions asked):
-// [path][record counts: answers low nibble, additionals high][length][bytes].
-void receive_raw(ByteStream& in) {
-  const uint8_t path = in.next();
-  const uint8_t counts = in.next();
-  const std::vector<uint8_t> raw = in.take(in.next());
-  const Reply reply = pick_asked((path & 0x40) != 0 ? g_unicast : g_one_shots, path);
-  if ((path & 0x80) != 0 && reply.asked != nullptr) {
-    MessageBuilder msg = reply_header(reply, (path & 0x40) != 0);
-    msg.raw(raw, counts & 15, counts >> 4);
-    if ((path & 0x40) != 0) {
-      deliver_unicast(reply, msg.bytes());
-    } else {
-      deliver_one_shot(reply, msg.bytes());
-    }
-    return;
-  }
-  MessageBuilder msg(0, 0x8400);
-  msg.raw(raw, counts & 15, counts >> 4);
-  const std::vector<uint8_t> bytes = msg.bytes();
-  const mdns::Arrival arrival = multicast_arrival(path);
-  in_pass([&] { mdns::engine_receive(&g_core, bytes.data(), bytes.size(), arrival); });
-}
-
-void receive_multicast(ByteStream& in) {
-  const uint8_t source = in.next();
-  MessageBuilder msg(0, 0x8400);
-  add_records(in, msg, nullptr);
-  const std::vector<uint8_t> bytes = msg.bytes();
-  const mdns::Arrival arrival = multicast_arrival(source);
-  in_pass(
-      [&] { mdns::engine_receive(&g_core, bytes.data(), std::min(bytes.size(), kMaxDatagram), arrival); });
-}
-
-void receive_answer(ByteStream& in, bool unicast) {
-  const Reply reply = pick_asked(unicast ? g_unicast : g_one_shots, in.next());
-  if (reply.asked == nullptr) {
-    MessageBuilder ignored(0, 0);
-    add_records(in, ignored, nullptr);  // consumed all the same
-    return;
-  }
-  MessageBuilder msg = reply_header(reply, unicast);
-  add_records(in, msg, reply.asked->questions.empty() ? nullptr : &reply.asked->questions[0]);
-  if (unicast) {
-    deliver_unicast(reply, msg.bytes());
-  } else {
-    deliver_one_shot(reply, msg.bytes());
-  }
-}
-
-// The second interface goes or comes, as the core's own watch would see it.
-void toggle_interface() {
-  g_two_interfaces = !g_two_interfaces;
-  publish_interfaces(g_two_interfaces);
-  in_pass([] { (void)mDNSPlatformPosixRefreshInterfaceList(&g_core); });
-}
-
-void check_between_operations() {
-  if (!g_core_up) {
-    return;
-  }
-  const mdns::CoreState& core = mdns::core_of(&g_core);
-  require(core.walk_depth == 0, "a walk over the questions left open");
-  require(core.packet_head == 0 && core.callback_depth == 0, "a packet's records left undelivered");
-  require(core.cache_used <= g_cache_size, "more cache entries used than there are");
 }
 
 // Operations: the first byte's value modulo 10 picks one.
-//   0, 1  start a slot: [slot][two parameter bytes]
-//   2     stop a slot: [slot; bit 7 free it]
-//   3     multicast response: [source] records
-//   4     one-shot answer: [reply] records
-//   5     unicast DNS answer: [reply] records
-//   6, 7  time passes: [duration]
-//   8     raw bytes
-//   9     [what]: 0 the second interface goes or comes, 1 StartExit, FinalExit
-//         and Init, 2 StartExit (FinalExit and Init before the next operation)
+//   0, 1 start a slot: [slot][two parameter bytes]   2 stop one: [slot; bit 7 free it]
+//   3 multicast response: [source] records   4 one-shot answer, 5 unicast DNS answer: [pick] records
+//   6, 7 time passes: [bits 0-5 count, 6-7 unit]
+//   8 raw bytes after a header (and, for an answer, the questions asked): [path: bit 7 an
+//     answer (bit 6 unicast, the rest as a pick), else a multicast source][record counts][length][bytes]
+//   9 [what]: 0 the second interface goes or comes, 1 StartExit, FinalExit and Init,
+//     2 StartExit (FinalExit and Init before the next operation)
 void run_operation(ByteStream& in) {
-  const uint8_t op = in.next();
-  trace("op %d at %d ms\n", op % 10, static_cast<int>(g_now - kEpoch));
-  switch (op % 10) {
-    case 0:
-    case 1: {
-      const uint8_t slot = in.next();
-      const uint8_t p = in.next();
-      const uint8_t r = in.next();
-      start_slot(slot % kSlots, p, r);
-      break;
+  static const int32_t kUnits[] = {10, 250, 10 * 1000, 5 * 60 * 1000};
+  const uint8_t op = in.next() % 10, b = in.next();
+  if (op <= 1) {
+    const uint8_t p = in.next();
+    start_slot(b % kSlots, p, in.next());
+  } else if (op == 2) {
+    stop_slot(b % kSlots, (b & 0x80) != 0);
+  } else if (op == 3 || op == 4 || op == 5 || op == 8) {
+    const bool unicast = op == 5 || (op == 8 && (b & 0x40) != 0);
+    const Asked& a = g.asked[unicast ? 1 : 0][b & 3];
+    const bool valid = !a.questions.empty();
+    const bool answer = op == 4 || op == 5 || (op == 8 && (b & 0x80) != 0 && valid);
+    DnsMessage msg = answer ? reply_to(a, b, unicast) : DnsMessage();
+    if (op != 8) {
+      add_records(in, msg, answer && valid ? &a.questions[0] : nullptr);
     }
-    case 2: {
-      const uint8_t slot = in.next();
-      stop_slot(slot % kSlots, (slot & 0x80) != 0);
-      break;
-    }
-    case 3:
-      receive_multicast(in);
-      break;
-    case 4:
-      receive_answer(in, false);
-      break;
-    case 5:
-      receive_answer(in, true);
-      break;
-    case 6:
-    case 7:
-      advance(duration_of(in.next()));
-      break;
-    case 8:
-      receive_raw(in);
-      break;
-    default:
-      switch (in.next() & 7) {
-        case 0:
-          toggle_interface();
-          break;
-        case 1:
-          shut_down(Exit::kFinalAndInit);
-          break;
-        case 2:
-          shut_down(Exit::kStartOnly);
-          break;
-        default:
-          break;
+    Bytes bytes = msg.bytes();
+    if (op == 8) {  // [record counts: answers low nibble, additionals high][length][bytes]
+      const uint8_t counts = in.next();
+      bytes[7] = counts & 15;
+      bytes[11] = counts >> 4;
+      for (unsigned n = in.next(); n > 0 && !in.empty(); --n) {
+        bytes.push_back(in.next());
       }
-      break;
-  }
-}
-
-void begin_run(uint8_t config) {
-  std::memset(&g_core, 0, sizeof g_core);
-  g_cache_size = kCacheSizes[(config >> 1) & 3];
-  g_two_interfaces = (config & 1) != 0;
-  publish_interfaces(g_two_interfaces);
-  g_now = kEpoch;
-  g_depth = 0;
-  g_callbacks = 0;
-  g_retire_all = false;
-  g_exit_started = false;
-  g_to_retire.clear();
-  for (Asked& a : g_one_shots) {
-    a = Asked{};
-  }
-  for (Asked& a : g_unicast) {
-    a = Asked{};
-  }
-  g_one_shot_next = 0;
-  g_unicast_next = 0;
-  for (int i = 0; i < kSlots; ++i) {
-    g_slots[i] = Slot{};
-    g_slots[i].resolve = i >= kQuestionSlots;
-    allocate(g_slots[i]);
-  }
-  init_core();
-}
-
-// Everything stopped by the application, then the core shut down.
-void end_run() {
-  finish_exit();
-  for (int i = 0; i < kSlots; ++i) {
-    stop_slot(i, true);
-  }
-  retire_pending();
-  check_between_operations();
-  mDNS_StartExit(&g_core);
-  mDNS_FinalExit(&g_core);
-  g_core_up = false;
-  for (Slot& s : g_slots) {
-    release(s);
+    }
+    if (!answer) {
+      receive(bytes, b, mdns::platform_interface_id_of(&g_core, (b & 4) != 0 ? "eth1" : "eth0"),
+              mdns::Transport::kMulticast);
+    } else if (valid) {
+      deliver(a, b, unicast, bytes);
+    }
+  } else if (op <= 7) {
+    advance((b & 63) * kUnits[b >> 6]);
+  } else if ((b & 7) == 0) {  // as the core's own watch would see it
+    g.two_interfaces = !g.two_interfaces;
+    publish_interfaces(g.two_interfaces);
+    drive([] { (void)mDNSPlatformPosixRefreshInterfaceList(&g_core); });
+  } else if ((b & 7) <= 2) {
+    shut_down((b & 7) == 1 ? 2 : 0);
   }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const uint32_t kCacheSizes[] = {16, 64, 256, 600};
   if (size < 3) {
     return 0;
   }
-  const size_t program_length = std::min<size_t>(static_cast<size_t>(data[1]) << 8 | data[2], size - 3);
-  ByteStream program(data + 3, program_length);
-  g_actions = ByteStream(data + 3 + program_length, size - 3 - program_length);
-  begin_run(data[0]);
+  const size_t program_length = std::min<size_t>(size_t(data[1]) << 8 | data[2], size - 3);
+  ByteStream program{data + 3, program_length};
+  g = Run{};
+  g.actions = ByteStream{data + 3 + program_length, size - 3 - program_length};
+  g.cache_size = kCacheSizes[(data[0] >> 1) & 3];
+  g.two_interfaces = (data[0] & 1) != 0;
+  publish_interfaces(g.two_interfaces);
+  std::memset(&g_core, 0, sizeof g_core);
+  for (int i = 0; i < kSlots; ++i) {
+    g_slots[i] = Slot{};
+    g_slots[i].resolve = i >= kQuestionSlots;
+    retire(g_slots[i], true);
+  }
   for (int n = 0; n < kMaxOperations && !program.empty(); ++n) {
-    finish_exit();
+    finish_exit();  // the core is up at the start of every operation
     run_operation(program);
     retire_pending();
-    check_between_operations();
+    const mdns::CoreState& core = mdns::core_of(&g_core);
+    require(!g.core_up || core.walk_depth == 0, "a walk over the questions left open");
+    require(!g.core_up || (core.packet_head == 0 && core.callback_depth == 0),
+            "a packet's records left undelivered");
+    require(!g.core_up || core.cache_used <= g.cache_size, "more cache entries used than there are");
   }
-  end_run();
+  // Everything stopped by the application, then the core shut down.
+  finish_exit();
+  for (int i = 0; i < kSlots; ++i) {
+    stop_slot(i, true);
+  }
+  shut_down(1);
+  for (Slot& s : g_slots) {
+    retire(s, false);
+  }
   return 0;
 }

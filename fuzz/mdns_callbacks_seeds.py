@@ -201,10 +201,11 @@ SEEDS = {
     # A browse comes to remember more instances than it may (3072): the
     # flooding sender is refused, then another sender's instance pushes one of
     # the flooder's out, reported removed; that callback stops the browse.
+    # Each response is cut at 9000 bytes: about 170 of its PTR records arrive.
     "browse_memory_full": program(
         ONE_IFACE_CACHE_600,
         [start(0, browse()), wait_ms(200)]
-        + [multicast(source=0, bulk=510, template=BULK_PTR, ttl=TTL_4500, series=n) for n in range(7)]
+        + [multicast(source=0, bulk=510, template=BULK_PTR, ttl=TTL_4500, series=n) for n in range(20)]
         + [multicast(source=1, explicit=[record(PTR, instance=1), record(PTR_TO_HOST, host=1)]),
            wait_ms(1000)],
         [NOTHING] * 3072 + [STOP_SELF]),
