@@ -383,8 +383,10 @@ void dns_asker_hand_over(mDNS* m, DNSQuestion* leader, DNSQuestion* heir) {
     QuestionSchedule(core.dns_schedule_root).remove(leader);
     plan_ask(m, heir, key);
   }
-  if (state_of(leader).list == ListId::kUnicastWaiting) {
-    list_remove(core, leader);
+  // Waiting for a free query (the leader has already left that list): the
+  // heir takes its turn.
+  const DnsSchedule& from = state_of(leader).dns;
+  if (from.phase == DnsPhase::kAwaitingReply && from.slot == 0 && !QuestionSchedule::contains(heir)) {
     list_append(core, ListId::kUnicastWaiting, heir);
   }
 }
