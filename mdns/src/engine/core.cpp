@@ -250,7 +250,10 @@ void mDNS_StartExit(mDNS* const m) {
   if (m == nullptr || !core_of(m).initialized) {
     return;
   }
+  // Everything is stopped from here on: the caller may free its questions and
+  // resolves before mDNS_FinalExit.
   stop_all_questions(m);
+  resolves_forget_rechecks(m);
   core_of(m).shutting_down = true;
 }
 
