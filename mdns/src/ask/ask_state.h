@@ -148,8 +148,7 @@ struct AskState : CacheStore {
   // One-shot queries.
   OneShot one_shots[kMaxOneShots];
   uint32_t one_shot_next;
-  int32_t one_shot_tokens;  // packets that may go out now
-  int32_t one_shot_refilled;
+  SendBudget one_shot_budget;
 
   // Unicast DNS.
   NameServer servers[kMaxNameServers];

@@ -17,27 +17,6 @@ namespace {
 
 // So that a pass that starts thousands of questions stays bounded.
 constexpr int kMaxPacketsPerInterface = 2;
-// And so that what others send cannot make the core send without bound (a
-// storm of changed SRV records restarts address questions at its own pace):
-// one-shot packets come out of a bucket of this many, refilled at this rate.
-constexpr int32_t kOneShotBurst = 32;
-constexpr int32_t kOneShotsPerSecond = 16;
-
-bool take_token(AskState& core) {
-  const int32_t elapsed = time_diff(core.now, core.one_shot_refilled);
-  if (elapsed >= 1000 / kOneShotsPerSecond) {
-    const int32_t earned = elapsed / (1000 / kOneShotsPerSecond);
-    core.one_shot_tokens = std::min(core.one_shot_tokens + earned, kOneShotBurst);
-    core.one_shot_refilled =
-        time_add(core.one_shot_refilled, static_cast<int64_t>(earned) * (1000 / kOneShotsPerSecond));
-  }
-  if (core.one_shot_tokens == 0) {
-    return false;
-  }
-  core.one_shot_tokens--;
-  return true;
-}
-
 const OneShot* find(const AskState& core, uint16_t id, const OneShotReply& arrival) {
   for (const OneShot& o : core.one_shots) {
     if (o.question_count > 0 && o.id == id && o.interface_id == arrival.interface_id &&
@@ -52,7 +31,7 @@ const OneShot* find(const AskState& core, uint16_t id, const OneShotReply& arriv
 void send_on(mDNS* m, DNSQuestion* wanted, mDNSInterfaceID interface_id, int family) {
   AskState& core = ask_of(m);
   DNSQuestion* q = wanted;
-  for (int packet = 0; packet < kMaxPacketsPerInterface && q != nullptr && take_token(core) &&
+  for (int packet = 0; packet < kMaxPacketsPerInterface && q != nullptr && governor_take_one_shot(core) &&
                        governor_take_packet(core, interface_id, SendPriority::kNewQuestion);
        ++packet) {
     OneShot& record = core.one_shots[core.one_shot_next++ % kMaxOneShots];
@@ -84,8 +63,6 @@ void send_on(mDNS* m, DNSQuestion* wanted, mDNSInterfaceID interface_id, int fam
 void one_shots_reset(AskState& core) {
   std::memset(core.one_shots, 0, sizeof core.one_shots);
   core.one_shot_next = 0;
-  core.one_shot_tokens = kOneShotBurst;
-  core.one_shot_refilled = core.now;
 }
 
 void send_one_shots(mDNS* m) {

@@ -12,26 +12,34 @@ namespace {
 constexpr int32_t kBudgetBurst = 64;
 constexpr int32_t kBudgetPerSecond = 32;
 constexpr int32_t kNewQuestionReserve = 16;
-constexpr int32_t kMsPerPacket = 1000 / kBudgetPerSecond;
+// One-shots, all interfaces together: a storm of changed SRV records restarts
+// address questions at its own pace, the one-shots they ask for go at this one.
+constexpr int32_t kOneShotBurst = 32;
+constexpr int32_t kOneShotsPerSecond = 16;
 
-void refill(SendBudget& b, int32_t now) {
+// Takes a packet when more than `floor` are left after refilling.
+bool take(SendBudget& b, int32_t burst, int32_t per_second, int32_t floor, int32_t now) {
+  const int32_t ms_per_packet = 1000 / per_second;
   const int32_t elapsed = time_diff(now, b.refilled);
-  if (elapsed < kMsPerPacket) {
-    return;
+  if (elapsed >= ms_per_packet) {
+    const int32_t earned = elapsed / ms_per_packet;
+    b.tokens = std::min(b.tokens + earned, burst);
+    b.refilled = b.tokens == burst ? now : time_add(b.refilled, static_cast<int64_t>(earned) * ms_per_packet);
   }
-  const int32_t earned = elapsed / kMsPerPacket;
-  b.tokens = std::min(b.tokens + earned, kBudgetBurst);
-  b.refilled =
-      b.tokens == kBudgetBurst ? now : time_add(b.refilled, static_cast<int64_t>(earned) * kMsPerPacket);
+  if (b.tokens <= floor) {
+    return false;
+  }
+  b.tokens--;
+  return true;
 }
 
 }  // namespace
 
 void governor_reset(AskState& core) {
   for (SendBudget& b : core.budgets) {
-    b.tokens = kBudgetBurst;
-    b.refilled = core.now;
+    b = SendBudget{kBudgetBurst, core.now};
   }
+  core.one_shot_budget = SendBudget{kOneShotBurst, core.now};
 }
 
 int32_t governor_next_query_allowed(const QuestionState& leader) {
@@ -58,13 +66,12 @@ void governor_send(mDNS* m, Transport transport, mDNSInterfaceID interface_id, i
 
 bool governor_take_packet(AskState& core, mDNSInterfaceID interface_id, SendPriority priority) {
   SendBudget& b = core.budgets[interface_number(interface_id) % kSendBudgets];
-  refill(b, core.now);
   const int32_t floor = priority == SendPriority::kNewQuestion ? 0 : kNewQuestionReserve;
-  if (b.tokens <= floor) {
-    return false;
-  }
-  b.tokens--;
-  return true;
+  return take(b, kBudgetBurst, kBudgetPerSecond, floor, core.now);
+}
+
+bool governor_take_one_shot(AskState& core) {
+  return take(core.one_shot_budget, kOneShotBurst, kOneShotsPerSecond, 0, core.now);
 }
 
 }  // namespace mdns

@@ -9,7 +9,7 @@
 //  - each interface has a rate of packets, of which new questions (first
 //    queries, one-shots) may use all and the rest of the traffic only what is
 //    left above a reserve.
-// One-shots also keep their own, smaller bucket (see one_shot.cpp).
+// One-shots also take from a smaller bucket of their own.
 #pragma once
 
 #include <cstdint>
@@ -40,5 +40,7 @@ void governor_send(mDNS* m, Transport transport, mDNSInterfaceID interface_id, i
 // Takes one packet from the interface's budget; false when there is none for
 // this priority now.
 bool governor_take_packet(AskState& core, mDNSInterfaceID interface_id, SendPriority priority);
+// Takes one packet from the one-shots' own bucket.
+bool governor_take_one_shot(AskState& core);
 
 }  // namespace mdns

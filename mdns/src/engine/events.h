@@ -12,7 +12,6 @@ enum class Departure {
   kExpired,        // its TTL ran out
   kGoodbye,        // TTL 0 received, or flushed by a newer record of its set: one second later
   kInterfaceGone,  // the interface it arrived on went away
-  kMissing,        // unicast DNS: a new answer to its question no longer holds it
   kEvicted,        // the full cache needed its entry: it still exists on the network
 };
 
