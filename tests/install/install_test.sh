@@ -12,7 +12,7 @@ unset LD_LIBRARY_PATH
 cmake --install "$build" --prefix "$prefix" >/dev/null
 tool=$prefix/bin/sorvalen-mdns
 # The manual page renders cleanly and lists every option that the tool's help lists.
-manual=$(groff -man -Tascii -ww "$prefix/share/man/man1/sorvalen-mdns.1" 2>"$work/warnings" | sed 's/.\x08//g')
+manual=$(gzip -dc "$prefix/share/man/man1/sorvalen-mdns.1.gz" | groff -man -Tascii -ww 2>"$work/warnings" | sed 's/.\x08//g')
 [ ! -s "$work/warnings" ] || { cat "$work/warnings" >&2; exit 1; }
 for command in search lookup; do
   "$tool" help "$command" | sed -n 's/^  \(-[^ ]*\( [^ ]\+\)*\)  .*/\1/p' | while read -r flags; do
