@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, testing, the demo and the benchmarks
+# Installs the Debian packages that building, packaging, testing, the demo and the benchmarks
 # need.  Idempotent: does nothing when everything is present.
 set -euo pipefail
 
@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev
   iproute2 procps tcpdump util-linux dbus groff-base
+  dpkg-dev file lintian
   avahi-daemon avahi-utils python3 python3-zeroconf bind9
 )
 
