@@ -116,12 +116,14 @@ unset LD_LIBRARY_PATH
 [ "${SORVALEN_TEST_INSTALL_PACKAGES:-}" = 1 ] || exit 0
 # Installed for real, used from /usr by a program built with pkg-config, then removed.
 for package in "${packages[@]}"; do
-  ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q installed ||
+  ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "ok installed" ||
     fail "$package is installed already; this test installs and removes it"
 done
 apt=(apt-get -qq -y -o DPkg::Lock::Timeout=300)
-trap '"${apt[@]}" purge "${packages[@]}" >/dev/null 2>&1; rm -rf "$work"' EXIT
-DEBIAN_FRONTEND=noninteractive "${apt[@]}" --no-download install "${files[@]}" >/dev/null
+trap '"${apt[@]}" purge "${packages[@]}" >/dev/null 2>&1 || true; rm -rf "$work"' EXIT
+DEBIAN_FRONTEND=noninteractive "${apt[@]}" install "${files[@]}" >/dev/null
+# From /usr/bin with no LD_LIBRARY_PATH: the multiarch folder is searched through
+# the linker cache, so this also shows that the ldconfig trigger ran.
 /usr/bin/sorvalen-mdns --version
 # shellcheck disable=SC2046
 c++ -std=c++17 -o "$work/pc-consumer" "$source_dir/tests/install/consumer/main.cpp" \
