@@ -1,9 +1,9 @@
 #!/bin/bash
 # Builds the Debian packages (scripts/build-packages.sh) and checks them as a user of each would: every
-# file in the package that should ship it, no RUNPATH, the sonames the runtime packages are named after,
-# their shlibs and ldconfig trigger, the dependencies, lintian, and the tool and a CMake application
-# run from the packages' files unpacked into a folder.  With SORVALEN_TEST_INSTALL_PACKAGES=1 (CI's
-# throwaway machine) it also installs them with apt, uses them from /usr and removes them.
+# file in the package that should ship it, no RUNPATH, the runtime packages' shlibs, the dependencies,
+# lintian, and the tool and a CMake application run from the packages' files unpacked into a folder.
+# With SORVALEN_TEST_INSTALL_PACKAGES=1 (CI's throwaway machine) it also installs them with apt, uses
+# them from /usr and removes them.
 #   Usage: packages_test.sh SOURCE BUILD_DIR
 set -euo pipefail
 source_dir=$1 dir=$2
@@ -65,22 +65,18 @@ holds sorvalen-mdns | diff -u "$work/expected" - || fail "sorvalen-mdns holds ot
 root=$work/root
 for file in "${files[@]}"; do dpkg-deb -x "$file" "$root"; done
 # Installed into /usr, the dynamic linker's own paths find the libraries: a
-# RUNPATH there would only be a path that can go stale.
+# RUNPATH there would only be a path that can go stale (and lintian lets
+# $ORIGIN pass).
 for binary in "$root/$libdir"/lib*.so.* "$root/usr/bin/sorvalen-mdns"; do
   ! readelf -d "$binary" | grep -E 'RPATH|RUNPATH' || fail "$binary has a search path"
 done
-[ "$(readelf -d "$root/$libdir/libmdns.so.0.2" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')" = libmdns.so.0.2 ] ||
-  fail "libmdns0.2 ships another soname"
-[ "$(readelf -d "$root/$libdir/libsorvalen_mdns_search.so.2" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')" = \
-  libsorvalen_mdns_search.so.2 ] || fail "libsorvalen-mdns-search2 ships another soname"
 
-# The runtime packages have ldconfig run when they come and go, and their shlibs
-# files give a program linked with them its dependencies.
+# The runtime packages' shlibs files give a program linked with them its
+# dependencies (lintian checks their ldconfig triggers).
 control() { dpkg-deb --ctrl-tarfile "$(deb "$1")" | tar -xO "./$2"; }
 mkdir -p "$work/shlibs/debian"
 : >"$work/shlibs/debian/control"
 for package in libmdns0.2 libsorvalen-mdns-search2; do
-  control "$package" triggers | grep -qx 'activate-noawait ldconfig' || fail "$package: no ldconfig trigger"
   control "$package" shlibs >>"$work/shlibs/debian/shlibs.local"
 done
 shlibdeps=$(cd "$work/shlibs" && dpkg-shlibdeps -O -l"$root/$libdir" "$root/usr/bin/sorvalen-mdns" 2>"$work/warnings") ||
