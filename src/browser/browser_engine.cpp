@@ -133,6 +133,8 @@ void BrowserEngine::RunOwnThread() {
 // callbacks, with the core left consistent and ready for the next pass.
 void BrowserEngine::Round() {
   RoundMark mark(this);
+  // Before the requests, so that one queued meanwhile leaves its wakeup.
+  session_.TakeWakeups();
   TakeRequests();
   session_.Process();
   graveyard_.Clear();

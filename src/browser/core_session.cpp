@@ -88,13 +88,17 @@ void CoreSession::Drain(int fd) const {
   (void)!read(fd, &count, sizeof count);
 }
 
-void CoreSession::Process() {
+void CoreSession::TakeWakeups() const {
   Drain(wake_fd_);
+}
+
+void CoreSession::Process() {
   Drain(timer_fd_);
   fd_set ready;
   FD_ZERO(&ready);
-  epoll_event events[16];
-  const int count = epoll_wait(epoll_fd_, events, 16, 0);
+  // Level-triggered: a socket left over for want of room here is ready again next time.
+  epoll_event events[64];
+  const int count = epoll_wait(epoll_fd_, events, 64, 0);
   for (int i = 0; i < count; ++i) {
     const int fd = events[i].data.fd;
     if (fd != wake_fd_ && fd != timer_fd_ && fd < FD_SETSIZE)

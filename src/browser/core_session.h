@@ -29,6 +29,8 @@ class CoreSession {
   int descriptor() const { return epoll_fd_; }
   void Wake() const;
 
+  // Takes the wakeups; requests queued after this wake the descriptor again.
+  void TakeWakeups() const;
   // Reads what arrived on the ready sockets and runs the core's scheduled work.
   void Process();
   // Watches the core's current sockets and arms the timer to the earlier of
