@@ -14,8 +14,10 @@ constexpr const char* kPurpose = "find devices on the local network by multicast
 
 const std::vector<const char*> kOverview = {
     "Finds devices on the local network by multicast DNS service discovery (mDNS, DNS-SD), without a "
-    "daemon, and asks a single device by unicast for the services behind a name. It sends only on the "
-    "local link and shares UDP port 5353 with a running mDNS daemon such as avahi-daemon.",
+    "daemon, with their TXT attributes; lists the service types on the link, prints a host name's "
+    "addresses, and asks a single device by unicast for the services behind a name. On the link it "
+    "sends only there, and it shares UDP port 5353 with a running mDNS daemon such as avahi-daemon; "
+    "other domains than local. are asked of the DNS servers of /etc/resolv.conf.",
 };
 
 const std::vector<const char*> kExamples = {
@@ -108,7 +110,7 @@ const std::vector<CommandHelp> kCommands = {
      }},
     {"resolve",
      "resolve [options] HOST",
-     "print the addresses of a host name (.local by multicast, others by unicast DNS)",
+     "print the addresses of a host name",
      {
          {"",
           {"Asks for the IPv4 and IPv6 addresses of HOST: a name under local. (printer.local) by multicast "
