@@ -13,12 +13,12 @@ void UpdatePacer::Changed(int64_t now) {
 }
 
 void UpdatePacer::Told(int64_t now) {
-  // Quiet for twice the gap: the thing has settled and may be told at once
-  // again; otherwise it waits longer each time.
-  if (last_told_ >= 0 && now - last_told_ < 2 * gap_) {
-    gap_ = std::min(gap_ * 2, kLongestGapMs);
+  // Quiet for twice the gap (and two seconds at least): the thing has settled
+  // and its next change only settles; otherwise it waits longer each time.
+  if (last_told_ >= 0 && now - last_told_ < 2 * std::max(gap_, kFirstGapMs)) {
+    gap_ = gap_ == 0 ? kFirstGapMs : std::min(gap_ * 2, kLongestGapMs);
   } else {
-    gap_ = kFirstGapMs;
+    gap_ = 0;
   }
   last_told_ = now;
   due_ = -1;

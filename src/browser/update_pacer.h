@@ -1,7 +1,8 @@
 // When a watched thing's changes may be told: a burst of changes is told once,
 // after it settles a little, and one thing that keeps changing is told at a
 // falling rate (gaps doubling up to a limit), so that a device cannot flood
-// the application with updates.
+// the application with updates.  The first change after a quiet time (such
+// as the rest of a device's addresses, right after its first) only settles.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +25,7 @@ class UpdatePacer {
  private:
   int64_t due_ = -1;
   int64_t last_told_ = -1;
-  int64_t gap_ = kFirstGapMs;
+  int64_t gap_ = 0;  // the least time from the last telling to the next
 };
 
 }  // namespace sorvalen::browser
