@@ -146,6 +146,49 @@ TEST(BrowserOnLan, InstancesWithTheirTxtSubtypesTheTypeListAndHostNames) {
   EXPECT_EQ(browser.ResolveHost("dev", nullptr, &error), 0u);
 }
 
+// A zone's services, types and hosts by unicast DNS (BIND 9), as the same events.
+TEST(BrowserOnLan, AZonesInstancesTypesAndHostsOverUnicastDns) {
+  SV_REQUIRE_VIRTUAL_LAN("named");
+  VirtualLan lan;
+  lan.add_lan();
+  lan.add_host("querier", {1});
+  lan.add_host("dns", {1});
+  lan.command({"dns-address", "dns", "printer", "198.51.100.50", "2001:db8::50"});
+  lan.command({"dns-service", "dns", "Office Printer", "_http._tcp", "631", "printer", "rp=ipp", "duplex"});
+  lan.command({"dns-service", "dns", "Door Camera", "_http._tcp", "8554", "printer"});
+  lan.command({"start-dns", "dns", "--zone", "example.test.", "--ttl", "4"});
+  const std::string resolver_file = lan.command({"use-dns", "querier", "dns"});
+  NetnsScope netns(lan.netns("querier"));
+  ResolverScope resolver(resolver_file);
+
+  ServiceBrowser browser;
+  ASSERT_TRUE(browser.Start());
+  Log all, types, hosts;
+  ASSERT_NE(browser.Browse({"_http._tcp", "", "example.test", ""}, logging_to(&all)), 0u);
+  ASSERT_NE(browser.BrowseTypes("example.test.", "",
+                                [&](ServiceEvent event, const std::string& type, const std::string& domain) {
+                                  types.Add(std::string(event_word(event)) + " " + type + domain);
+                                }),
+            0u);
+  ASSERT_NE(browser.ResolveHost("printer.example.test",
+                                [&](const std::string& host, const std::vector<ServiceAddress>& list) {
+                                  std::string line = host + ":";
+                                  for (const ServiceAddress& a : list)
+                                    line += " " + a.text + (a.interface_name.empty() ? "" : "%?");
+                                  hosts.Add(line);
+                                }),
+            0u);
+  EXPECT_TRUE(
+      all.WaitFor("Office Printer|_http._tcp.example.test.|printer.example.test.|631|198.51.100.50 "
+                  "2001:db8::50 |[rp=ipp][duplex]"))
+      << ::testing::PrintToString(all.lines());
+  EXPECT_TRUE(types.WaitFor("added _http._tcp.example.test."));
+  EXPECT_TRUE(hosts.WaitFor("printer.example.test.: 198.51.100.50 2001:db8::50"));
+  // Gone from the zone: removed once the records' TTL has run out.
+  lan.command({"dns-remove-service", "dns", "Door Camera", "_http._tcp"});
+  EXPECT_TRUE(all.WaitFor("removed Door Camera|"));
+}
+
 // Each callback cancels its own watch, or stops the browser, at its first
 // event; a browser is destroyed by another thread while its callbacks run.
 void callbacks_that_cancel_and_stop(Threading threading) {
