@@ -18,9 +18,9 @@ std::string instance_key(const domainname& name, mDNSInterfaceID interface_id) {
 
 }  // namespace
 
-BrowseWatch::BrowseWatch(WatchContext* context, BrowseSpec spec, ServiceBrowser::InstanceCallback callback)
+BrowseWatch::BrowseWatch(WatchContext* context, BrowseScope scope, ServiceBrowser::InstanceCallback callback)
     : Watch(context),
-      spec_(std::move(spec)),
+      scope_(std::move(scope)),
       callback_(std::make_shared<ServiceBrowser::InstanceCallback>(std::move(callback))) {}
 
 BrowseWatch::~BrowseWatch() {
@@ -29,9 +29,10 @@ BrowseWatch::~BrowseWatch() {
 
 bool BrowseWatch::Begin() {
   mDNSInterfaceID interface_id = mDNSInterface_Any;
-  if (!spec_.interface_name.empty() && !interface_id_of(context_->core, spec_.interface_name, &interface_id))
+  if (!scope_.interface_name.empty() &&
+      !interface_id_of(context_->core, scope_.interface_name, &interface_id))
     return false;
-  return browse_.Browse(context_->core, spec_.type, spec_.domain, interface_id, this, 0);
+  return browse_.Browse(context_->core, scope_.type, scope_.domain, interface_id, this, 0);
 }
 
 void BrowseWatch::End() {

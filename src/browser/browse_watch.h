@@ -12,7 +12,7 @@
 
 namespace sorvalen::browser {
 
-struct BrowseSpec {
+struct BrowseScope {
   domainname type{};  // with the subtype, if any
   domainname domain{};
   std::string interface_name;
@@ -20,7 +20,7 @@ struct BrowseSpec {
 
 class BrowseWatch : public Watch {
  public:
-  BrowseWatch(WatchContext* context, BrowseSpec spec, ServiceBrowser::InstanceCallback callback);
+  BrowseWatch(WatchContext* context, BrowseScope scope, ServiceBrowser::InstanceCallback callback);
   ~BrowseWatch() override;
 
   bool Begin() override;
@@ -34,7 +34,7 @@ class BrowseWatch : public Watch {
   void InstanceRemoved(const std::string& key);
   Delivery Event(uint64_t id, ServiceEvent event, ServiceInstance instance) const;
 
-  BrowseSpec spec_;
+  BrowseScope scope_;
   std::shared_ptr<ServiceBrowser::InstanceCallback> callback_;
   CoreQuestion browse_;
   std::map<std::string, std::unique_ptr<InstanceTracker>> instances_;

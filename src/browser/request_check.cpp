@@ -40,7 +40,7 @@ std::string interface_problem(const std::string& interface_name) {
   return "";
 }
 
-std::string browse_problem(const BrowseRequest& request, BrowseSpec* spec) {
+std::string browse_problem(const BrowseRequest& request, BrowseScope* scope) {
   const std::string type = without_dot(request.type);
   if (!is_service_type(type))
     return "'" + request.type + "' is not a service type such as _http._tcp";
@@ -48,11 +48,11 @@ std::string browse_problem(const BrowseRequest& request, BrowseSpec* spec) {
   if (subtype.find('.') != std::string::npos)
     return "the subtype '" + request.subtype + "' is more than one label";
   const std::string full = subtype.empty() ? type : subtype + "._sub." + type;
-  if (!name_from_text(full, &spec->type))
+  if (!name_from_text(full, &scope->type))
     return "the subtype '" + request.subtype + "' is too long";
-  if (std::string problem = domain_problem(request.domain, &spec->domain); !problem.empty())
+  if (std::string problem = domain_problem(request.domain, &scope->domain); !problem.empty())
     return problem;
-  spec->interface_name = request.interface_name;
+  scope->interface_name = request.interface_name;
   return interface_problem(request.interface_name);
 }
 

@@ -9,7 +9,7 @@
 namespace sorvalen::browser {
 
 // Empty when `request` names a browse the core can make, else why not.
-std::string browse_problem(const BrowseRequest& request, BrowseSpec* spec);
+std::string browse_problem(const BrowseRequest& request, BrowseScope* scope);
 std::string domain_problem(const std::string& domain, domainname* name);
 std::string host_problem(const std::string& host, domainname* name);
 std::string interface_problem(const std::string& interface_name);

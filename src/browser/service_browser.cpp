@@ -43,13 +43,13 @@ void ServiceBrowser::Stop() {
 
 ServiceBrowser::WatchId ServiceBrowser::Browse(const BrowseRequest& request, InstanceCallback callback,
                                                std::string* error) {
-  browser::BrowseSpec spec;
-  if (std::string problem = browser::browse_problem(request, &spec); !problem.empty())
+  browser::BrowseScope scope;
+  if (std::string problem = browser::browse_problem(request, &scope); !problem.empty())
     return refused(problem, error);
   std::string problem;
   const WatchId id = impl_->engine.Add(
-      [spec, callback = std::move(callback)](browser::WatchContext* context) {
-        return std::make_unique<browser::BrowseWatch>(context, spec, callback);
+      [scope, callback = std::move(callback)](browser::WatchContext* context) {
+        return std::make_unique<browser::BrowseWatch>(context, scope, callback);
       },
       &problem);
   return id != 0 ? id : refused(problem, error);
