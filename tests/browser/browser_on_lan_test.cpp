@@ -8,12 +8,14 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "netns_scope.h"
+#include "sorvalen/mdns_search_posix.h"
 #include "sorvalen/service_browser.h"
 #include "virtual_lan.h"
 #include "virtual_lan_requirement.h"
@@ -93,6 +95,10 @@ TEST(BrowserOnLan, InstancesWithTheirTxtSubtypesTheTypeListAndHostNames) {
   const std::string dev4 = lan.host_ipv4("dev"), dev6 = lan.host_ipv6_link_local("dev");
   const std::string zdev4 = lan.host_ipv4("zdev");
   NetnsScope scope(lan.netns("querier"));
+  // A device search of the same process runs on the core of its own beside the browser's.
+  std::unique_ptr<MDNSSearch> search(MDNSSearch::CreateMDNSSearch());
+  ASSERT_TRUE(search->Init());
+  ASSERT_TRUE(search->Start(",", "_ssh._tcp", "local.", 0, ""));
 
   ServiceBrowser browser;
   std::string error;
@@ -130,6 +136,12 @@ TEST(BrowserOnLan, InstancesWithTheirTxtSubtypesTheTypeListAndHostNames) {
   EXPECT_TRUE(types.WaitFor("added _ssh._tcp.local."));
   EXPECT_TRUE(types.Has("added _http._tcp.local."));
   EXPECT_TRUE(hosts.WaitFor("dev.local.: " + dev4 + " " + dev6 + "%eth0"));
+
+  EXPECT_TRUE(wait_until([] {
+    std::lock_guard<std::mutex> lock(MDNSSearch::address_list_mutex_);
+    return !MDNSSearch::address_list_.empty();
+  })) << "the device search beside it";
+  search->Stop();
 
   lan.remove_service("dev", "Plain Web", "_http._tcp");
   EXPECT_TRUE(all.WaitFor("removed Plain Web|"));
