@@ -28,7 +28,12 @@ def services(folder):
         for service in group.findall("service"):
             txt = {}
             for record in service.findall("txt-record"):
-                key, _, value = (record.text or "").partition("=")
+                key, equals, value = (record.text or "").partition("=")
+                # "key" alone is a key without a value; binary-hex values are bytes.
+                if not equals:
+                    value = None
+                elif record.get("value-format") == "binary-hex":
+                    value = bytes.fromhex(value)
                 txt[key] = value
             yield name, service.findtext("type"), int(service.findtext("port")), txt
 

@@ -2,6 +2,7 @@
 #   the core (mdns/) includes nothing of the search library;
 #   the reverse lookup includes nothing of the core or the search;
 #   the search includes nothing of the reverse lookup;
+#   the browser includes nothing of the search or the reverse lookup;
 #   the shared records and text helpers include neither;
 #   inside the core, a layer includes only itself and the layers below it:
 #   wire/ (bytes and names) < platform/ (host, clock, sockets) < cache/ (the
@@ -12,7 +13,8 @@ if(CMAKE_SCRIPT_MODE_FILE)
   set(rules
     "mdns|sorvalen/|search/|reverse_lookup/"
     "src/reverse_lookup|mdns/|search/|sorvalen/mdns_search"
-    "src/search|reverse_lookup/|sorvalen/dns_reverse_lookup"
+    "src/search|reverse_lookup/|sorvalen/dns_reverse_lookup|browser/"
+    "src/browser|reverse_lookup/|search/|sorvalen/dns_reverse_lookup|sorvalen/mdns_search"
     "src/common|mdns/|search/|reverse_lookup/|sorvalen/mdns_search|sorvalen/dns_reverse_lookup"
     "mdns/src/wire|platform/|cache/|ask/|engine/"
     "mdns/src/platform|cache/|ask/|engine/"

@@ -23,7 +23,9 @@
 #                                           avahi-browse works there
 #   vlan.sh wait-avahi RUN HOST             waits for a daemon started with --no-wait
 #   vlan.sh add-service RUN HOST NAME TYPE PORT [TXT...]
-#                                           publishes a service (waits until established if running)
+#                                           publishes a service (waits until established if running);
+#                                           TYPE may go on with ",_printer._sub._app._tcp" subtypes; a TXT
+#                                           "key" has no value, "hex:key=00ff" a binary one
 #   vlan.sh remove-service RUN HOST NAME TYPE
 #                                           withdraws it (the daemon sends goodbye packets)
 #   vlan.sh stop-avahi RUN HOST             stops the daemon (withdraws everything)
@@ -585,11 +587,20 @@ cmd_add_service() {
     echo '<service-group>'
     echo "  <name>$(xml_escape "$name")</name>"
     echo '  <service protocol="any">'
-    echo "    <type>$(xml_escape "$type")</type>"
+    local subtypes=() subtype
+    IFS=, read -r -a subtypes <<<"$type"
+    echo "    <type>$(xml_escape "${subtypes[0]}")</type>"
+    for subtype in "${subtypes[@]:1}"; do
+      echo "    <subtype>$(xml_escape "$subtype")</subtype>"
+    done
     echo "    <port>$port</port>"
     local txt
     for txt in "$@"; do
-      echo "    <txt-record>$(xml_escape "$txt")</txt-record>"
+      if [[ $txt == hex:* ]]; then
+        echo "    <txt-record value-format=\"binary-hex\">$(xml_escape "${txt#hex:}")</txt-record>"
+      else
+        echo "    <txt-record>$(xml_escape "$txt")</txt-record>"
+      fi
     done
     echo '  </service>'
     echo '</service-group>'

@@ -4,3 +4,5 @@
 
 int run_search_command(int argc, char** argv);
 int run_lookup_command(int argc, char** argv);
+int run_types_command(int argc, char** argv);
+int run_resolve_command(int argc, char** argv);

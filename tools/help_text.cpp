@@ -14,13 +14,18 @@ constexpr const char* kPurpose = "find devices on the local network by multicast
 
 const std::vector<const char*> kOverview = {
     "Finds devices on the local network by multicast DNS service discovery (mDNS, DNS-SD), without a "
-    "daemon, and asks a single device by unicast for the services behind a name. It sends only on the "
-    "local link and shares UDP port 5353 with a running mDNS daemon such as avahi-daemon.",
+    "daemon, with their TXT attributes; lists the service types on the link, prints a host name's "
+    "addresses, and asks a single device by unicast for the services behind a name. On the link it "
+    "sends only there, and it shares UDP port 5353 with a running mDNS daemon such as avahi-daemon; "
+    "other domains than local. are asked of the DNS servers of /etc/resolv.conf.",
 };
 
 const std::vector<const char*> kExamples = {
     "sorvalen-mdns search _http._tcp",
     "sorvalen-mdns search --names tv,speaker --timeout 5 --json _googlecast._tcp",
+    "sorvalen-mdns search --subtype _printer _http._tcp",
+    "sorvalen-mdns types",
+    "sorvalen-mdns resolve printer.local",
     "sorvalen-mdns lookup 192.0.2.10 _http._tcp.local",
 };
 
@@ -32,7 +37,7 @@ const std::vector<CommandHelp> kCommands = {
          {"",
           {"Browses the local link by multicast DNS for services of TYPE, resolves the instances whose names "
            "contain one of the --names words and prints a line for each endpoint (address and port) when it "
-           "appears, moves to another port or goes away.",
+           "appears, changes (another port, or new TXT attributes) or goes away.",
            "TYPE is a service type, _name._tcp or _name._udp, for example _http._tcp or _ipp._tcp; the "
            "domain is given with --domain."},
           {}},
@@ -41,26 +46,33 @@ const std::vector<CommandHelp> kCommands = {
           {{"-n, --names W1,W2",
             "comma-separated words; an instance is shown when its name contains one of them, ignoring the "
             "case of ASCII letters. Blanks around a word are ignored. Default: every instance."},
-           {"-d, --domain D", "the domain to browse in (default: local.)"},
+           {"-s, --subtype S",
+            "only instances of the subtype S of TYPE (one label, e.g. _printer for printers among "
+            "_http._tcp)"},
+           {"-d, --domain D", "the domain to browse in (default: local.; others are asked by unicast DNS)"},
            {"-t, --timeout S", "stop after S seconds (whole seconds, default 10; 0: until Ctrl-C)"},
            {"-i, --interface IF", "search only on the network interface IF (default: every usable one)"},
            {"-j, --json", "one JSON object per line instead of text"},
            {"-h, --help", "this text"}}},
          {"output",
           {"Text: one line per event, four columns separated by tabs: the event (+ appeared, - went away, "
-           "~ moved to another port), the instance name, the service type and domain, and the endpoint, "
-           "address:port or [IPv6 address]:port. In names, backslashes, control characters, line and "
+           "~ changed: another port or new TXT), the instance name, the service type and domain, and the "
+           "endpoint, address:port or [IPv6 address]:port; on + and ~ lines of an instance with TXT "
+           "attributes, a fifth column holds them: key=value (or key alone, for a key without a value) "
+           "separated by blanks, with blanks inside written \\x20. In names and TXT, backslashes, control "
+           "characters, line and "
            "paragraph separators, invisible and formatting characters (those that reorder text among them) "
            "and bytes that are not UTF-8 are written as escapes (\\\\, \\n, \\t, \\xHH, \\uHHHH, "
            "\\UHHHHHHHH), so every line is one event, also for a reader that splits lines at U+2028.",
            "JSON: one object per line with the members event (add, remove or update), name, type, domain, "
-           "family (ipv4 or ipv6), address, port, interface (its name when known, else null) and, for "
-           "update, old_port. The same characters are escaped in strings (\\uHHHH).",
-           "An IPv6 link-local address is shown with its interface as the zone (fe80::1%eth0) when the "
-           "interface is known: with --interface, or when only one interface is usable.",
+           "family (ipv4 or ipv6), address, port, interface (its name when known, else null), for "
+           "update old_port, and for add and update txt: an object of the TXT attributes in the device's "
+           "order, each value a string, null for a key without a value, or {\"hex\":\"00ff\"} for a value "
+           "that is not UTF-8. The same characters are escaped in strings (\\uHHHH).",
+           "An IPv6 link-local address is shown with its interface as the zone (fe80::1%eth0).",
            "When an instance is withdrawn, each of its endpoints is shown going away. When it moves to "
-           "another port, its endpoint is shown again with ~ and the new port; the old port is no longer "
-           "shown.",
+           "another port or changes its TXT, its endpoints are shown again with ~; the old port is no longer "
+           "shown. A device that keeps changing is shown at a falling rate, at most about once a second.",
            "On a terminal, the time searched so far is shown on stderr. When nothing is found, a line on "
            "stderr says so. Ctrl-C or SIGTERM stops the search."},
           {}},
@@ -68,6 +80,57 @@ const std::vector<CommandHelp> kCommands = {
           {"0 one or more devices found; 1 none found; 2 bad input, or mDNS unavailable (no usable network "
            "interface, or UDP port 5353 held exclusively by another program); 130 stopped by Ctrl-C "
            "(SIGINT), 143 by SIGTERM."},
+          {}},
+     }},
+    {"types",
+     "types [options]",
+     "list the service types that devices on the local link announce",
+     {
+         {"",
+          {"Browses the local link for the list of service types (the DNS-SD name _services._dns-sd._udp) "
+           "and prints a line for each type when the first device announces it and when the last one "
+           "withdraws it."},
+          {}},
+         {"options",
+          {},
+          {{"-d, --domain D", "the domain whose types to list (default: local.)"},
+           {"-t, --timeout S", "stop after S seconds (whole seconds, default 10; 0: until Ctrl-C)"},
+           {"-i, --interface IF", "only the network interface IF (default: every usable one)"},
+           {"-j, --json", "one JSON object per line instead of text"},
+           {"-h, --help", "this text"}}},
+         {"output",
+          {"Text: one line per event, three columns separated by tabs: + or -, the type (_http._tcp.) and "
+           "the domain (local.), escaped as search escapes names.",
+           "JSON: one object per line with the members event (add or remove), type and domain."},
+          {}},
+         {"exit status",
+          {"0 one or more types found; 1 none found; 2 bad input, or mDNS unavailable; 130 stopped by "
+           "Ctrl-C (SIGINT), 143 by SIGTERM."},
+          {}},
+     }},
+    {"resolve",
+     "resolve [options] HOST",
+     "print the addresses of a host name",
+     {
+         {"",
+          {"Asks for the IPv4 and IPv6 addresses of HOST: a name under local. (printer.local) by multicast "
+           "DNS on the link, any other name by unicast DNS to the name servers of /etc/resolv.conf. Waits "
+           "until addresses have come and no more came for a second, or until the time limit."},
+          {}},
+         {"options",
+          {},
+          {{"-t, --timeout S", "give up after S seconds (1 to 3600, default 5)"},
+           {"-j, --json", "one JSON object instead of text"},
+           {"-h, --help", "this text"}}},
+         {"output",
+          {"Text: one address per line; an IPv6 link-local address with its interface as the zone "
+           "(fe80::1%eth0).",
+           "JSON: one object with the members host and addresses, a list of objects with family (ipv4 or "
+           "ipv6), address and interface (null for unicast DNS)."},
+          {}},
+         {"exit status",
+          {"0 one or more addresses; 1 none within the time limit; 2 bad input, or mDNS unavailable; 130 "
+           "stopped by Ctrl-C (SIGINT), 143 by SIGTERM."},
           {}},
      }},
     {"lookup",

@@ -21,7 +21,8 @@ int run_help(int argc, char** argv) {
   }
   const CommandHelp* help = find_command_help(argv[2]);
   if (help == nullptr || argc > 3) {
-    std::fprintf(stderr, "sorvalen-mdns help: no command '%s'; the commands are search and lookup\n",
+    std::fprintf(stderr,
+                 "sorvalen-mdns help: no command '%s'; the commands are search, types, resolve and lookup\n",
                  argv[2]);
     return 2;
   }
@@ -47,8 +48,13 @@ int main(int argc, char** argv) {
     return run_search_command(argc - 1, argv + 1);
   if (std::strcmp(command, "lookup") == 0)
     return run_lookup_command(argc - 1, argv + 1);
+  if (std::strcmp(command, "types") == 0)
+    return run_types_command(argc - 1, argv + 1);
+  if (std::strcmp(command, "resolve") == 0)
+    return run_resolve_command(argc - 1, argv + 1);
   std::fprintf(stderr,
-               "sorvalen-mdns: unknown command '%s'; the commands are search and lookup (see 'sorvalen-mdns "
+               "sorvalen-mdns: unknown command '%s'; the commands are search, types, resolve and lookup (see "
+               "'sorvalen-mdns "
                "--help')\n",
                command);
   return 2;

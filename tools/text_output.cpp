@@ -148,3 +148,13 @@ std::string json_string(const std::string& text) {
   }
   return out + "\"";
 }
+
+bool is_utf8(const std::string& text) {
+  for (size_t i = 0; i < text.size();) {
+    const Utf8Char c = utf8_at(text, i);
+    if (c.length == 0)
+      return false;
+    i += c.length;
+  }
+  return true;
+}

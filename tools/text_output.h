@@ -16,3 +16,6 @@ std::string escape_text(const std::string& text);
 // (\uHHHH, a surrogate pair beyond U+FFFF); bytes that are not UTF-8 become
 // U+FFFD.
 std::string json_string(const std::string& text);
+
+// Whether every byte of `text` belongs to a UTF-8 sequence.
+bool is_utf8(const std::string& text);

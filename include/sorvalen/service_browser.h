@@ -67,8 +67,11 @@ class SORVALEN_API ServiceBrowser {
   using WatchId = uint64_t;
 
   // kAdded once an instance has its host, port and a first address; kUpdated
-  // when its port, host, addresses or TXT change; kRemoved when it leaves
-  // (goodbye, expiry, or a device that stopped answering).
+  // when its port, host, addresses or TXT change (a burst of changes is one
+  // update, and an instance that keeps changing is told at a falling rate, at
+  // most about once a second); kRemoved when it leaves (goodbye, expiry, or a
+  // device that stopped answering).  An instance found on two interfaces is
+  // two instances, each with its interface_name.
   using InstanceCallback = std::function<void(ServiceEvent, const ServiceInstance&)>;
   // A service type ("_ipp._tcp.") in a domain ("local."), added or removed.
   using TypeCallback = std::function<void(ServiceEvent, const std::string& type, const std::string& domain)>;
@@ -80,6 +83,8 @@ class SORVALEN_API ServiceBrowser {
   ServiceBrowser(const ServiceBrowser&) = delete;
   ServiceBrowser& operator=(const ServiceBrowser&) = delete;
   // Cancels every watch and stops the thread; no callback runs after it returns.
+  // It waits for a callback under way on another thread, so it must not be
+  // called from inside one of this browser's callbacks (call Stop there).
   ~ServiceBrowser();
 
   // Opens the core (its sockets on the host's interfaces) and, for kOwnThread,

@@ -1,7 +1,7 @@
 #!/bin/bash
 # Installs the build into a temporary prefix and uses it as a user would, with no LD_LIBRARY_PATH: runs the
 # tool, renders its manual page, builds and runs an application with CMake's find_package and one with
-# pkg-config as C++20, and builds the README's example.  Usage: install_test.sh BUILD CONSUMER README
+# pkg-config as C++20, and builds the README's examples.  Usage: install_test.sh BUILD CONSUMER README
 set -euo pipefail
 build=$1 consumer=$2 readme=$3
 work=$(mktemp -d)
@@ -14,7 +14,7 @@ tool=$prefix/bin/sorvalen-mdns
 # The manual page renders cleanly and lists every option that the tool's help lists.
 manual=$(gzip -dc "$prefix/share/man/man1/sorvalen-mdns.1.gz" | groff -man -Tascii -ww 2>"$work/warnings" | sed 's/.\x08//g')
 [ ! -s "$work/warnings" ] || { cat "$work/warnings" >&2; exit 1; }
-for command in search lookup; do
+for command in search types resolve lookup; do
   "$tool" help "$command" | sed -n 's/^  \(-[^ ]*\( [^ ]\+\)*\)  .*/\1/p' | while read -r flags; do
     grep -qF -- "$flags" <<<"$manual" || { echo "the manual page lacks $flags" >&2; exit 1; }
   done
@@ -36,7 +36,10 @@ rpath=-Wl,-rpath,$(pkg-config --variable=libdir sorvalen_mdns_search)
 c++ -std=c++20 -o "$work/pc-consumer" "$consumer/main.cpp" $flags "$rpath"
 "$work/pc-consumer"
 
-# The first C++ example of the README compiles and links as it stands.
-awk '/^```cpp$/ { inside = 1; next } /^```$/ && inside { exit } inside' "$readme" >"$work/example.cpp"
-# shellcheck disable=SC2086
-c++ -std=c++17 -o "$work/example" "$work/example.cpp" $flags "$rpath"
+# Every C++ example of the README compiles and links as it stands.
+awk -v dir="$work" '/^```cpp$/ { n++; inside = 1; next } /^```$/ && inside { inside = 0; next }
+  inside { print > (dir "/example" n ".cpp") }' "$readme"
+for example in "$work"/example*.cpp; do
+  # shellcheck disable=SC2086
+  c++ -std=c++17 -o "${example%.cpp}" "$example" $flags "$rpath"
+done

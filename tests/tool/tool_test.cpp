@@ -95,6 +95,12 @@ TEST(Tool, SaysWhatWentWrongOrWhatCameWithTheRightExitStatusAndShowsInstancesCom
       {{"lookup", "127.0.0.1", kService}, 1, "127.0.0.1 answered, but no PTR and SRV record", "", ptr_only},
       {{"lookup", "--json", "127.0.0.1", kService}, 1, silent, silent_json, Bytes{}},
       {{"find"}, 2, "unknown command 'find'"},
+      {{"search", "-s", "_a._b", "_http._tcp"}, 2, "'_a._b' is not a subtype; give one label"},
+      {{"types", "_http._tcp"}, 2, "takes no words but options"},
+      {{"types", "-t1"}, 1, "no device announced a service type in local. within"},
+      {{"resolve"}, 2, "give one host name, e.g. printer.local"},
+      {{"resolve", "printer"}, 2, "'printer' is not a host name"},
+      {{"resolve", "-t1", "printer.local"}, 1, "no address for printer.local within 1.0 s"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.args));
@@ -168,6 +174,28 @@ TEST(Tool, SaysWhatWentWrongOrWhatCameWithTheRightExitStatusAndShowsInstancesCom
   // Every character beyond ASCII in these names is one to escape.
   for (const std::string& output : {text, json})
     EXPECT_TRUE(std::none_of(output.begin(), output.end(), [](char c) { return (c & 0x80) != 0; })) << output;
+
+  // A subtype's instances with their TXT, the link's types, a host's addresses.
+  lan.add_service("dev", {"Laser", "_http._tcp,_printer._sub._http._tcp", 631, {"note=a b", "duplex"}});
+  const std::vector<Case> found = {
+      {{"search", "-t2", "--subtype", "_printer", "_http._tcp"},
+       0,
+       "",
+       "\tLaser\t_http._tcp.local.\t" + v4 + ":631\tnote=a\\x20b duplex\n"},  // + or ~: TXT may come late
+      {{"search", "-t2", "-j", "-n", "laser", "_http._tcp"},
+       0,
+       "",
+       "\"txt\":{\"note\":\"a b\",\"duplex\":null}}\n"},
+      {{"types", "-t2"}, 0, "", "+\t_http._tcp.\tlocal.\n"},
+      {{"resolve", "dev.local"}, 0, "", v4 + "\n" + v6 + "%eth0\n"},
+  };
+  for (const Case& c : found) {
+    SCOPED_TRACE(::testing::PrintToString(c.args));
+    const CommandResult r = run_case(lan, c);
+    EXPECT_EQ(r.exit_status, c.exit_status) << r.err;
+    EXPECT_TRUE(holds(r.out, c.out)) << r.out;
+    EXPECT_EQ(r.out.find("Line1"), std::string::npos) << "only the subtype's instances";
+  }
 }
 
 }  // namespace

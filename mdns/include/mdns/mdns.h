@@ -290,9 +290,10 @@ MDNS_API mStatus mDNSPlatformPosixRefreshInterfaceList(mDNS* const m);
  * A family judged used can still fail when the core joins its group. */
 MDNS_API int mDNS_JudgeInterfaces(mDNSInterfaceVerdict* verdicts, int capacity);
 
-/* A browse for instances of `srv` (two labels, "_app._tcp" or "_app._udp") in
- * `domain` (at least one label).  Other shapes are refused with
- * mStatus_BadParamErr. */
+/* A browse for instances of `srv` (two labels, "_app._tcp" or "_app._udp"; a
+ * subtype of one, "_printer._sub._app._tcp"; or "_services._dns-sd._udp", whose
+ * answers name the service types) in `domain` (at least one label).  Other
+ * shapes are refused with mStatus_BadParamErr. */
 MDNS_API mStatus mDNS_StartBrowse(mDNS* const m, DNSQuestion* const question, const domainname* const srv,
                                   const domainname* const domain, const mDNSInterfaceID InterfaceID,
                                   mDNSBool ForceMCast, mDNSQuestionCallback* Callback, void* Context);

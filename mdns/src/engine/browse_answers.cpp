@@ -72,9 +72,52 @@ void browse_answers_reset(CoreState& core) {
   core.answers_expiry_known = false;
 }
 
+namespace {
+
+// `name` without its first `skipped` labels; false when it has no more.
+bool name_after(const domainname& name, size_t skipped, domainname& rest) {
+  if (label_count(name) <= skipped) {
+    return false;
+  }
+  const uint8_t* from = skip_labels(name, skipped);
+  std::memcpy(rest.c, from, name_length(name) - static_cast<size_t>(from - name.c));
+  return true;
+}
+
+bool is_type_list(const domainname& qname) {
+  return label_count(qname) > 3 && label_equals(qname.c, "_services") &&
+         label_equals(skip_labels(qname, 1), "_dns-sd") && label_equals(skip_labels(qname, 2), "_udp");
+}
+
+// The name a browse's instance labels sit under.
+bool browse_parent(const domainname& qname, bool udp, domainname& parent) {
+  if (label_count(qname) > 4 && label_equals(skip_labels(qname, 1), "_sub")) {
+    return name_after(qname, 2, parent);
+  }
+  if (is_type_list(qname)) {
+    domainlabel protocol{};
+    protocol.c[0] = 4;
+    std::memcpy(protocol.c + 1, udp ? "_udp" : "_tcp", 4);
+    domainname domain{};
+    return name_after(qname, 3, domain) && prepend_label(parent, protocol, domain);
+  }
+  parent = qname;
+  return true;
+}
+
+}  // namespace
+
 bool browse_answer_name(const CoreState& core, int index, domainname& out) {
   const BrowseAnswer& a = core.answers[index];
-  return a.browse != nullptr && prepend_label(out, a.label, a.browse->qname);
+  domainname parent{};
+  return a.browse != nullptr && browse_parent(a.browse->qname, a.under_udp != 0, parent) &&
+         prepend_label(out, a.label, parent);
+}
+
+bool browse_instance_of(const domainname& target, const domainname& qname, domainlabel& instance, bool& udp) {
+  udp = is_type_list(qname) && label_count(target) > 1 && label_equals(skip_labels(target, 1), "_udp");
+  domainname parent{};
+  return browse_parent(qname, udp, parent) && split_first_label(target, parent, instance);
 }
 
 int browse_answer_find(CoreState& core, const DNSQuestion* browse, const domainlabel& instance, uint32_t hash,

@@ -48,6 +48,13 @@ void browse_answers_due(CoreState& core, int32_t now, Visit visit);
 // The full instance name of an answer.
 bool browse_answer_name(const CoreState& core, int index, domainname& out);
 
+// The label by which a browse's PTR answer names its instance, and whether it
+// is a _udp type of the type list.  Instances sit directly under the browsed
+// name, those of a subtype (_printer._sub.<type>) under the type, and the
+// answers of the type list (_services._dns-sd._udp.<domain>) name types,
+// <_app>.<_tcp|_udp>.<domain>, told by their first label.
+bool browse_instance_of(const domainname& target, const domainname& qname, domainlabel& instance, bool& udp);
+
 // ---- inline ----
 
 void browse_answers_recompute_next(CoreState& core);

@@ -64,12 +64,30 @@ void stop_all_questions(mDNS* m) {
   }
 }
 
-bool valid_service_type(const domainname& type) {
-  if (label_count(type) != 2 || type.c[1] != '_' || type.c[0] < 2) {
+bool two_label_type_at(const domainname& name, size_t skipped) {
+  if (label_count(name) != skipped + 2) {
     return false;
   }
-  const uint8_t* proto = skip_labels(type, 1);
+  const uint8_t* app = skip_labels(name, skipped);
+  if (app[0] < 2 || app[1] != '_') {
+    return false;
+  }
+  const uint8_t* proto = skip_labels(name, skipped + 1);
   return label_equals(proto, "_tcp") || label_equals(proto, "_udp");
+}
+
+// "_app._tcp", a subtype of one ("_printer._sub._app._tcp"), or the name that
+// lists the types themselves: their PTR answers name instances (or types)
+// that come and go, which is what a browse remembers.
+bool valid_service_type(const domainname& type) {
+  if (label_count(type) == 3 && label_equals(type.c, "_services") &&
+      label_equals(skip_labels(type, 1), "_dns-sd") && label_equals(skip_labels(type, 2), "_udp")) {
+    return true;
+  }
+  if (label_count(type) == 4 && type.c[0] > 0 && label_equals(skip_labels(type, 1), "_sub")) {
+    return two_label_type_at(type, 2);
+  }
+  return two_label_type_at(type, 0);
 }
 
 }  // namespace

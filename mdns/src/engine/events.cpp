@@ -71,8 +71,8 @@ void report_to_browse(mDNS* m, DNSQuestion* browse, CacheRecord* rr) {
   CoreState& core = core_of(m);
   domainlabel instance;
   const domainname& target = rr->resrec.rdata->u.name;
-  // DNS-SD instances sit directly under the browsed name; nothing else is one.
-  if (!split_first_label(target, browse->qname, instance)) {
+  bool udp = false;
+  if (!browse_instance_of(target, browse->qname, instance, udp)) {
     return;
   }
   const int known = browse_answer_find(core, browse, instance, rr->rdata_hash, rr->resrec.InterfaceID);
@@ -96,10 +96,13 @@ void report_to_browse(mDNS* m, DNSQuestion* browse, CacheRecord* rr) {
       return;
     }
   }
-  if (browse_answer_remember(core, browse, instance, rr->rdata_hash, rr->resrec.InterfaceID, rr->sender,
-                             rr->resrec.rroriginalttl, rr->received) < 0) {
+  const int remembered =
+      browse_answer_remember(core, browse, instance, rr->rdata_hash, rr->resrec.InterfaceID, rr->sender,
+                             rr->resrec.rroriginalttl, rr->received);
+  if (remembered < 0) {
     return;
   }
+  core.answers[remembered].under_udp = udp ? 1 : 0;
   state_of(browse).current_answers++;
   call_back(m, browse, rr->resrec, QC_add);
 }
@@ -124,7 +127,8 @@ void report_gone(mDNS* m, DNSQuestion* q, CacheRecord* rr) {
   QuestionState& s = state_of(q);
   if (s.kind == QuestionKind::kBrowse) {
     domainlabel instance;
-    const int known = split_first_label(rr->resrec.rdata->u.name, q->qname, instance)
+    bool udp = false;
+    const int known = browse_instance_of(rr->resrec.rdata->u.name, q->qname, instance, udp)
                           ? browse_answer_find(core, q, instance, rr->rdata_hash, rr->resrec.InterfaceID)
                           : -1;
     if (known >= 0) {
@@ -227,7 +231,8 @@ void goodbye_for_uncached(mDNS* m, const ResourceRecord& goodbye) {
       continue;
     }
     domainlabel instance;
-    if (!split_first_label(goodbye.rdata->u.name, q->qname, instance)) {
+    bool udp = false;
+    if (!browse_instance_of(goodbye.rdata->u.name, q->qname, instance, udp)) {
       continue;
     }
     const int known =
