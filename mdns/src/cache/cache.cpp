@@ -63,6 +63,7 @@ void set_lifetime(CacheStore& core, CacheRecord* rr, uint32_t ttl, int32_t now) 
   rr->received = now;
   rr->expiry = time_add(now, static_cast<int64_t>(ttl) * 1000);
   rr->expiring = 0;
+  rr->goodbye_check = kNoCheck;
   rr->refresh_step = 0;
   plan_refresh(core, rr);
   arm_timer(core, rr);
@@ -185,13 +186,30 @@ void cache_refresh(CacheStore& core, CacheRecord* rr, uint32_t ttl, int32_t now)
 
 void cache_expire_soon(CacheStore& core, CacheRecord* rr, int32_t now) {
   rr->expiring = 1;
+  rr->goodbye_check = kNoCheck;
   rr->expiry = time_add(now, kGoodbyeDelayMs);
   rr->next_refresh = rr->expiry;
   arm_timer(core, rr);
 }
 
+void cache_goodbye(CacheStore& core, CacheRecord* rr, int32_t now) {
+  const int32_t before = rr->expiry;
+  cache_expire_soon(core, rr, now);
+  rr->expiry_before_goodbye = before;
+  rr->goodbye_check = kCheckWanted;
+}
+
+void cache_keep_after_goodbye(CacheStore& core, CacheRecord* rr) {
+  rr->expiring = 0;
+  rr->goodbye_check = kNoCheck;
+  rr->expiry = rr->expiry_before_goodbye;
+  plan_refresh(core, rr);
+  arm_timer(core, rr);
+}
+
 void cache_expire_now(CacheStore& core, CacheRecord* rr, int32_t now) {
   rr->expiring = 1;
+  rr->goodbye_check = kNoCheck;
   rr->expiry = now;
   rr->next_refresh = now;
   arm_timer(core, rr);

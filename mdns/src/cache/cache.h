@@ -30,6 +30,11 @@ void cache_refresh(CacheStore& core, CacheRecord* rr, uint32_t ttl, int32_t now)
 // Leaves in one second (a goodbye, or flushed by a newer record of its set).
 void cache_expire_soon(CacheStore& core, CacheRecord* rr, int32_t now);
 
+// A goodbye: leaves in one second unless cache_keep_after_goodbye comes first.
+void cache_goodbye(CacheStore& core, CacheRecord* rr, int32_t now);
+// Its sender still holds it: back to the expiry it had before the goodbye.
+void cache_keep_after_goodbye(CacheStore& core, CacheRecord* rr);
+
 // Leaves at the next pass (unicast DNS: a new answer no longer holds it).
 void cache_expire_now(CacheStore& core, CacheRecord* rr, int32_t now);
 

@@ -42,6 +42,10 @@ struct CacheRecord {
   Source source;
   uint8_t in_packet;     // brought (new or again) by the packet being stored: its events wait
   uint32_t packet_next;  // index + 1 of the next record of that packet
+  // A goodbye came: its sender is asked whether it still holds the record,
+  // which then stays, with the expiry it had before (see engine/devices.h).
+  uint8_t goodbye_check;  // GoodbyeCheck
+  int32_t expiry_before_goodbye;
 };
 static_assert(sizeof(CacheRecord) <= mDNS_CacheEntitySize, "cache record outgrew its storage");
 static_assert(alignof(CacheRecord) <= alignof(CacheEntity), "cache record alignment");
@@ -61,6 +65,8 @@ struct VictimList {
   bool complete;  // held every entry of its kind when built
 };
 
+enum GoodbyeCheck : uint8_t { kNoCheck, kCheckWanted, kCheckAsked };
+
 // ---- Senders ----------------------------------------------------------------
 
 // The hosts whose records fill the cache and the browses' memory.  Slot 0
@@ -71,6 +77,14 @@ struct Sender {
   mDNSAddr address;
   uint32_t cached;   // cache entries
   uint32_t answers;  // remembered browse answers
+  // Whether the host is still there (engine/devices.h); a link host only.
+  mDNSInterfaceID interface_id;  // where it was last heard; null for a name server
+  int32_t heard;                 // when
+  int32_t probe_sent;            // the last unanswered probe
+  uint32_t probe_record;         // index + 1 of the entry a probe asks for
+  uint8_t probes_unanswered;
+  uint8_t check_wanted;  // goodbyes wait for a probe
+  uint8_t watched;       // holds records that questions ask for
 };
 
 constexpr int kCacheBuckets = 512;

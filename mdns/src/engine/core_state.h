@@ -83,6 +83,13 @@ struct CoreState : AskState {
   uint32_t answers_used;
   int32_t answers_next_expiry;
   bool answers_expiry_known;
+
+  // Devices (see devices.h).
+  int32_t devices_next;  // when devices_run next has work
+  bool devices_planned;  // devices_next holds (else: at the next pass)
+  int32_t devices_surveyed;
+  bool devices_surveyed_once;
+  uint16_t devices_watched;
 };
 static_assert(sizeof(CoreState) <= mDNS_CorePrivateSize, "core state outgrew its storage");
 
