@@ -527,7 +527,7 @@ class Replay {
     const Words& w = line.words;
     in_pass([&] {
       const std::string from = numbered(w, "{n}", n).at(3);
-      const Bytes bytes = message_of(line, last_asked(false, w, from), n);
+      const Bytes bytes = message_of(line, last_asked(false, w, option(w, "as", from)), n);
       mdns::Arrival arrival{};
       arrival.source = address_of(from);
       const int port = std::stoi(option(w, "port", "5353"));

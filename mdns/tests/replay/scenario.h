@@ -19,13 +19,14 @@
 //   at T resolve ID NAME [iface NAME]
 //   at T query ID NAME TYPE
 //   at T stop ID
-//   at T recv FROM [port P] [iface NAME] [ttl N] [oneshot] [echo|echo-id] [id N] [flags HEX] [raw HEX...]
+//   at T recv FROM [port P] [iface NAME] [ttl N] [oneshot] [echo|echo-id] [as ADDR] [id N] [flags HEX] [raw HEX...]
 //     qd NAME TYPE
 //     an|ns|ar NAME TYPE TTL [flush] DATA...       a packet arrives (echo: repeats the last
 //     pad N                                        one-shot's or unicast query's ID and
 //   at T recv-dns [for NAME TYPE] [from ADDR] [port P] [echo] ...   questions; "for" picks
 //                                                  the query, a probe only its device
-//                                                  answers; "repeat N": N packets, {n} in
+//                                                  answers ("as ADDR": a forger's echo of a probe
+//                                                  of ADDR); "repeat N": N packets, {n} in
 //                                                  FROM and their records counting from 1; ttl: the
 //                                                  IP TTL, 255 by default; pad: an answer of
 //                                                  N bytes that no question asks for; a
