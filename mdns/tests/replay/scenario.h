@@ -19,7 +19,8 @@
 //   at T resolve ID NAME [iface NAME]
 //   at T query ID NAME TYPE
 //   at T stop ID
-//   at T recv FROM [port P] [iface NAME] [ttl N] [oneshot] [echo|echo-id] [as ADDR] [id N] [flags HEX] [raw HEX...]
+//   at T recv FROM [port P] [iface NAME] [ttl N] [oneshot] [echo|echo-id] [as ADDR] [id N] [flags HEX]
+//             [raw HEX...]
 //     qd NAME TYPE
 //     an|ns|ar NAME TYPE TTL [flush] DATA...       a packet arrives (echo: repeats the last
 //     pad N                                        one-shot's or unicast query's ID and
