@@ -93,8 +93,9 @@ Probed send_liveness_probe(mDNS* m, uint8_t sender) {
     return Probed::kNoBudget;
   }
   const ProbeQuestion question{rr->resrec.name, rr->resrec.rrtype};
-  probe(m, sender, rr->resrec.InterfaceID, &question, 1);
-  // Sent or not (the interface's budget), the device's turn is taken.
+  if (!probe(m, sender, rr->resrec.InterfaceID, &question, 1)) {
+    return Probed::kNoBudget;  // the interface's: an unsent probe cannot go unanswered
+  }
   s.probe_sent = core.now;
   s.probes_unanswered++;
   return Probed::kSent;
@@ -136,6 +137,10 @@ void send_goodbye_check(mDNS* m, uint8_t sender) {
     core.senders[sender].check_wanted = count > 0 ? 1 : 0;
     return;
   }
+  if (!probe(m, sender, interface_id, questions, count)) {
+    core.senders[sender].check_wanted = 1;
+    return;
+  }
   for (uint32_t i = 0; i < core.cache_size; ++i) {
     CacheRecord* rr = cache_entry(core, i);
     if (rr != nullptr && rr->sender == sender && rr->goodbye_check == kCheckWanted &&
@@ -143,7 +148,6 @@ void send_goodbye_check(mDNS* m, uint8_t sender) {
       rr->goodbye_check = kCheckAsked;
     }
   }
-  probe(m, sender, interface_id, questions, count);
 }
 
 void run_goodbye_checks(mDNS* m) {

@@ -93,8 +93,9 @@ void handle_goodbye(mDNS* m, const ParsedRecord& rec, CacheRecord* rr, uint32_t 
   CoreState& core = core_of(m);
   if (rr != nullptr) {
     if (!rr->expiring) {
-      // Anybody may send a goodbye: the record's own sender is asked first.
-      if (rr->source != Source::kUnicastDns && rr->sender != 0) {
+      // Anybody may send a goodbye: the record's own sender is asked first,
+      // when a question that asks needs the record.
+      if (rr->source != Source::kUnicastDns && rr->sender != 0 && importance_of(m, rr) != kIdle) {
         cache_goodbye(core, rr, core.now);
         device_goodbye(m, *rr);
       } else {
