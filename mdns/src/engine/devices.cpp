@@ -40,7 +40,10 @@ int32_t probe_interval(const CoreState& core) {
   return std::max<int32_t>(kMinProbeIntervalMs, core.devices_watched * 1000 / kDevicesPerSecond);
 }
 
-// Marks the devices whose records questions ask for, and the record each is probed for.
+// Marks the devices whose records questions ask for, and the record each is
+// probed for: any of its records (a completed resolve's SRV and address only
+// listen, yet the device holds them), the smallest answer first, then the
+// longest-lived.
 void survey(mDNS* m) {
   CoreState& core = core_of(m);
   if (core.devices_surveyed_once && time_diff(core.now, core.devices_surveyed) < kSurveyIntervalMs) {
@@ -57,13 +60,16 @@ void survey(mDNS* m) {
   for (uint32_t i = 0; i < core.cache_size; ++i) {
     CacheRecord* rr = cache_entry(core, i);
     if (rr == nullptr || !link_record(*rr) || rr->expiring ||
-        core.senders[rr->sender].interface_id == nullptr || importance_of(m, rr) == kIdle) {
+        core.senders[rr->sender].interface_id == nullptr) {
       continue;
     }
     Sender& s = core.senders[rr->sender];
-    s.watched = 1;
+    if (importance_of(m, rr) != kIdle) {
+      s.watched = 1;
+    }
     const int r = probe_rank(rr->resrec.rrtype);
-    if (r < rank[rr->sender]) {
+    if (r < rank[rr->sender] ||
+        (r == rank[rr->sender] && time_diff(rr->expiry, record_at(core, s.probe_record).expiry) > 0)) {
       rank[rr->sender] = r;
       s.probe_record = i + 1;
     }

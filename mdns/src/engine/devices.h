@@ -5,9 +5,9 @@
 // sender table).  Whatever is accepted from it shows that it is there, so a
 // busy device costs nothing.  While its records answer questions that ask, a
 // device not heard for a while gets a probe: a one-shot to its own address
-// and port 5353 (RFC 6762 sections 5.1, 5.5 and 6.7) for one of its records,
-// an address or SRV before anything bigger, which a live device answers at
-// once.  No answer within a second: a second probe; none again: its records
+// and port 5353 (RFC 6762 sections 5.1, 5.5 and 6.7) for one of the records
+// it holds, an address or SRV before anything bigger, which a live device
+// answers at once.  No answer within a second: a second probe; none again: its records
 // leave with the usual remove events.  A device is probed every
 // max(10 s, N / 8 s) for N such devices, so probes stay within the send
 // governor's budget (ten a second) whatever N is, leaving room for the
