@@ -3,6 +3,7 @@
 // how many probes go out a second; then how long until one device that falls
 // silent is listed as gone, and until all of them are when all fall silent.
 // Prints a table; asserts nothing.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -24,9 +25,10 @@ using sorvalen::test::Bytes;
 using sorvalen::test::DnsMessage;
 
 constexpr int32_t kStart = 1000000;
-constexpr int32_t kSettleMs = 120000;  // all live, probed and answering
-constexpr int32_t kOneSilentMs = 60000;
-constexpr int32_t kAllSilentMs = 600000;
+// Each phase lasts a few of the core's probe intervals, max(10 s, N / 8 s).
+int32_t interval_ms(int count) {
+  return std::max(10000, count * 125);
+}
 
 struct Device {
   mDNSAddr address{};
@@ -184,10 +186,12 @@ void run(int count) {
     b.now += 1;
     pass(b, i, &a);
   }
-  run_until(b, kSettleMs);
+  // All live, probed and answering.
+  const int32_t settle = 4 * interval_ms(count);
+  run_until(b, settle);
   int most = 0;
   double rate = 0;
-  probe_rates(b, kSettleMs / 2, kSettleMs, most, rate);
+  probe_rates(b, settle / 2, settle, most, rate);
   // The worst moment to fall silent: just after answering a probe.
   b.answered_first = false;
   while (!b.answered_first) {
@@ -195,13 +199,13 @@ void run(int count) {
   }
   b.devices[0].live = false;
   const int32_t first_silent = b.now - kStart;
-  run_until(b, first_silent + kOneSilentMs);
+  run_until(b, first_silent + 2 * interval_ms(count) + 10000);
   const int32_t one = b.devices[0].removed < 0 ? -1 : b.devices[0].removed - first_silent;
   for (Device& d : b.devices) {
     d.live = false;
   }
   const int32_t silent = b.now - kStart;
-  run_until(b, silent + kAllSilentMs);
+  run_until(b, silent + interval_ms(count) + count * 300 + 10000);
   int gone = 0;
   int32_t last = 0;
   for (const Device& d : b.devices) {
@@ -210,7 +214,7 @@ void run(int count) {
   }
   int most_all = 0;
   double rate_all = 0;
-  probe_rates(b, 0, silent + kAllSilentMs, most_all, rate_all);
+  probe_rates(b, 0, b.now - kStart, most_all, rate_all);
   std::printf("| %d | %.1f | %d | %.1f | %d of %d | %.1f | %d |\n", count, rate, most, one / 1000.0, gone,
               count, last / 1000.0, most_all);
   mDNS_StartExit(&b.core);

@@ -22,7 +22,7 @@ bool cache_full(const CacheStore& core);
 
 // Stores a new record in a free entry (null when none is free).
 CacheRecord* cache_insert(CacheStore& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
-                          mDNSInterfaceID interface_id, Source source, uint8_t sender, int32_t now);
+                          mDNSInterfaceID interface_id, Source source, SenderSlot sender, int32_t now);
 
 // Received again: TTL and receive time renewed, refresh points start over.
 void cache_refresh(CacheStore& core, CacheRecord* rr, uint32_t ttl, int32_t now);
@@ -61,7 +61,7 @@ CacheRecord* cache_entry(CacheStore& core, uint32_t index);  // null when unused
 
 // Sender bookkeeping: the table slot of a source address (slot 0 stands for
 // everybody once the table is full).
-uint8_t sender_slot(CacheStore& core, const mDNSAddr& address);
-void sender_release_if_unused(CacheStore& core, uint8_t slot);
+SenderSlot sender_slot(CacheStore& core, const mDNSAddr& address);
+void sender_release_if_unused(CacheStore& core, SenderSlot slot);
 
 }  // namespace mdns

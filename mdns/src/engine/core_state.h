@@ -48,8 +48,8 @@ struct BrowseAnswer {
   uint16_t browse_next;  // the same browse's answers, index + 1
   uint16_t browse_prev;
   uint8_t in_use;
-  uint8_t sender;
   uint8_t interface_slot;  // the interface's ID as a number (IDs are small)
+  SenderSlot sender;
   int32_t expiry;
   int32_t refresh_at;  // asks the browse for a refresh query (80 % of the TTL), then the expiry
   uint32_t ttl;

@@ -59,8 +59,7 @@ void survey(mDNS* m) {
   }
   for (uint32_t i = 0; i < core.cache_size; ++i) {
     CacheRecord* rr = cache_entry(core, i);
-    if (rr == nullptr || !link_record(*rr) || rr->expiring ||
-        core.senders[rr->sender].interface_id == nullptr) {
+    if (rr == nullptr || !link_record(*rr) || rr->expiring || core.senders[rr->sender].interface_slot == 0) {
       continue;
     }
     Sender& s = core.senders[rr->sender];
@@ -80,7 +79,8 @@ void survey(mDNS* m) {
   }
 }
 
-bool probe(mDNS* m, uint8_t sender, mDNSInterfaceID interface_id, const ProbeQuestion* questions, int count) {
+bool probe(mDNS* m, SenderSlot sender, mDNSInterfaceID interface_id, const ProbeQuestion* questions,
+           int count) {
   const Sender& s = core_of(m).senders[sender];
   return send_probe(m, interface_id, s.address, questions, count);
 }
@@ -88,7 +88,7 @@ bool probe(mDNS* m, uint8_t sender, mDNSInterfaceID interface_id, const ProbeQue
 enum class Probed { kSent, kNoBudget, kNothingToAsk };
 
 // The probe asking a device for its chosen record.
-Probed send_liveness_probe(mDNS* m, uint8_t sender) {
+Probed send_liveness_probe(mDNS* m, SenderSlot sender) {
   CoreState& core = core_of(m);
   Sender& s = core.senders[sender];
   CacheRecord* rr = s.probe_record != 0 ? &record_at(core, s.probe_record) : nullptr;
@@ -116,7 +116,7 @@ bool already_asked(const ProbeQuestion* questions, int count, const CacheRecord&
 }
 
 // One probe for the records of the sender that wait for a check.
-void send_goodbye_check(mDNS* m, uint8_t sender) {
+void send_goodbye_check(mDNS* m, SenderSlot sender) {
   CoreState& core = core_of(m);
   ProbeQuestion questions[kProbeQuestions];
   int count = 0;
@@ -161,7 +161,7 @@ void run_goodbye_checks(mDNS* m) {
   for (int s = 1; s < kMaxSenders; ++s) {
     if (core.senders[s].check_wanted &&
         time_reached(governor_next_probe(core, ProbeKind::kGoodbyeCheck), core.now)) {
-      send_goodbye_check(m, static_cast<uint8_t>(s));
+      send_goodbye_check(m, static_cast<SenderSlot>(s));
     }
   }
 }
@@ -180,11 +180,11 @@ bool settle_unanswered(mDNS* m) {
     if (!s.watched) {
       s.probes_unanswered = 0;  // nothing of it is asked for any more
     } else if (s.probes_unanswered == 1) {
-      if (send_liveness_probe(m, static_cast<uint8_t>(i)) == Probed::kNothingToAsk) {
+      if (send_liveness_probe(m, static_cast<SenderSlot>(i)) == Probed::kNothingToAsk) {
         s.probes_unanswered = 0;  // what it was asked for has gone meanwhile
       }
     } else {
-      sender_gone(m, static_cast<uint8_t>(i));
+      sender_gone(m, static_cast<SenderSlot>(i));
       if (!core.initialized) {
         return false;
       }
@@ -219,7 +219,7 @@ void devices_reset(CoreState& core) {
   core.devices_planned = false;
 }
 
-void device_heard(mDNS* m, uint8_t sender, mDNSInterfaceID interface_id) {
+void device_heard(mDNS* m, SenderSlot sender, mDNSInterfaceID interface_id) {
   if (sender == 0) {
     return;  // the table is full: "everybody" is nobody to probe
   }
@@ -227,7 +227,7 @@ void device_heard(mDNS* m, uint8_t sender, mDNSInterfaceID interface_id) {
   Sender& s = core.senders[sender];
   s.heard = core.now;
   s.probes_unanswered = 0;
-  s.interface_id = interface_id;
+  s.interface_slot = interface_number(interface_id);
 }
 
 void device_goodbye(mDNS* m, const CacheRecord& rr) {
@@ -251,7 +251,7 @@ void devices_run(mDNS* m) {
     if (due == 0) {
       break;
     }
-    const Probed probed = send_liveness_probe(m, static_cast<uint8_t>(due));
+    const Probed probed = send_liveness_probe(m, static_cast<SenderSlot>(due));
     if (probed == Probed::kNoBudget) {
       break;
     }

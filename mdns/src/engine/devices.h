@@ -36,7 +36,7 @@ constexpr int32_t kProbeWaitMs = 1000;
 void devices_reset(CoreState& core);
 
 // Something of the sender's was accepted on the interface.
-void device_heard(mDNS* m, uint8_t sender, mDNSInterfaceID interface_id);
+void device_heard(mDNS* m, SenderSlot sender, mDNSInterfaceID interface_id);
 // A goodbye came for a cached record of the link (already marked by cache_goodbye).
 void device_goodbye(mDNS* m, const CacheRecord& rr);
 

@@ -303,7 +303,7 @@ void interface_gone(mDNS* m, mDNSInterfaceID interface_id) {
   }
 }
 
-void sender_gone(mDNS* m, uint8_t sender) {
+void sender_gone(mDNS* m, SenderSlot sender) {
   CoreState& core = core_of(m);
   for (uint32_t i = 0; i < core.cache_size && core_alive(m); ++i) {
     CacheRecord* rr = cache_entry(core, i);

@@ -41,6 +41,6 @@ void browse_answer_due(mDNS* m, int index);
 void interface_gone(mDNS* m, mDNSInterfaceID interface_id);
 // Everything a host of the link sent leaves, with remove events: its cached
 // records and the browse answers remembered of it.
-void sender_gone(mDNS* m, uint8_t sender);
+void sender_gone(mDNS* m, SenderSlot sender);
 
 }  // namespace mdns
