@@ -132,6 +132,7 @@ void cache_reset(CacheStore& core) {
   std::memset(core.senders, 0, sizeof core.senders);
   std::memset(core.sender_buckets, 0, sizeof core.sender_buckets);
   core.sender_free = 0;
+  core.sender_top = 0;
   for (int i = kMaxSenders - 1; i > 0; --i) {
     core.senders[i].next = core.sender_free;
     core.sender_free = static_cast<SenderSlot>(i);
@@ -300,6 +301,7 @@ SenderSlot sender_slot(CacheStore& core, const mDNSAddr& address) {
     return 0;
   }
   core.sender_free = core.senders[slot].next;
+  core.sender_top = slot > core.sender_top ? slot : core.sender_top;
   core.senders[slot] = Sender{};
   core.senders[slot].address = address;
   core.senders[slot].next = head;

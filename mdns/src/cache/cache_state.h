@@ -112,6 +112,7 @@ struct CacheStore : PassState {
   Sender senders[kMaxSenders];
   SenderSlot sender_buckets[kSenderBuckets];
   SenderSlot sender_free;
+  SenderSlot sender_top;  // no slot above it has been used since the reset
 };
 
 inline CacheRecord& record_at(CacheStore& core, uint32_t index_plus_one) {

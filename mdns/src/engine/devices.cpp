@@ -52,7 +52,7 @@ void survey(mDNS* m) {
   core.devices_surveyed = core.now;
   core.devices_surveyed_once = true;
   int rank[kMaxSenders];
-  for (int s = 0; s < kMaxSenders; ++s) {
+  for (int s = 0; s < senders_end(core); ++s) {
     core.senders[s].watched = 0;
     core.senders[s].probe_record = 0;
     rank[s] = 99;
@@ -74,8 +74,8 @@ void survey(mDNS* m) {
     }
   }
   core.devices_watched = 0;
-  for (const Sender& s : core.senders) {
-    core.devices_watched += s.watched;
+  for (int s = 1; s < senders_end(core); ++s) {
+    core.devices_watched += core.senders[s].watched;
   }
 }
 
@@ -158,7 +158,7 @@ void send_goodbye_check(mDNS* m, SenderSlot sender) {
 
 void run_goodbye_checks(mDNS* m) {
   CoreState& core = core_of(m);
-  for (int s = 1; s < kMaxSenders; ++s) {
+  for (int s = 1; s < senders_end(core); ++s) {
     if (core.senders[s].check_wanted &&
         time_reached(governor_next_probe(core, ProbeKind::kGoodbyeCheck), core.now)) {
       send_goodbye_check(m, static_cast<SenderSlot>(s));
@@ -172,7 +172,7 @@ void run_goodbye_checks(mDNS* m) {
 // when a removal ended the core.
 bool settle_unanswered(mDNS* m) {
   CoreState& core = core_of(m);
-  for (int i = 1; i < kMaxSenders; ++i) {
+  for (int i = 1; i < senders_end(core); ++i) {
     Sender& s = core.senders[i];
     if (s.probes_unanswered == 0 || !time_reached(time_add(s.probe_sent, kProbeWaitMs), core.now)) {
       continue;
@@ -201,7 +201,7 @@ bool settle_unanswered(mDNS* m) {
 int due_device(const CoreState& core) {
   const int32_t interval = probe_interval(core);
   int due = 0;
-  for (int i = 1; i < kMaxSenders; ++i) {
+  for (int i = 1; i < senders_end(core); ++i) {
     const Sender& s = core.senders[i];
     if (s.watched && s.probes_unanswered == 0 && time_reached(time_add(s.heard, interval), core.now) &&
         (due == 0 || time_diff(s.heard, core.senders[due].heard) < 0)) {
@@ -262,7 +262,7 @@ void devices_run(mDNS* m) {
   // When there is next anything to do.
   const int32_t interval = probe_interval(core);
   int32_t next = time_add(core.now, kSurveyIntervalMs * 10);
-  for (int i = 1; i < kMaxSenders; ++i) {
+  for (int i = 1; i < senders_end(core); ++i) {
     const Sender& s = core.senders[i];
     int32_t when = next;
     if (s.check_wanted) {
