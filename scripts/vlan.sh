@@ -29,6 +29,8 @@
 #   vlan.sh remove-service RUN HOST NAME TYPE
 #                                           withdraws it (the daemon sends goodbye packets)
 #   vlan.sh stop-avahi RUN HOST             stops the daemon (withdraws everything)
+#   vlan.sh kill-avahi RUN HOST             kills it with SIGKILL: gone without a goodbye, as
+#                                           after a power cut
 #   vlan.sh browse RUN HOST TYPE            avahi-browse -rpt TYPE via the host's --dbus daemon
 #   vlan.sh exec-avahi RUN HOST CMD...      runs CMD beside the host's --dbus daemon (its /run and
 #                                           bus), e.g. a long-running avahi-browse
@@ -762,6 +764,15 @@ cmd_stop_avahi() {
   stop_pid "$hdir/dbus.pid"
 }
 
+cmd_kill_avahi() {
+  require_host "$1" "$2"
+  local pid
+  pid=$(daemon_pid "$1" "$2") || die "no avahi-daemon runs on $2"
+  rm -f "$(host_dir "$1" "$2")/avahi.pid"
+  kill -KILL "$pid"
+  while kill -0 "$pid" 2>/dev/null; do sleep 0.05; done
+}
+
 cmd_exec_avahi() {
   require_host "$1" "$2"
   [ $# -ge 3 ] || die "exec-avahi RUN HOST CMD..."
@@ -964,6 +975,7 @@ case "$command" in
   add-service) cmd_add_service "$@" ;;
   remove-service) cmd_remove_service "$@" ;;
   stop-avahi) cmd_stop_avahi "$@" ;;
+  kill-avahi) cmd_kill_avahi "$@" ;;
   browse) cmd_browse "$@" ;;
   exec-avahi) cmd_exec_avahi "$@" ;;
   add-services) cmd_add_services "$@" ;;

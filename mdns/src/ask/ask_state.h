@@ -108,6 +108,19 @@ struct OneShot {
   uint32_t questions[kOneShotQuestions];  // question_key() of each
 };
 
+// Probes: one-shots sent to one device's own address, answered by it alone.
+constexpr int kMaxProbes = 32;  // more than the probe budget sends within a one-shot's lifetime
+constexpr int kProbeQuestions = 8;
+
+struct Probe {
+  uint16_t id;
+  uint8_t question_count;
+  mDNSInterfaceID interface_id;
+  mDNSAddr target;
+  int32_t sent;
+  uint32_t questions[kProbeQuestions];  // question_key() of each
+};
+
 // ---- Unicast DNS ----------------------------------------------------------------
 
 constexpr int kMaxUnicastQueries = 16;
@@ -149,6 +162,10 @@ struct AskState : CacheStore {
   OneShot one_shots[kMaxOneShots];
   uint32_t one_shot_next;
   SendBudget one_shot_budget;
+  Probe probes[kMaxProbes];
+  uint32_t probe_next;
+  SendBudget probe_budget;  // every probe
+  SendBudget check_budget;  // probes after a goodbye, on top of the above
 
   // Unicast DNS.
   NameServer servers[kMaxNameServers];

@@ -9,6 +9,7 @@
 #include "ask/send_governor.h"
 #include "platform/clock.h"
 #include "platform/platform.h"
+#include "wire/identity.h"
 #include "wire/message_reader.h"
 #include "wire/message_writer.h"
 
@@ -17,14 +18,27 @@ namespace {
 
 // So that a pass that starts thousands of questions stays bounded.
 constexpr int kMaxPacketsPerInterface = 2;
-const OneShot* find(const AskState& core, uint16_t id, const OneShotReply& arrival) {
+// The questions of the outstanding one-shot or probe that a reply answers.
+struct Outstanding {
+  const uint32_t* questions = nullptr;
+  int count = 0;
+};
+
+Outstanding find(const AskState& core, uint16_t id, const OneShotReply& arrival) {
   for (const OneShot& o : core.one_shots) {
     if (o.question_count > 0 && o.id == id && o.interface_id == arrival.interface_id &&
-        o.family == arrival.family && time_diff(core.now, o.sent) <= kOneShotLifetimeMs) {
-      return &o;
+        o.family == arrival.source.type && time_diff(core.now, o.sent) <= kOneShotLifetimeMs) {
+      return {o.questions, o.question_count};
     }
   }
-  return nullptr;
+  // A probe went to one device: nobody else may answer it.
+  for (const Probe& p : core.probes) {
+    if (p.question_count > 0 && p.id == id && p.interface_id == arrival.interface_id &&
+        addresses_equal(p.target, arrival.source) && time_diff(core.now, p.sent) <= kOneShotLifetimeMs) {
+      return {p.questions, p.question_count};
+    }
+  }
+  return {};
 }
 
 // Packets of the wanted questions for one interface and family.
@@ -63,6 +77,35 @@ void send_on(mDNS* m, DNSQuestion* wanted, mDNSInterfaceID interface_id, int fam
 void one_shots_reset(AskState& core) {
   std::memset(core.one_shots, 0, sizeof core.one_shots);
   core.one_shot_next = 0;
+  std::memset(core.probes, 0, sizeof core.probes);
+  core.probe_next = 0;
+}
+
+bool send_probe(mDNS* m, mDNSInterfaceID interface_id, const mDNSAddr& device, const ProbeQuestion* questions,
+                int count) {
+  AskState& core = ask_of(m);
+  if (!governor_take_packet(core, interface_id, SendPriority::kRoutine)) {
+    return false;
+  }
+  Probe& record = core.probes[core.probe_next++ % kMaxProbes];
+  record = Probe{};
+  record.id = platform_random_id();
+  QueryWriter writer(core.txbuf, kMaxQueryPayload, record.id);
+  for (int i = 0; i < count && record.question_count < kProbeQuestions; ++i) {
+    if (!writer.add_question(*questions[i].name, questions[i].type, kDNSClass_IN)) {
+      break;
+    }
+    record.questions[record.question_count++] =
+        question_key(*questions[i].name, questions[i].type, kDNSClass_IN);
+  }
+  if (record.question_count == 0) {
+    return false;
+  }
+  record.interface_id = interface_id;
+  record.target = device;
+  record.sent = core.now;
+  core.counters.probes_sent++;
+  return governor_send_to_host(m, interface_id, device, core.txbuf, writer.finish());
 }
 
 void send_one_shots(mDNS* m) {
@@ -83,21 +126,13 @@ void send_one_shots(mDNS* m) {
 }
 
 bool one_shot_expected(mDNS* m, const MessageHeader& header, const OneShotReply& arrival) {
-  return header.qdcount > 0 && find(ask_of(m), header.id, arrival) != nullptr;
+  return header.qdcount > 0 && find(ask_of(m), header.id, arrival).count > 0;
 }
 
 bool one_shot_asked(mDNS* m, const MessageHeader& header, const OneShotReply& arrival,
                     uint32_t question_key) {
-  const OneShot* o = find(ask_of(m), header.id, arrival);
-  if (o == nullptr) {
-    return false;
-  }
-  for (int i = 0; i < o->question_count; ++i) {
-    if (o->questions[i] == question_key) {
-      return true;
-    }
-  }
-  return false;
+  const Outstanding o = find(ask_of(m), header.id, arrival);
+  return std::find(o.questions, o.questions + o.count, question_key) != o.questions + o.count;
 }
 
 }  // namespace mdns

@@ -9,7 +9,9 @@
 //  - each interface has a rate of packets, of which new questions (first
 //    queries, one-shots) may use all and the rest of the traffic only what is
 //    left above a reserve.
-// One-shots also take from a smaller bucket of their own.
+// One-shots also take from a smaller bucket of their own; probes of devices
+// (one-shots to one host) from theirs, whatever the number of devices: at
+// most kProbesPerSecond, those after a goodbye at most half of them.
 #pragma once
 
 #include <cstdint>
@@ -36,6 +38,19 @@ void governor_note_query(QuestionState& leader, int32_t now);
 // (from port 5353, or from the one-shot port), and counts it.
 void governor_send(mDNS* m, Transport transport, mDNSInterfaceID interface_id, int family,
                    const uint8_t* message, size_t length);
+
+constexpr int32_t kProbesPerSecond = 10;
+
+// Sends one message from the one-shot port to port 5353 of one host, and counts it.
+bool governor_send_to_host(mDNS* m, mDNSInterfaceID interface_id, const mDNSAddr& to, const uint8_t* message,
+                           size_t length);
+
+// Takes one probe from the probes' budget (and a goodbye's check also from its
+// own); false when there is none now.
+enum class ProbeKind : uint8_t { kLiveness, kGoodbyeCheck };
+bool governor_take_probe(AskState& core, ProbeKind kind);
+// When the next probe of the kind may go, as far as the budget goes.
+int32_t governor_next_probe(const AskState& core, ProbeKind kind);
 
 // Takes one packet from the interface's budget; false when there is none for
 // this priority now.

@@ -24,6 +24,11 @@ uint32_t identity_bucket_of(uint32_t name_hash, uint32_t data_hash) {
   return (name_hash ^ (data_hash * 2654435761u)) % kCacheBuckets;
 }
 
+uint32_t address_bucket(const mDNSAddr& address) {
+  const size_t size = address.type == mDNSAddrType_IPv4 ? 4 : 16;
+  return wire_hash(reinterpret_cast<const uint8_t*>(&address.ip), size) % kSenderBuckets;
+}
+
 CacheRecord* entry_at(CacheStore& core, uint32_t index_plus_one) {
   return index_plus_one == 0 ? nullptr : &record_at(core, index_plus_one);
 }
@@ -63,6 +68,7 @@ void set_lifetime(CacheStore& core, CacheRecord* rr, uint32_t ttl, int32_t now) 
   rr->received = now;
   rr->expiry = time_add(now, static_cast<int64_t>(ttl) * 1000);
   rr->expiring = 0;
+  rr->goodbye_check = kNoCheck;
   rr->refresh_step = 0;
   plan_refresh(core, rr);
   arm_timer(core, rr);
@@ -124,6 +130,13 @@ void cache_reset(CacheStore& core) {
     core.cache_free = i;
   }
   std::memset(core.senders, 0, sizeof core.senders);
+  std::memset(core.sender_buckets, 0, sizeof core.sender_buckets);
+  core.sender_free = 0;
+  core.sender_top = 0;
+  for (int i = kMaxSenders - 1; i > 0; --i) {
+    core.senders[i].next = core.sender_free;
+    core.sender_free = static_cast<SenderSlot>(i);
+  }
 }
 
 CacheRecord* cache_find(CacheStore& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
@@ -145,7 +158,7 @@ bool cache_full(const CacheStore& core) {
 }
 
 CacheRecord* cache_insert(CacheStore& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
-                          mDNSInterfaceID interface_id, Source source, uint8_t sender, int32_t now) {
+                          mDNSInterfaceID interface_id, Source source, SenderSlot sender, int32_t now) {
   CacheRecord* rr = entry_at(core, core.cache_free);
   if (rr == nullptr) {
     return nullptr;
@@ -185,13 +198,30 @@ void cache_refresh(CacheStore& core, CacheRecord* rr, uint32_t ttl, int32_t now)
 
 void cache_expire_soon(CacheStore& core, CacheRecord* rr, int32_t now) {
   rr->expiring = 1;
+  rr->goodbye_check = kNoCheck;
   rr->expiry = time_add(now, kGoodbyeDelayMs);
   rr->next_refresh = rr->expiry;
   arm_timer(core, rr);
 }
 
+void cache_goodbye(CacheStore& core, CacheRecord* rr, int32_t now) {
+  const int32_t before = rr->expiry;
+  cache_expire_soon(core, rr, now);
+  rr->expiry_before_goodbye = before;
+  rr->goodbye_check = kCheckWanted;
+}
+
+void cache_keep_after_goodbye(CacheStore& core, CacheRecord* rr) {
+  rr->expiring = 0;
+  rr->goodbye_check = kNoCheck;
+  rr->expiry = rr->expiry_before_goodbye;
+  plan_refresh(core, rr);
+  arm_timer(core, rr);
+}
+
 void cache_expire_now(CacheStore& core, CacheRecord* rr, int32_t now) {
   rr->expiring = 1;
+  rr->goodbye_check = kNoCheck;
   rr->expiry = now;
   rr->next_refresh = now;
   arm_timer(core, rr);
@@ -259,30 +289,41 @@ CacheRecord* cache_entry(CacheStore& core, uint32_t index) {
   return rr->in_use ? rr : nullptr;
 }
 
-uint8_t sender_slot(CacheStore& core, const mDNSAddr& address) {
-  const size_t size = address.type == mDNSAddrType_IPv4 ? 4 : 16;
-  int free_slot = 0;
-  for (int i = 1; i < kMaxSenders; ++i) {
-    const Sender& s = core.senders[i];
-    if (s.address.type == mDNSAddrType_None) {
-      free_slot = free_slot == 0 ? i : free_slot;
-      continue;
-    }
-    if (s.address.type == address.type && std::memcmp(&s.address.ip, &address.ip, size) == 0) {
-      return static_cast<uint8_t>(i);
+SenderSlot sender_slot(CacheStore& core, const mDNSAddr& address) {
+  SenderSlot& head = core.sender_buckets[address_bucket(address)];
+  for (SenderSlot i = head; i != 0; i = core.senders[i].next) {
+    if (addresses_equal(core.senders[i].address, address)) {
+      return i;
     }
   }
-  if (free_slot != 0) {
-    core.senders[free_slot].address = address;
+  const SenderSlot slot = core.sender_free;
+  if (slot == 0) {
+    return 0;
   }
-  return static_cast<uint8_t>(free_slot);
+  core.sender_free = core.senders[slot].next;
+  core.sender_top = slot > core.sender_top ? slot : core.sender_top;
+  core.senders[slot] = Sender{};
+  core.senders[slot].address = address;
+  core.senders[slot].next = head;
+  head = slot;
+  return slot;
 }
 
-void sender_release_if_unused(CacheStore& core, uint8_t slot) {
+void sender_release_if_unused(CacheStore& core, SenderSlot slot) {
   Sender& s = core.senders[slot];
-  if (slot != 0 && s.cached == 0 && s.answers == 0) {
-    s = Sender{};
+  if (slot == 0 || s.cached != 0 || s.answers != 0) {
+    return;
   }
+  for (SenderSlot* link = &core.sender_buckets[address_bucket(s.address)]; *link != 0;
+       link = &core.senders[*link].next) {
+    if (*link == slot) {
+      *link = s.next;
+      break;
+    }
+  }
+  s = Sender{};
+  s.next = core.sender_free;
+  core.sender_free = slot;
 }
 
 }  // namespace mdns

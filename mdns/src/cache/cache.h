@@ -22,13 +22,18 @@ bool cache_full(const CacheStore& core);
 
 // Stores a new record in a free entry (null when none is free).
 CacheRecord* cache_insert(CacheStore& core, const ParsedRecord& rec, uint32_t name_hash, uint32_t data_hash,
-                          mDNSInterfaceID interface_id, Source source, uint8_t sender, int32_t now);
+                          mDNSInterfaceID interface_id, Source source, SenderSlot sender, int32_t now);
 
 // Received again: TTL and receive time renewed, refresh points start over.
 void cache_refresh(CacheStore& core, CacheRecord* rr, uint32_t ttl, int32_t now);
 
 // Leaves in one second (a goodbye, or flushed by a newer record of its set).
 void cache_expire_soon(CacheStore& core, CacheRecord* rr, int32_t now);
+
+// A goodbye: leaves in one second unless cache_keep_after_goodbye comes first.
+void cache_goodbye(CacheStore& core, CacheRecord* rr, int32_t now);
+// Its sender still holds it: back to the expiry it had before the goodbye.
+void cache_keep_after_goodbye(CacheStore& core, CacheRecord* rr);
 
 // Leaves at the next pass (unicast DNS: a new answer no longer holds it).
 void cache_expire_now(CacheStore& core, CacheRecord* rr, int32_t now);
@@ -56,7 +61,12 @@ CacheRecord* cache_entry(CacheStore& core, uint32_t index);  // null when unused
 
 // Sender bookkeeping: the table slot of a source address (slot 0 stands for
 // everybody once the table is full).
-uint8_t sender_slot(CacheStore& core, const mDNSAddr& address);
-void sender_release_if_unused(CacheStore& core, uint8_t slot);
+SenderSlot sender_slot(CacheStore& core, const mDNSAddr& address);
+void sender_release_if_unused(CacheStore& core, SenderSlot slot);
+// The slots in use all lie below this one (the free list hands out the lowest
+// first after a reset).
+inline int senders_end(const CacheStore& core) {
+  return core.sender_top + 1;
+}
 
 }  // namespace mdns

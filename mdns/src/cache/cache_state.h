@@ -37,11 +37,15 @@ struct CacheRecord {
   uint8_t add_pending;   // cached from the packet being processed; its add events not yet given
   uint8_t refresh_step;  // 0..4: queries sent at 80/85/90/95 % of the TTL
   uint8_t expiring;      // goodbye or flushed: leaves at `expiry`, one second on
-  uint8_t sender;        // index into the sender table
+  uint16_t sender;       // index into the sender table
   uint8_t importance;    // as of importance_generation (see cache_policy.h)
   Source source;
   uint8_t in_packet;     // brought (new or again) by the packet being stored: its events wait
   uint32_t packet_next;  // index + 1 of the next record of that packet
+  // A goodbye came: its sender is asked whether it still holds the record,
+  // which then stays, with the expiry it had before (see engine/devices.h).
+  uint8_t goodbye_check;  // GoodbyeCheck
+  int32_t expiry_before_goodbye;
 };
 static_assert(sizeof(CacheRecord) <= mDNS_CacheEntitySize, "cache record outgrew its storage");
 static_assert(alignof(CacheRecord) <= alignof(CacheEntity), "cache record alignment");
@@ -61,16 +65,30 @@ struct VictimList {
   bool complete;  // held every entry of its kind when built
 };
 
+enum GoodbyeCheck : uint8_t { kNoCheck, kCheckWanted, kCheckAsked };
+
 // ---- Senders ----------------------------------------------------------------
 
-// The hosts whose records fill the cache and the browses' memory.  Slot 0
-// stands for everybody once the table is full.
-constexpr int kMaxSenders = 256;
+// The hosts whose records fill the cache and the browses' memory, found by
+// address through a hash table.  Slot 0 stands for everybody once the table
+// is full.
+constexpr int kMaxSenders = 1024;
+constexpr int kSenderBuckets = 1024;
+using SenderSlot = uint16_t;
 
 struct Sender {
   mDNSAddr address;
   uint32_t cached;   // cache entries
   uint32_t answers;  // remembered browse answers
+  // Whether the host is still there (engine/devices.h); a link host only.
+  int32_t heard;           // when it was last heard
+  int32_t probe_sent;      // the last unanswered probe
+  uint32_t probe_record;   // index + 1 of the entry a probe asks for
+  uint8_t interface_slot;  // where it was last heard (interface_number); 0 for a name server
+  uint8_t probes_unanswered;
+  uint8_t check_wanted;  // goodbyes wait for a probe
+  uint8_t watched;       // holds records that questions ask for
+  SenderSlot next;       // in its hash bucket, or in the free list
 };
 
 constexpr int kCacheBuckets = 512;
@@ -92,6 +110,9 @@ struct CacheStore : PassState {
   uint32_t packet_head;
   uint32_t packet_tail;
   Sender senders[kMaxSenders];
+  SenderSlot sender_buckets[kSenderBuckets];
+  SenderSlot sender_free;
+  SenderSlot sender_top;  // no slot above it has been used since the reset
 };
 
 inline CacheRecord& record_at(CacheStore& core, uint32_t index_plus_one) {

@@ -48,11 +48,11 @@ bool matches(const BrowseAnswer& a, const DNSQuestion* browse, const domainlabel
 }
 
 // The sender holding the most remembered answers.
-uint8_t top_sender(const CoreState& core) {
-  uint8_t top = 0;
+SenderSlot top_sender(const CoreState& core) {
+  SenderSlot top = 0;
   for (int i = 1; i < kMaxSenders; ++i) {
     if (core.senders[i].answers > core.senders[top].answers) {
-      top = static_cast<uint8_t>(i);
+      top = static_cast<SenderSlot>(i);
     }
   }
   return top;
@@ -130,11 +130,11 @@ int browse_answer_find(CoreState& core, const DNSQuestion* browse, const domainl
   return -1;
 }
 
-Admission browse_answer_admit(CoreState& core, uint8_t sender, int& evicted) {
+Admission browse_answer_admit(CoreState& core, SenderSlot sender, int& evicted) {
   if (core.answer_free != 0) {
     return Admission::kAdmitted;
   }
-  const uint8_t top = top_sender(core);
+  const SenderSlot top = top_sender(core);
   if (top == sender) {
     core.counters.answers_refused++;
     return Admission::kRefused;
@@ -151,7 +151,7 @@ Admission browse_answer_admit(CoreState& core, uint8_t sender, int& evicted) {
 }
 
 int browse_answer_remember(CoreState& core, DNSQuestion* browse, const domainlabel& instance, uint32_t hash,
-                           mDNSInterfaceID interface_id, uint8_t sender, uint32_t ttl, int32_t now) {
+                           mDNSInterfaceID interface_id, SenderSlot sender, uint32_t ttl, int32_t now) {
   const int i = index_from(core.answer_free);
   if (i < 0) {
     return -1;
@@ -213,7 +213,7 @@ void browse_answer_forget(CoreState& core, int index) {
   if (a.browse_next != 0) {
     core.answers[index_from(a.browse_next)].browse_prev = a.browse_prev;
   }
-  const uint8_t sender = a.sender;
+  const SenderSlot sender = a.sender;
   std::memset(&a, 0, sizeof a);
   a.bucket_next = core.answer_free;
   core.answer_free = link_to(index);

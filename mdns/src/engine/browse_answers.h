@@ -24,9 +24,9 @@ int browse_answer_find(CoreState& core, const DNSQuestion* browse, const domainl
 // index of the answer to report as removed first (and the caller forgets it).
 // Returns the index of the new answer, or -1.
 enum class Admission { kAdmitted, kRefused, kMustEvict };
-Admission browse_answer_admit(CoreState& core, uint8_t sender, int& evicted);
+Admission browse_answer_admit(CoreState& core, SenderSlot sender, int& evicted);
 int browse_answer_remember(CoreState& core, DNSQuestion* browse, const domainlabel& instance, uint32_t hash,
-                           mDNSInterfaceID interface_id, uint8_t sender, uint32_t ttl, int32_t now);
+                           mDNSInterfaceID interface_id, SenderSlot sender, uint32_t ttl, int32_t now);
 void browse_answer_renew(CoreState& core, int index, uint32_t ttl, int32_t now);
 // A goodbye: it leaves in one second.
 void browse_answer_expire_soon(CoreState& core, int index, int32_t now);

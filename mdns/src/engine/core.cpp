@@ -8,6 +8,7 @@
 #include "ask/send_governor.h"
 #include "cache/cache.h"
 #include "engine/browse_answers.h"
+#include "engine/devices.h"
 #include "engine/engine.h"
 #include "engine/events.h"
 #include "engine/questions.h"
@@ -127,6 +128,9 @@ void engine_run_scheduled(mDNS* m) {
     age_browse_answers(m);
   }
   if (core.initialized) {
+    devices_run(m);
+  }
+  if (core.initialized) {
     askers_run(m);
   }
   core.in_pass = false;
@@ -154,6 +158,7 @@ int32_t engine_time_to_next_event(mDNS* m, int32_t now) {
   if (resolves_next_recheck(m, when)) {
     next = time_min(next, when);
   }
+  next = time_min(next, devices_next_time(m));
   const int32_t wait = time_diff(next, now);
   return wait < 0 ? 0 : wait;
 }
@@ -251,6 +256,7 @@ mStatus mDNS_Init(mDNS* const m, mDNS_PlatformSupport* const p, CacheEntity* rrc
   browse_answers_reset(core);
   one_shots_reset(core);
   governor_reset(core);
+  devices_reset(core);
   const mStatus status = platform_init(m);
   if (status != mStatus_NoError) {
     return status;

@@ -48,9 +48,9 @@ struct BrowseAnswer {
   uint16_t browse_next;  // the same browse's answers, index + 1
   uint16_t browse_prev;
   uint8_t in_use;
-  uint8_t sender;
   uint8_t interface_slot;  // the interface's ID as a number (IDs are small)
-  uint8_t under_udp;       // the type list's answers: the type is _udp, not _tcp
+  SenderSlot sender;
+  uint8_t under_udp;  // the type list's answers: the type is _udp, not _tcp
   int32_t expiry;
   int32_t refresh_at;  // asks the browse for a refresh query (80 % of the TTL), then the expiry
   uint32_t ttl;
@@ -84,6 +84,13 @@ struct CoreState : AskState {
   uint32_t answers_used;
   int32_t answers_next_expiry;
   bool answers_expiry_known;
+
+  // Devices (see devices.h).
+  int32_t devices_next;  // when devices_run next has work
+  bool devices_planned;  // devices_next holds (else: at the next pass)
+  int32_t devices_surveyed;
+  bool devices_surveyed_once;
+  uint16_t devices_watched;
 };
 static_assert(sizeof(CoreState) <= mDNS_CorePrivateSize, "core state outgrew its storage");
 

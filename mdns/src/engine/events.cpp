@@ -308,4 +308,19 @@ void interface_gone(mDNS* m, mDNSInterfaceID interface_id) {
   }
 }
 
+void sender_gone(mDNS* m, SenderSlot sender) {
+  CoreState& core = core_of(m);
+  for (uint32_t i = 0; i < core.cache_size && core_alive(m); ++i) {
+    CacheRecord* rr = cache_entry(core, i);
+    if (rr != nullptr && rr->sender == sender && rr->source != Source::kUnicastDns) {
+      record_departs(m, rr, Departure::kVanished);
+    }
+  }
+  for (int i = 0; i < mDNS_MaxBrowseAnswers && core_alive(m); ++i) {
+    if (core.answers[i].in_use && core.answers[i].sender == sender) {
+      report_answer_gone(m, i);
+    }
+  }
+}
+
 }  // namespace mdns

@@ -12,6 +12,7 @@ enum class Departure {
   kExpired,        // its TTL ran out
   kGoodbye,        // TTL 0 received, or flushed by a newer record of its set: one second later
   kInterfaceGone,  // the interface it arrived on went away
+  kVanished,       // its sender no longer answers (see devices.h)
   kEvicted,        // the full cache needed its entry: it still exists on the network
 };
 
@@ -38,5 +39,8 @@ void browse_answer_due(mDNS* m, int index);
 
 // Everything of a vanished interface leaves, with remove events.
 void interface_gone(mDNS* m, mDNSInterfaceID interface_id);
+// Everything a host of the link sent leaves, with remove events: its cached
+// records and the browse answers remembered of it.
+void sender_gone(mDNS* m, SenderSlot sender);
 
 }  // namespace mdns

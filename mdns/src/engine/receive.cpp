@@ -4,6 +4,7 @@
 #include "ask/one_shot.h"
 #include "cache/cache.h"
 #include "engine/cache_policy.h"
+#include "engine/devices.h"
 #include "engine/engine.h"
 #include "engine/events.h"
 #include "engine/questions.h"
@@ -92,7 +93,14 @@ void handle_goodbye(mDNS* m, const ParsedRecord& rec, CacheRecord* rr, uint32_t 
   CoreState& core = core_of(m);
   if (rr != nullptr) {
     if (!rr->expiring) {
-      cache_expire_soon(core, rr, core.now);
+      // Anybody may send a goodbye: the record's own sender is asked first,
+      // when a question that asks needs the record.
+      if (rr->source != Source::kUnicastDns && rr->sender != 0 && importance_of(m, rr) != kIdle) {
+        cache_goodbye(core, rr, core.now);
+        device_goodbye(m, *rr);
+      } else {
+        cache_expire_soon(core, rr, core.now);
+      }
       note_victim_candidate(m, rr);
     }
     return;
@@ -136,7 +144,7 @@ bool accepted(mDNS* m, MessageParser& parser, const Arrival& arrival) {
     return false;
   }
   const bool one_shot = arrival.transport == Transport::kOneShot;
-  const OneShotReply reply{arrival.interface_id, arrival.source.type};
+  const OneShotReply reply{arrival.interface_id, arrival.source};
   if (one_shot && !one_shot_expected(m, header, reply)) {
     return false;
   }
@@ -161,6 +169,7 @@ void store_link_records(mDNS* m, MessageParser& parser, const Arrival& arrival) 
   origin.interface_id = arrival.interface_id;
   origin.source = arrival.transport == Transport::kOneShot ? Source::kOneShot : Source::kMulticast;
   origin.sender = sender_slot(core, arrival.source);
+  device_heard(m, origin.sender, arrival.interface_id);
   static_assert(sizeof(ParsedRecord) < 2048, "parsed record lives on the stack");
   ParsedRecord rec;
   for (;;) {
@@ -196,9 +205,13 @@ void store_record(mDNS* m, const ParsedRecord& rec, const RecordOrigin& origin) 
   }
   if (rr != nullptr) {
     // A direct answer to a one-shot carries a short TTL (at most 10 s): it
-    // never shortens what a multicast answer gave.
+    // never shortens what a multicast answer gave.  From the record's own
+    // sender after a goodbye, it shows the goodbye was not the sender's.
     const bool shorter = time_diff(time_add(core.now, static_cast<int64_t>(rec.ttl) * 1000), rr->expiry) < 0;
-    if (origin.source != Source::kOneShot || !shorter || rr->expiring) {
+    if (origin.source == Source::kOneShot && rr->goodbye_check != kNoCheck && origin.sender == rr->sender) {
+      cache_keep_after_goodbye(core, rr);
+      note_victim_candidate(m, rr);
+    } else if (origin.source != Source::kOneShot || !shorter || rr->expiring) {
       cache_refresh(core, rr, rec.ttl, core.now);
     }
     note_packet_record(m, rr);

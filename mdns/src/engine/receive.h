@@ -12,7 +12,7 @@ struct ParsedRecord;
 struct RecordOrigin {
   mDNSInterfaceID interface_id;  // null for unicast DNS
   Source source;
-  uint8_t sender;  // sender table slot
+  SenderSlot sender;  // sender table slot
 };
 
 // Caches one accepted record (or honours its goodbye, or its cache-flush bit),

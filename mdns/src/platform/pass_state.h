@@ -15,6 +15,7 @@ struct Counters {
   uint32_t bytes_sent;
   uint32_t queries_sent;  // questions written into sent packets
   uint32_t one_shots_sent;
+  uint32_t probes_sent;  // one-shots to one device (see engine/devices.h)
   uint32_t unicast_queries_sent;
   uint32_t packets_received;
   uint32_t packets_accepted;

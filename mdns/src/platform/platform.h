@@ -58,6 +58,10 @@ bool platform_source_on_link(const mDNS* m, mDNSInterfaceID interface_id, const 
 // interface, from port 5353 (kMulticast) or from the ephemeral port (kOneShot).
 bool platform_send_multicast(mDNS* m, Transport transport, mDNSInterfaceID interface_id, int family,
                              const uint8_t* message, size_t length);
+// Sends one message from the one-shot socket to port 5353 of one host on the
+// link of the interface (a direct question to that host).
+bool platform_send_to_host(mDNS* m, mDNSInterfaceID interface_id, const mDNSAddr& to, const uint8_t* message,
+                           size_t length);
 
 // ---- Unicast DNS sockets (non-blocking; -1 on failure) ----
 

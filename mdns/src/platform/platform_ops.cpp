@@ -135,6 +135,15 @@ bool platform_send_multicast(mDNS* m, Transport transport, mDNSInterfaceID inter
   return ops_of(m).send_multicast(m, transport, *record, family, message, length);
 }
 
+bool platform_send_to_host(mDNS* m, mDNSInterfaceID interface_id, const mDNSAddr& to, const uint8_t* message,
+                           size_t length) {
+  const InterfaceRecord* record = record_of(m, interface_id);
+  if (record == nullptr || !(to.type == mDNSAddrType_IPv4 ? record->v4usable : record->v6usable)) {
+    return false;
+  }
+  return ops_of(m).send_to_host(m, *record, to, message, length);
+}
+
 int platform_open_dns_udp(mDNS* m, const NameServer& server) {
   return ops_of(m).open_dns(m, server, false);
 }

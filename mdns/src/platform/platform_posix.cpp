@@ -67,6 +67,13 @@ bool send_multicast(mDNS* m, Transport transport, const InterfaceRecord& interfa
   return send_to_group(fd, family, interface.ifindex, message, length);
 }
 
+bool send_to_device(mDNS* m, const InterfaceRecord& interface, const mDNSAddr& to, const uint8_t* message,
+                    size_t length) {
+  const PlatformState& p = platform_of(m);
+  return send_to_host(to.type == mDNSAddrType_IPv4 ? p.one_shot_v4 : p.one_shot_v6, interface.ifindex, to,
+                      message, length);
+}
+
 int open_dns(mDNS*, const NameServer& server, bool tcp) {
   return open_dns_socket(server.address, server.port, server.scope, tcp);
 }
@@ -118,9 +125,10 @@ int read_name_servers(mDNS*, NameServer* servers, int capacity) {
 
 }  // namespace
 
-const PlatformOps kPosixPlatformOps = {open_sockets,   close_sockets, read_interfaces,  join,     leave,
-                                       send_multicast, open_dns,      close_dns,        dns_send, dns_receive,
-                                       dns_readable,   dns_connected, read_name_servers};
+const PlatformOps kPosixPlatformOps = {
+    open_sockets,   close_sockets, read_interfaces,   join,          leave,
+    send_multicast, open_dns,      close_dns,         dns_send,      dns_receive,
+    dns_readable,   dns_connected, read_name_servers, send_to_device};
 
 int32_t platform_now_ms() {
   timespec ts{};

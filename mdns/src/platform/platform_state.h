@@ -35,6 +35,9 @@ struct PlatformOps {
   bool (*dns_readable)(mDNS* m, int fd, const fd_set* readfds);
   int (*dns_connected)(mDNS* m, int fd);
   int (*read_name_servers)(mDNS* m, NameServer* servers, int capacity);
+  // From the one-shot socket of the address's family to one host, as platform_send_to_host says.
+  bool (*send_to_host)(mDNS* m, const InterfaceRecord& interface, const mDNSAddr& to, const uint8_t* message,
+                       size_t length);
 };
 
 extern const PlatformOps kPosixPlatformOps;

@@ -301,6 +301,56 @@ bool send_to_group(int fd, int family, uint32_t ifindex, const uint8_t* message,
   return sent == static_cast<ssize_t>(length);
 }
 
+// Out of the given interface whatever the routes say: a device's address may
+// be link-local, and the probe must reach it on the link it was heard on.
+bool send_to_host(int fd, uint32_t ifindex, const mDNSAddr& to, const uint8_t* message, size_t length) {
+  if (fd < 0) {
+    return false;
+  }
+  iovec data{const_cast<uint8_t*>(message), length};
+  msghdr msg{};
+  msg.msg_iov = &data;
+  msg.msg_iovlen = 1;
+  alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof(in6_pktinfo))] = {};
+  sockaddr_in v4{};
+  sockaddr_in6 v6{};
+  if (to.type == mDNSAddrType_IPv4) {
+    v4.sin_family = AF_INET;
+    v4.sin_port = htons(kMdnsPort);
+    std::memcpy(&v4.sin_addr, to.ip.v4.b, 4);
+    msg.msg_name = &v4;
+    msg.msg_namelen = sizeof v4;
+    msg.msg_control = control;
+    msg.msg_controllen = CMSG_SPACE(sizeof(in_pktinfo));
+    cmsghdr* c = CMSG_FIRSTHDR(&msg);
+    c->cmsg_level = IPPROTO_IP;
+    c->cmsg_type = IP_PKTINFO;
+    c->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+    in_pktinfo info{};
+    info.ipi_ifindex = static_cast<int>(ifindex);
+    std::memcpy(CMSG_DATA(c), &info, sizeof info);
+  } else if (to.type == mDNSAddrType_IPv6) {
+    v6.sin6_family = AF_INET6;
+    v6.sin6_port = htons(kMdnsPort);
+    v6.sin6_scope_id = IN6_IS_ADDR_LINKLOCAL(reinterpret_cast<const in6_addr*>(to.ip.v6.b)) ? ifindex : 0;
+    std::memcpy(&v6.sin6_addr, to.ip.v6.b, 16);
+    msg.msg_name = &v6;
+    msg.msg_namelen = sizeof v6;
+    msg.msg_control = control;
+    msg.msg_controllen = CMSG_SPACE(sizeof(in6_pktinfo));
+    cmsghdr* c = CMSG_FIRSTHDR(&msg);
+    c->cmsg_level = IPPROTO_IPV6;
+    c->cmsg_type = IPV6_PKTINFO;
+    c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
+    in6_pktinfo info{};
+    info.ipi6_ifindex = ifindex;
+    std::memcpy(CMSG_DATA(c), &info, sizeof info);
+  } else {
+    return false;
+  }
+  return sendmsg(fd, &msg, MSG_DONTWAIT) == static_cast<ssize_t>(length);
+}
+
 namespace {
 
 // One recvmsg without blocking: the byte count, or -1 with errno set.

@@ -33,6 +33,8 @@ void leave_group(int fd, int family, uint32_t ifindex);
 
 // To the mDNS group and port, out of one interface.
 bool send_to_group(int fd, int family, uint32_t ifindex, const uint8_t* message, size_t length);
+// To one host's mDNS port, out of one interface.
+bool send_to_host(int fd, uint32_t ifindex, const mDNSAddr& to, const uint8_t* message, size_t length);
 
 struct Datagram {
   size_t length = 0;

@@ -107,6 +107,18 @@ bool send_multicast(mDNS* m, Transport transport, const InterfaceRecord& interfa
   return true;
 }
 
+bool send_to_host(mDNS* m, const InterfaceRecord& interface, const mDNSAddr& to, const uint8_t* message,
+                  size_t length) {
+  SentMessage sent{};
+  sent.transport = Transport::kOneShot;
+  sent.interface_id = interface.info.InterfaceID;
+  sent.family = to.type;
+  sent.destination = to;
+  sent.port = kMdnsPort;
+  hand_to_hook(m, sent, message, length);
+  return true;
+}
+
 int open_dns(mDNS* m, const NameServer& server, bool tcp) {
   TestPlatform& t = test_of(m);
   for (int tries = 0; tries < kTestSockets; ++tries) {
@@ -189,9 +201,10 @@ int read_name_servers(mDNS* m, NameServer* servers, int capacity) {
   return n;
 }
 
-const PlatformOps kTestPlatformOps = {open_nothing,   close_sockets, read_interfaces,  join,     leave,
-                                      send_multicast, open_dns,      close_dns,        dns_send, dns_receive,
-                                      dns_readable,   dns_connected, read_name_servers};
+const PlatformOps kTestPlatformOps = {
+    open_nothing,   close_sockets, read_interfaces,   join,        leave,
+    send_multicast, open_dns,      close_dns,         dns_send,    dns_receive,
+    dns_readable,   dns_connected, read_name_servers, send_to_host};
 
 }  // namespace
 

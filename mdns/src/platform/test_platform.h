@@ -25,7 +25,7 @@ struct SentMessage {
   Transport transport;
   mDNSInterfaceID interface_id;  // multicast and one-shot
   int family;                    // multicast and one-shot: 4 or 6
-  mDNSAddr destination;          // unicast DNS: the server
+  mDNSAddr destination;          // unicast DNS: the server; a probe: its device
   uint16_t port;                 // unicast DNS: the server's port
   int socket;                    // unicast DNS: the query's socket, for answers delivered on it
   const uint8_t* data;

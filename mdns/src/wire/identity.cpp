@@ -149,4 +149,10 @@ bool split_first_label(const domainname& name, const domainname& parent, domainl
   return true;
 }
 
+bool addresses_equal(const mDNSAddr& a, const mDNSAddr& b) {
+  return a.type == b.type && (a.type == mDNSAddrType_IPv4   ? std::memcmp(a.ip.v4.b, b.ip.v4.b, 4) == 0
+                              : a.type == mDNSAddrType_IPv6 ? std::memcmp(a.ip.v6.b, b.ip.v6.b, 16) == 0
+                                                            : true);
+}
+
 }  // namespace mdns

@@ -30,4 +30,7 @@ bool split_first_label(const domainname& name, const domainname& parent, domainl
 // Same owner, type, class and data: one record.
 bool same_record(const ResourceRecord& a, const ResourceRecord& b);
 
+// The same IPv4 or IPv6 address.
+bool addresses_equal(const mDNSAddr& a, const mDNSAddr& b);
+
 }  // namespace mdns

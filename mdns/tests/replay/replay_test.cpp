@@ -137,8 +137,9 @@ struct Sent {
   std::string describe() const {
     static const char* const kTransports[] = {"", "oneshot ", "dns ", "tcp "};
     std::ostringstream out;
-    out << "  send at " << time << " " << kTransports[static_cast<int>(transport())] << iface << server
-        << " v" << message.family << (truncated() ? " tc" : "") << (unicast_response ? " qu" : "") << ":";
+    out << "  send at " << time << " " << kTransports[static_cast<int>(transport())] << iface
+        << (!iface.empty() && !server.empty() ? " to " : "") << server << " v" << message.family
+        << (truncated() ? " tc" : "") << (unicast_response ? " qu" : "") << ":";
     for (const Record& q : questions) {
       out << " q " << text_of(q.name) << " " << sorvalen::test::type_name(q.type) << ";";
     }
@@ -338,6 +339,29 @@ class Replay {
     work();
     mdns::engine_run_scheduled(m_.get());
     in_pass_ = false;
+    answer_probes();
+  }
+
+  // "answer probes": each probe of the pass is answered by its device at once,
+  // with its questions and nothing else, in a pass of its own.
+  void answer_probes() {
+    while (!probes_.empty()) {
+      const Sent probe = sent_[probes_.front()];
+      probes_.erase(probes_.begin());
+      DnsMessage msg(probe.header.id, 0x8400);
+      for (const Record& q : probe.questions) {
+        msg.question(text_of(q.name), q.type);
+      }
+      const Bytes bytes = msg.bytes();
+      mdns::Arrival arrival{};
+      arrival.source = probe.message.destination;
+      arrival.source_port.b[0] = static_cast<uint8_t>(mdns::kMdnsPort >> 8);
+      arrival.source_port.b[1] = static_cast<uint8_t>(mdns::kMdnsPort & 0xFF);
+      arrival.interface_id = probe.message.interface_id;
+      arrival.transport = mdns::Transport::kOneShot;
+      arrival.ttl = 255;
+      in_pass([&] { mdns::engine_receive(m_.get(), bytes.data(), bytes.size(), arrival); });
+    }
   }
 
   // Runs a pass at every moment before `t` when the core has work; the
@@ -425,12 +449,14 @@ class Replay {
     return mDNS_StartResolveService(m_.get(), &s.query, &s.info, on_resolved, &s);
   }
 
-  // The latest one-shot, or unicast query ("for NAME TYPE": the latest asking that).
-  const Sent* last_asked(bool unicast, const Words& w) const {
+  // The latest one-shot, or unicast query ("for NAME TYPE": the latest asking
+  // that); a one-shot sent to one host (a probe) only that host answers.
+  const Sent* last_asked(bool unicast, const Words& w, const std::string& from = "") const {
     const auto at = std::find(w.begin(), w.end(), "for");
     const auto it = std::find_if(sent_.rbegin(), sent_.rend(), [&](const Sent& s) {
-      return (unicast ? s.transport() >= mdns::Transport::kUnicastDns
-                      : s.transport() == mdns::Transport::kOneShot) &&
+      return (unicast
+                  ? s.transport() >= mdns::Transport::kUnicastDns
+                  : s.transport() == mdns::Transport::kOneShot && (s.server.empty() || s.server == from)) &&
              (at == w.end() || (!s.questions.empty() && s.questions[0].is(name_of(at[1]), type_code(at[2]))));
     });
     return it != sent_.rend() ? &*it : nullptr;
@@ -500,9 +526,10 @@ class Replay {
     }
     const Words& w = line.words;
     in_pass([&] {
-      const Bytes bytes = message_of(line, last_asked(false, w), n);
+      const std::string from = numbered(w, "{n}", n).at(3);
+      const Bytes bytes = message_of(line, last_asked(false, w, option(w, "as", from)), n);
       mdns::Arrival arrival{};
-      arrival.source = address_of(w.at(3));
+      arrival.source = address_of(from);
       const int port = std::stoi(option(w, "port", "5353"));
       arrival.source_port.b[0] = static_cast<uint8_t>(port >> 8);
       arrival.source_port.b[1] = static_cast<uint8_t>(port);
@@ -549,6 +576,12 @@ class Replay {
     mdns::ParsedRecord r;
     while (parser.next_record(r) == mdns::MessageParser::Result::kOk) {
       sent.known.push_back({r.name, r.rrtype, wire_data(r.rrtype, r.rdata)});
+    }
+    const bool probe =
+        message.transport == mdns::Transport::kOneShot && message.destination.type != mDNSAddrType_None;
+    if (probe && self->s_.answer_probes) {
+      sent.consumed = true;
+      self->probes_.push_back(self->sent_.size());
     }
     self->sent_.push_back(sent);
   }
@@ -684,10 +717,24 @@ class Replay {
     return n == std::stoi(f.at(5)) ? "" : "counted " + std::to_string(n) + "\n";
   }
 
+  // "per P": in every P milliseconds of the window, not just in all of it.
   std::string expect_at_most(const Line& line, const Window& w) {
     const auto of_kind = [&](const Sent& s) { return s.transport() == transport_of(line.words); };
+    const int most = std::stoi(line.words.at(3));
+    const int32_t per = std::stoi(option(line.words, "per", "0"));
+    for (const Sent& s : sent_) {
+      const Window span{s.time, s.time + per - 1};
+      int n = 0;
+      for (const Sent& t : sent_) {
+        n += per > 0 && w.contains(s.time) && w.contains(t.time) && span.contains(t.time) && of_kind(t) ? 1
+                                                                                                        : 0;
+      }
+      if (n > most) {
+        return "sent " + std::to_string(n) + " from " + std::to_string(s.time) + "\n";
+      }
+    }
     const int n = count(sent_, w, of_kind, true);
-    return n <= std::stoi(line.words.at(3)) ? "" : "sent " + std::to_string(n) + "\n";
+    return per > 0 || n <= most ? "" : "sent " + std::to_string(n) + "\n";
   }
 
   std::string expect_series(const Line& line, const Window& w) {
@@ -741,6 +788,7 @@ class Replay {
   std::map<std::string, Slot> slots_;
   std::map<std::string, int> adds_;  // add events per browse and instance
   std::vector<Sent> sent_;
+  std::vector<size_t> probes_;  // to answer ("answer probes")
   std::vector<Event> events_;
   std::vector<std::string> failures_;
 };

@@ -76,6 +76,8 @@ Scenario read_scenario(const std::string& path) {
         s.allow_extra_sends = true;
       } else if (w[0] == "allow" && w.size() == 3 && w[2] == "events") {
         s.allow_extra_events = true;
+      } else if (w[0] == "answer" && w.size() == 2 && w[1] == "probes") {
+        s.answer_probes = true;
       } else if (w[0] == "at" && w.size() >= 3) {
         s.end = std::max(s.end, parse_time(w[1]));
         s.actions.push_back(line);

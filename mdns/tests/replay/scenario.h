@@ -6,6 +6,9 @@
 //   cache 500                                      (entries; default 128)
 //   nameserver 192.0.2.53 [port 53]
 //   allow extra sends | allow extra events
+//   answer probes                                  (each device answers the core's probes of
+//                                                  it at once, with nothing but their
+//                                                  questions; those probes need no expect)
 //
 //   at T browse ID TYPE [DOMAIN] [iface NAME] [then-resolve]   the application starts or stops
 //                                                  questions (then-resolve: each add starts a resolve
@@ -16,13 +19,16 @@
 //   at T resolve ID NAME [iface NAME]
 //   at T query ID NAME TYPE
 //   at T stop ID
-//   at T recv FROM [port P] [iface NAME] [ttl N] [oneshot] [echo|echo-id] [id N] [flags HEX] [raw HEX...]
+//   at T recv FROM [port P] [iface NAME] [ttl N] [oneshot] [echo|echo-id] [as ADDR] [id N] [flags HEX]
+//             [raw HEX...]
 //     qd NAME TYPE
 //     an|ns|ar NAME TYPE TTL [flush] DATA...       a packet arrives (echo: repeats the last
 //     pad N                                        one-shot's or unicast query's ID and
 //   at T recv-dns [for NAME TYPE] [from ADDR] [port P] [echo] ...   questions; "for" picks
-//                                                  the query; "repeat N": N packets, {n} in
-//                                                  their records counting from 1; ttl: the
+//                                                  the query, a probe only its device
+//                                                  answers ("as ADDR": a forger's echo of a probe
+//                                                  of ADDR); "repeat N": N packets, {n} in
+//                                                  FROM and their records counting from 1; ttl: the
 //                                                  IP TTL, 255 by default; pad: an answer of
 //                                                  N bytes that no question asks for; a
 //                                                  unicast answer goes to the query's socket,
@@ -39,7 +45,8 @@
 //   expect event T1..T2 ID add|remove DATA | resolved ADDRESS PORT
 //   expect noevent T1..T2 [ID [add|remove DATA | resolved ADDRESS PORT]]
 //   expect count T1..T2 ID kind N                  N events of that kind, of slots named ID...
-//   expect at-most T1..T2 N [oneshot|dns|tcp]      no more than N packets of that kind
+//   expect at-most T1..T2 N [oneshot|dns|tcp] [per P]   no more than N packets of that kind (in
+//                                                  any P ms of the window)
 //   expect series T1..T2 NAME TYPE                 the multicast queries asking that, one a
 //     at T1..T2 | +T1..T2 | +double                line: the first's time, the gap since the
 //                                                  one before, or two to two and a bit times
@@ -76,6 +83,7 @@ struct Scenario {
   uint32_t cache_entries = 128;
   bool allow_extra_sends = false;
   bool allow_extra_events = false;
+  bool answer_probes = false;
   std::vector<Line> actions;       // "at T ...", in the file's order
   std::vector<Line> expectations;  // "expect ..."
   int32_t end = 0;                 // the latest time mentioned

@@ -23,6 +23,9 @@ const AnnouncedService kCamera{"Door Camera", "_ipp._tcp", 554, {}};
 
 // Generous: avahi answers within a second; the machine may be busy.
 constexpr int kFindMs = 15000;
+// A device silent for 10 s is probed twice, a second apart; the rest is margin.
+constexpr int kVanishMs = 30000;
+constexpr int kQuietAfterMs = 8500;
 
 class BrowseResolveOnLan : public ::testing::Test {
  protected:
@@ -69,6 +72,51 @@ TEST_F(BrowseResolveOnLan, FindsResolvesAndFollowsTheDevice) {
   ASSERT_TRUE(core_->run_until([&] { return browse_.removes_of("Office Scanner") > 0; }, kFindMs));
   lan_->stop_avahi("printer");
   EXPECT_TRUE(core_->run_until([&] { return browse_.removes_of("Office Printer") > 0; }, kFindMs));
+}
+
+// Another host of the link multicasts a goodbye for the lamp's instance; the
+// lamp is asked and answers, so the instance stays (avahi-daemon would
+// re-announce at once; python3-zeroconf does not).  Then the printer's daemon
+// dies without a goodbye (SIGKILL): the probes find it gone, and the lamp,
+// answering them, stays.
+TEST_F(BrowseResolveOnLan, ForgedGoodbyeKeepsTheDeviceAndADeadOneLeaves) {
+  lan_->add_host("lamp", {1});
+  lan_->add_service("lamp", {"Desk Lamp", "_ipp._tcp", 9100, {}});
+  lan_->command({"start-zeroconf", "lamp"});
+  lan_->add_host("forger", {1});
+  ASSERT_EQ(core_->browse(browse_, "_ipp._tcp"), mStatus_NoError);
+  ASSERT_TRUE(core_->run_until(
+      [&] { return browse_.adds_of("Office Printer") && browse_.adds_of("Desk Lamp"); }, kFindMs));
+
+  const char* const kForge = R"(
+import socket, sys
+def name(text):
+    return b"".join(bytes([len(l)]) + l.encode() for l in text.split(".")) + b"\0"
+ptr = name("Desk Lamp._ipp._tcp.local")
+record = name("_ipp._tcp.local") + bytes([0, 12, 0, 1, 0, 0, 0, 0, 0, len(ptr)]) + ptr
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind(("", 5353))
+s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_TTL, 255)
+s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(sys.argv[1]))
+s.sendto(bytes([0, 0, 0x84, 0, 0, 0, 0, 1, 0, 0, 0, 0]) + record, ("224.0.0.251", 5353))
+)";
+  // Once the answers to the browse's first queries are over (the next query
+  // comes 8 s after the fourth), only the lamp's answer to the probe can keep
+  // the instance.
+  core_->run_until([] { return false; }, kQuietAfterMs);
+  const mDNSu32 probes_before = engine_counters(&core_->core()).probes_sent;
+  const auto forged = lan_->exec("forger", {"python3", "-c", kForge, lan_->host_ipv4("forger")});
+  ASSERT_TRUE(forged.ok()) << forged.err;
+  ASSERT_TRUE(
+      core_->run_until([&] { return engine_counters(&core_->core()).probes_sent > probes_before; }, kFindMs));
+  core_->run_until([] { return false; }, 2000);  // past the goodbye's second
+  EXPECT_EQ(browse_.removes_of("Desk Lamp"), 0);
+
+  lan_->command({"kill-avahi", "printer"});
+  EXPECT_TRUE(core_->run_until(
+      [&] { return browse_.removes_of("Office Printer") && browse_.removes_of("Office Scanner"); },
+      kVanishMs));
+  EXPECT_EQ(browse_.removes_of("Desk Lamp"), 0);
 }
 
 // A device without a DHCP server answers from 169.254/16, outside the querier's subnet.
