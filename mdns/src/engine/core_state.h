@@ -54,6 +54,7 @@ struct BrowseAnswer {
   int32_t refresh_at;  // asks the browse for a refresh query (80 % of the TTL), then the expiry
   uint32_t ttl;
   domainlabel label;  // the instance; the rest of the name is the browse's
+  uint32_t seen;      // unicast DNS: the answer that last listed it (packet number)
 };
 
 constexpr int kBrowseAnswerBuckets = 1024;

@@ -260,21 +260,33 @@ void expire_missing(mDNS* m, const DNSQuestion& q) {
 void engine_take_dns_answer(mDNS* m, DNSQuestion* leader, const MessageParser& answer,
                             const NameServer& server) {
   CoreState& core = core_of(m);
-  core.packet_seq++;
+  const uint32_t seq = ++core.packet_seq;
   RecordOrigin origin{mDNSInterface_Any, Source::kUnicastDns, sender_slot(core, server.address)};
+  // A browse's PTR answers are its list, kept by the browses (see
+  // unicast_browse_answer); the rest (SRV, TXT and addresses a server adds)
+  // is cached, before any event, for the resolves the events start.
+  const bool browses = state_of(leader).kind == QuestionKind::kBrowse;
   MessageParser parser = answer;
   ParsedRecord rec;
   for (MessageParser::Result r; (r = parser.next_record(rec)) != MessageParser::Result::kEnd;) {
     if (r == MessageParser::Result::kMalformed) {
       break;
     }
-    if (r == MessageParser::Result::kOk && rec.ttl > 0 && dns_answer_in_bailiwick(rec, *leader)) {
+    if (r == MessageParser::Result::kOk && rec.ttl > 0 && dns_answer_in_bailiwick(rec, *leader) &&
+        !(browses && rec.section == Section::kAnswer)) {
       store_record(m, rec, origin);
     }
   }
-  sender_release_if_unused(core, origin.sender);
-  expire_missing(m, *leader);
+  if (!browses) {
+    expire_missing(m, *leader);
+  }
   finish_packet(m);
+  if (browses && core.initialized && question_active(m, leader)) {
+    unicast_browse_answer(m, leader, answer, origin.sender, seq);
+  }
+  if (core.initialized) {
+    sender_release_if_unused(core, origin.sender);
+  }
 }
 
 }  // namespace mdns
