@@ -22,7 +22,9 @@ Importance compute_importance(mDNS* m, const CacheRecord& rr) {
     if (s.listening) {
       continue;
     }
-    const Importance mine = s.kind == QuestionKind::kBrowse ? kBrowseAnswer : kNeeded;
+    const Importance mine = s.kind == QuestionKind::kBrowse           ? kBrowseAnswer
+                            : s.kind == QuestionKind::kResolveAddress ? kAddress
+                                                                      : kNeeded;
     result = mine > result ? mine : result;
   }
   return result;
