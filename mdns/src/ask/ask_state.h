@@ -63,7 +63,8 @@ enum class DnsPhase : uint8_t {
 
 struct DnsSchedule {
   DnsPhase phase;
-  uint16_t slot;  // index + 1 of its outstanding unicast query
+  bool answer_evicted;  // the cache gave up an answer of the last poll for space
+  uint16_t slot;        // index + 1 of its outstanding unicast query
 };
 
 struct QuestionState {

@@ -243,6 +243,9 @@ void uncount_evicted(mDNS* m, CacheRecord* rr) {
     if (s.kind != QuestionKind::kBrowse && s.delivered && s.current_answers > 0 &&
         question_answered_by(*q, rr->resrec)) {
       s.current_answers--;
+      if (s.unicast) {
+        state_of(leader_of(q)).dns.answer_evicted = true;
+      }
     }
   }
 }
@@ -362,6 +365,8 @@ void deliver_cached_answers(mDNS* m, DNSQuestion* q) {
   }
   if (s.leader == nullptr) {
     asker_first_delivery(m, q, answered);
+  } else if (!answered) {
+    asker_member_unanswered(m, leader_of(q));
   }
 }
 
