@@ -23,6 +23,8 @@ void asker_first_delivery(mDNS* m, DNSQuestion* leader, bool answered);
 void asker_member_unanswered(mDNS* m, DNSQuestion* leader);
 // The group's last answer went away, or an interface came: it asks again.
 void asker_ask_again(mDNS* m, DNSQuestion* leader);
+// A one-shot of the group was answered (see link_asker_one_shot_answered).
+void asker_one_shot_answered(mDNS* m, DNSQuestion* leader);
 // A unique answer arrived: only refresh points ask from now on.
 void asker_answered(mDNS* m, DNSQuestion* leader);
 // A cached answer reached a refresh point.

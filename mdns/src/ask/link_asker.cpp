@@ -176,6 +176,24 @@ void link_asker_answered(mDNS* m, DNSQuestion* leader) {
   }
 }
 
+// A responder answered the group's one-shot with shared records (a browse's
+// PTRs): somebody is there, and what did not fit the direct answers (a
+// responder gives a one-shot one datagram of at most 512 bytes) comes only by
+// multicast, after the responders' own 20-120 ms.  The first query goes now
+// instead of after the random 20-120 ms meant to spread queries that may
+// find nobody.
+void link_asker_one_shot_answered(mDNS* m, DNSQuestion* leader) {
+  AskState& core = ask_of(m);
+  LinkSchedule& link = state_of(leader).link;
+  if (link.phase != LinkPhase::kFirstQueryDue || !QuestionSchedule::contains(leader) ||
+      time_diff(QuestionSchedule::key_of(leader), core.now) <= 0) {
+    return;
+  }
+  unplace(core, leader);
+  link.next_query_time = core.now;
+  place(core, leader, core.now);
+}
+
 void link_asker_refresh(mDNS* m, DNSQuestion* leader) {
   QuestionState& s = state_of(leader);
   if (!group_asks(leader) || (!querying(s.link.phase) && s.link.phase != LinkPhase::kResting)) {

@@ -50,6 +50,7 @@ struct BrowseAnswer {
   uint8_t in_use;
   uint8_t sender;
   uint8_t interface_slot;  // the interface's ID as a number (IDs are small)
+  uint8_t one_shot;        // its TTL came with a one-shot answer
   int32_t expiry;
   int32_t refresh_at;  // asks the browse for a refresh query (80 % of the TTL), then the expiry
   uint32_t ttl;

@@ -80,6 +80,7 @@ void report_to_browse(mDNS* m, DNSQuestion* browse, CacheRecord* rr) {
   if (known >= 0) {
     if (!rr->expiring) {
       browse_answer_renew(core, known, rr->resrec.rroriginalttl, rr->received);
+      core.answers[known].one_shot = rr->source == Source::kOneShot;
     }
     return;
   }
@@ -97,10 +98,12 @@ void report_to_browse(mDNS* m, DNSQuestion* browse, CacheRecord* rr) {
       return;
     }
   }
-  if (browse_answer_remember(core, browse, instance, rr->rdata_hash, rr->resrec.InterfaceID, rr->sender,
-                             rr->resrec.rroriginalttl, rr->received) < 0) {
+  const int index = browse_answer_remember(core, browse, instance, rr->rdata_hash, rr->resrec.InterfaceID,
+                                           rr->sender, rr->resrec.rroriginalttl, rr->received);
+  if (index < 0) {
     return;
   }
+  core.answers[index].one_shot = rr->source == Source::kOneShot;
   state_of(browse).current_answers++;
   call_back(m, browse, rr->resrec, QC_add);
 }

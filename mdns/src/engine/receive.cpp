@@ -1,5 +1,6 @@
 // The receive path: acceptance checks, cache update, then answer events.
 #include "engine/receive.h"
+#include "ask/asker.h"
 #include "ask/dns_asker.h"
 #include "ask/one_shot.h"
 #include "cache/cache.h"
@@ -152,6 +153,24 @@ bool accepted(mDNS* m, MessageParser& parser, const Arrival& arrival) {
   return true;
 }
 
+// The groups asking for shared records (a browse's PTRs) that this one-shot
+// answer answers: they have somebody to ask by multicast at once.
+void note_one_shot_answered(mDNS* m) {
+  CoreState& core = core_of(m);
+  for (uint32_t i = core.packet_head; i != 0; i = record_at(core, i).packet_next) {
+    const CacheRecord& rr = record_at(core, i);
+    if (rr.resrec.rrtype != kDNSType_PTR || !rr.in_use) {
+      continue;
+    }
+    for (DNSQuestion* q = core.question_buckets[rr.resrec.namehash % kQuestionBuckets]; q != nullptr;
+         q = state_of(q).bucket_next) {
+      if (state_of(q).delivered && question_answered_by(*q, rr.resrec)) {
+        asker_one_shot_answered(m, leader_of(q));
+      }
+    }
+  }
+}
+
 // Every record of the packet is cached before any event goes out, so that a
 // callback starting a resolve already finds the additional records.
 void store_link_records(mDNS* m, MessageParser& parser, const Arrival& arrival) {
@@ -200,6 +219,7 @@ void store_record(mDNS* m, const ParsedRecord& rec, const RecordOrigin& origin) 
     const bool shorter = time_diff(time_add(core.now, static_cast<int64_t>(rec.ttl) * 1000), rr->expiry) < 0;
     if (origin.source != Source::kOneShot || !shorter || rr->expiring) {
       cache_refresh(core, rr, rec.ttl, core.now);
+      rr->source = origin.source;  // whose TTL it now has
     }
     note_packet_record(m, rr);
   } else {
@@ -236,6 +256,9 @@ void engine_receive(mDNS* m, const uint8_t* message, size_t length, const Arriva
   }
   core.counters.packets_accepted++;
   store_link_records(m, parser, arrival);
+  if (arrival.transport == Transport::kOneShot) {
+    note_one_shot_answered(m);
+  }
   finish_packet(m);
   engine_deliver_waiting(m);
 }
