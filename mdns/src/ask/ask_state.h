@@ -150,6 +150,10 @@ struct AskState : CacheStore {
   OneShot one_shots[kMaxOneShots];
   uint32_t one_shot_next;
   SendBudget one_shot_budget;
+  // Until then the responders are answering a browse's first multicast query
+  // with everything they offer (see link_asker_one_shot_answered).
+  int32_t browse_answers_until;
+  bool browse_answers_coming;
 
   // Unicast DNS.
   NameServer servers[kMaxNameServers];
