@@ -20,6 +20,8 @@
 #   RUNS=2 HOLD=15 SCENARIOS=1x1 sudo bash scripts/bench.sh     short
 #   SEARCH_TIME=/other/build/bench/search_time ...  measures another build of ours
 #   QUERIERS="ours zeroconf" ...                     only some queriers
+#   BEFORE=/old/build/bench/search_time QUERIERS="ours before zeroconf avahi" ...
+#                                                   another build of ours beside it, as "before"
 #
 # Scenarios (SCENARIOS, default "1x1 5x10 1x200 5x10mixed"; 1x2000 too is
 # measured for the README, with QUERIERS="ours zeroconf"): DxS is D devices
@@ -130,6 +132,7 @@ time_querier() { # QUERIER EXPECTED
   local i
   case "$1" in
     ours) "${vlan[@]}" exec "$run" querier "$timer" "$type" "$2" "$runs" || true ;;
+    before) "${vlan[@]}" exec "$run" querier "$BEFORE" "$type" "$2" "$runs" || true ;;
     zeroconf) "${vlan[@]}" exec "$run" querier "$py" "$root/bench/zeroconf_search.py" "$type" "$2" "$runs" || true ;;
     avahi)
       for ((i = 1; i <= runs; i++)); do
@@ -157,6 +160,7 @@ hold_querier() { # QUERIER TOTAL
   local host=querier cmd p10 phold
   case "$1" in
     ours) cmd=("${vlan[@]}" exec "$run" querier "$timer" "$type" hold "$hold") ;;
+    before) cmd=("${vlan[@]}" exec "$run" querier "$BEFORE" "$type" hold "$hold") ;;
     zeroconf) cmd=("${vlan[@]}" exec "$run" querier "$py" "$root/bench/zeroconf_search.py" "$type" hold "$hold") ;;
     avahi)
       host=avq
