@@ -28,7 +28,13 @@ class PacketBuilder {
         if (!for_interface(*end, interface_id_)) {
           continue;
         }
-        if (!first.add_question(end->qname, end->qtype, end->qclass)) {
+        // A question's first query asks for unicast answers (RFC 6762 section
+        // 5.4): a responder that has just announced its records (a device
+        // that just started) does not multicast them again within the second,
+        // and may not answer a multicast query before its announcements are
+        // over, but answers this one directly.
+        const bool first_query = state_of(end).link.phase == LinkPhase::kFirstQueryDue;
+        if (!first.add_question(end->qname, end->qtype, end->qclass, first_query)) {
           break;
         }
         new_question = new_question || state_of(end).queries_sent == 0;
