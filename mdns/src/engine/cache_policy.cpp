@@ -19,7 +19,9 @@ Importance compute_importance(mDNS* m, const CacheRecord& rr) {
     if (!s.delivered) {
       return kPinned;
     }
-    if (s.listening) {
+    // A resolve that has reported an address only listens, but the host's
+    // other instances, whose resolves start later, need the same address.
+    if (s.listening && s.kind != QuestionKind::kResolveAddress) {
       continue;
     }
     const Importance mine = s.kind == QuestionKind::kBrowse           ? kBrowseAnswer
