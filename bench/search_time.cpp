@@ -1,12 +1,15 @@
 // Times device searches for scripts/bench.sh; run it only inside a network
 // namespace of a virtual LAN.
 //
-//   search_time TYPE EXPECTED RUNS   time from Start until the first and until
+//   search_time TYPE EXPECTED RUNS [DOMAIN]
+//                                    time from Start until the first and until
 //                                    EXPECTED distinct instances are in the IPv4
 //                                    list, RUNS times, each with a fresh core
 //                                    (empty cache): "run N: ALL ms first FIRST ms"
-//                                    (ALL -1: not all within 60 s)
-//   search_time TYPE hold SECONDS    one search that runs for SECONDS; prints
+//                                    (ALL -1: not all within 60 s); DOMAIN:
+//                                    another than local. (unicast DNS)
+//   search_time TYPE hold SECONDS [DOMAIN]
+//                                    one search that runs for SECONDS; prints
 //                                    "found EVER end AT_END lost GONE": instances
 //                                    ever listed, listed at the end, and listed
 //                                    once but missing later
@@ -40,13 +43,13 @@ struct Timing {
   size_t found = 0;
 };
 
-Timing time_one_search(const std::string& type, size_t expected) {
+Timing time_one_search(const std::string& type, const std::string& domain, size_t expected) {
   Timing timing;
   std::unique_ptr<sorvalen::MDNSSearch> search(sorvalen::MDNSSearch::CreateMDNSSearch());
   if (!search->Init())
     return {-2, -2, 0};
   const auto start = Clock::now();
-  if (!search->Start(",", type, "local.", 0, ""))
+  if (!search->Start(",", type, domain, 0, ""))
     return {-2, -2, 0};
   while (Clock::now() - start < std::chrono::seconds(60)) {
     timing.found = listed_instances().size();
@@ -64,9 +67,9 @@ Timing time_one_search(const std::string& type, size_t expected) {
   return timing;
 }
 
-int hold(const std::string& type, int seconds) {
+int hold(const std::string& type, int seconds, const std::string& domain) {
   std::unique_ptr<sorvalen::MDNSSearch> search(sorvalen::MDNSSearch::CreateMDNSSearch());
-  if (!search->Init() || !search->Start(",", type, "local.", seconds, ""))
+  if (!search->Init() || !search->Start(",", type, domain, seconds, ""))
     return 2;
   std::printf("started\n");
   std::fflush(stdout);
@@ -87,19 +90,20 @@ int hold(const std::string& type, int seconds) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 4) {
-    std::fprintf(stderr, "usage: search_time TYPE EXPECTED RUNS | search_time TYPE hold SECONDS\n");
+  if (argc != 4 && argc != 5) {
+    std::fprintf(stderr, "usage: search_time TYPE EXPECTED RUNS|hold SECONDS [DOMAIN]\n");
     return 2;
   }
   const std::string type = argv[1];
+  const std::string domain = argc == 5 ? argv[4] : "local.";
   if (std::string(argv[2]) == "hold")
-    return hold(type, std::atoi(argv[3]));
+    return hold(type, std::atoi(argv[3]), domain);
 
   const size_t expected = std::strtoul(argv[2], nullptr, 10);
   const int runs = std::atoi(argv[3]);
   std::vector<double> times;
   for (int run = 0; run < runs; ++run) {
-    const Timing t = time_one_search(type, expected);
+    const Timing t = time_one_search(type, domain, expected);
     std::printf("run %d: %.1f ms first %.1f ms found %zu\n", run + 1, t.all_ms, t.first_ms, t.found);
     std::fflush(stdout);
     if (t.all_ms >= 0)

@@ -20,10 +20,17 @@
 #   RUNS=2 HOLD=15 SCENARIOS=1x1 sudo bash scripts/bench.sh     short
 #   SEARCH_TIME=/other/build/bench/search_time ...  measures another build of ours
 #   QUERIERS="ours zeroconf" ...                     only some queriers
+#   BEFORE=/old/build/bench/search_time QUERIERS="ours before zeroconf avahi" ...
+#                                                   another build of ours beside it, as "before"
 #
-# Scenarios (SCENARIOS, default "1x1 5x10 1x200 5x10mixed"): DxS is D devices
+# Scenarios (SCENARIOS, default "1x1 5x10 1x200 5x10mixed"; 1x2000 too is
+# measured for the README, with QUERIERS="ours zeroconf"): DxS is D devices
 # with S services each, all answered by avahi-daemon; DxSmixed answers with
-# avahi-daemon on 3 of every 5 devices and python3-zeroconf on the others.
+# avahi-daemon on 3 of every 5 devices and python3-zeroconf on the others;
+# dnsN is a search of example.test. over unicast DNS, BIND 9 serving N
+# instances of one type, ten on each target host (SRV, TXT and one A each;
+# TTL DNS_TTL, default 10 s), measured for ours only (the peers do not search
+# other domains than local.), its packets counted to and from port 53.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -71,7 +78,49 @@ build_scenario() {
     fi
   done
   for ((d = 1; d <= devices - zeroconf; d++)); do "${vlan[@]}" wait-avahi "$run" "dev$d" >/dev/null; done
-  sleep 3 # the last announcements
+  # The last announcements; avahi-daemon announcing a thousand services or
+  # more is busy for tens of seconds, and a search is timed once it settled.
+  sleep "${SETTLE:-$((services >= 1000 ? 60 : 3))}"
+}
+
+# A DNS server with COUNT instances of the type and the querier whose resolver
+# file names it.
+build_dns_scenario() {
+  "${vlan[@]}" destroy "$run" >/dev/null 2>&1 || true
+  "${vlan[@]}" create "$run" >/dev/null
+  "${vlan[@]}" add-lan "$run" 1 >/dev/null
+  "${vlan[@]}" add-host "$run" querier 1 >/dev/null
+  "${vlan[@]}" add-host "$run" dns 1 >/dev/null
+  "${vlan[@]}" dns-services "$run" dns Device "$type" "$1" 10 >/dev/null
+  "${vlan[@]}" start-dns "$run" dns --zone example.test. --ttl "${DNS_TTL:-10}" >/dev/null
+  "${vlan[@]}" use-dns "$run" querier dns >/dev/null
+}
+
+# Packets and bytes (UDP payload, or TCP segment data) the querier sent to port 53.
+dns_sent() { # PCAP
+  { tcpdump -r "$1" -n -q "dst port 53" 2>/dev/null || true; } |
+    awk '/length [0-9]+/ { packets++; if (match($0, /length [0-9]+$/)) bytes += substr($0, RSTART + 7) }
+      END { printf "%d/%d\n", packets, bytes }'
+}
+
+# One HOLD-second search of example.test. under capture: "P10/B10 PHOLD/BHOLD FOUND END LOST".
+hold_dns() {
+  local pcap="$work/dns.pcap" p10 phold found end lost
+  rm -f "$pcap"
+  "${vlan[@]}" exec "$run" querier tcpdump -i eth0 -n -U -w "$pcap" port 53 >/dev/null 2>&1 &
+  local dump=$!
+  sleep 1
+  "${vlan[@]}" exec "$run" querier "$timer" "$type" hold "$hold" example.test. >"$work/hold.log" 2>&1 &
+  local pid=$!
+  sleep 10
+  p10=$(dns_sent "$pcap")
+  wait "$pid" || true
+  sleep 1
+  phold=$(dns_sent "$pcap")
+  kill -INT "$dump" 2>/dev/null || true
+  wait "$dump" 2>/dev/null || true
+  read -r found end lost < <(awk '/^found/ { print $2, $4, $6 }' "$work/hold.log")
+  echo "$p10 $phold ${found:--} ${end:--} ${lost:--}"
 }
 
 # The avahi querier: a fresh daemon (empty cache) for each run.
@@ -83,6 +132,7 @@ time_querier() { # QUERIER EXPECTED
   local i
   case "$1" in
     ours) "${vlan[@]}" exec "$run" querier "$timer" "$type" "$2" "$runs" || true ;;
+    before) "${vlan[@]}" exec "$run" querier "$BEFORE" "$type" "$2" "$runs" || true ;;
     zeroconf) "${vlan[@]}" exec "$run" querier "$py" "$root/bench/zeroconf_search.py" "$type" "$2" "$runs" || true ;;
     avahi)
       for ((i = 1; i <= runs; i++)); do
@@ -110,6 +160,7 @@ hold_querier() { # QUERIER TOTAL
   local host=querier cmd p10 phold
   case "$1" in
     ours) cmd=("${vlan[@]}" exec "$run" querier "$timer" "$type" hold "$hold") ;;
+    before) cmd=("${vlan[@]}" exec "$run" querier "$BEFORE" "$type" hold "$hold") ;;
     zeroconf) cmd=("${vlan[@]}" exec "$run" querier "$py" "$root/bench/zeroconf_search.py" "$type" hold "$hold") ;;
     avahi)
       host=avq
@@ -152,6 +203,18 @@ summarise() {
 
 declare -a rows
 for scenario in ${SCENARIOS:-1x1 5x10 1x200 5x10mixed}; do
+  if [[ $scenario =~ ^dns([0-9]+)$ ]]; then
+    total=${BASH_REMATCH[1]}
+    echo "== scenario $scenario: BIND 9 serving $total instances of $type in example.test., 10 per host"
+    build_dns_scenario "$total"
+    echo "-- ours: $runs runs"
+    "${vlan[@]}" exec "$run" querier "$timer" "$type" "$total" "$runs" example.test. | tee "$work/ours.log" || true
+    read -r median worst first failed < <(summarise <"$work/ours.log")
+    echo "-- ours: one search of ${hold} s under capture (port 53)"
+    read -r p10 phold found end lost < <(hold_dns)
+    rows+=("$scenario|ours|$median|$worst|$first|$failed|$p10|$phold|$found/$end/$lost|$total")
+    continue
+  fi
   [[ $scenario =~ ^([0-9]+)x([0-9]+)(mixed)?$ ]] || { echo "bad scenario '$scenario'" >&2; exit 2; }
   devices=${BASH_REMATCH[1]}
   services=${BASH_REMATCH[2]}

@@ -66,6 +66,10 @@
 #                                           replacing one of the same NAME and TYPE
 #   vlan.sh dns-remove-service RUN HOST NAME TYPE
 #                                           takes it out of the zone
+#   vlan.sh dns-services RUN HOST PREFIX TYPE COUNT PER_HOST
+#                                           COUNT services "PREFIX 1".. of TYPE (port 8000+N, TXT
+#                                           path=/N), PER_HOST on each target host "PREFIX-hostK"
+#                                           (one A record each, in 198.18.0.0/15), in one reload
 #   vlan.sh start-dns RUN HOST [--zone ZONE] [--ttl SECONDS]
 #                                           starts BIND 9 (named) on HOST, authoritative for ZONE
 #                                           (default example.test.) with the records above, each with
@@ -462,6 +466,29 @@ cmd_dns_service() {
   reload_zone "$run" "$host"
 }
 
+cmd_dns_services() {
+  [ $# -eq 6 ] || die "dns-services RUN HOST PREFIX TYPE COUNT PER_HOST"
+  require_host "$1" "$2"
+  local run=$1 host=$2 prefix=$3 type=$4 count=$5 per=$6 dir label n k
+  [[ $type =~ ^_[A-Za-z0-9-]+\._(tcp|udp)$ ]] || die "bad service type '$type'"
+  [[ $count =~ ^[0-9]+$ && $per =~ ^[1-9][0-9]*$ ]] && [ "$count" -le 100000 ] || die "bad count '$count' or '$per'"
+  dir=$(dns_dir "$run" "$host")
+  mkdir -p "$dir/records"
+  label=$(zone_label "$prefix")
+  check_zone_name "$label-host1"
+  {
+    echo "; type $type"
+    for ((n = 1; n <= count; n++)); do
+      k=$(((n - 1) / per + 1))
+      echo "$type PTR $label\\032$n.$type"
+      echo "$label\\032$n.$type SRV 0 0 $((8000 + n % 50000)) $label-host$k"
+      echo "$label\\032$n.$type TXT \"path=/$n\""
+      ((n % per == 1 || per == 1)) && echo "$label-host$k A 198.$((18 + k / 65536)).$((k / 256 % 256)).$((k % 256))"
+    done
+  } >"$dir/records/service-bulk-$(printf '%s|%s' "$prefix" "$type" | md5sum | cut -c1-16).rr"
+  reload_zone "$run" "$host"
+}
+
 cmd_dns_remove_service() {
   [ $# -eq 4 ] || die "dns-remove-service RUN HOST NAME TYPE"
   require_host "$1" "$2"
@@ -470,6 +497,16 @@ cmd_dns_remove_service() {
   [ -e "$file" ] || die "no service '$3' of type $4 in the zone of $2"
   rm -f "$file"
   reload_zone "$1" "$2"
+}
+
+# BIND 9.18 refuses more than 100 records of one name and type unless told
+# otherwise (older versions know no such limit, nor the option).
+max_records_option() {
+  local probe
+  probe=$(mktemp)
+  echo 'options { max-records-per-type 0; };' >"$probe"
+  ! named-checkconf "$probe" >/dev/null 2>&1 || echo "  max-records-per-type 0;"
+  rm -f "$probe"
 }
 
 cmd_start_dns() {
@@ -508,6 +545,7 @@ options {
   listen-on-v6 { any; };
   recursion no;
   notify no;
+$(max_records_option)
   dnssec-validation no;
   allow-query { any; };
 };
@@ -990,6 +1028,7 @@ case "$command" in
   dns-address) cmd_dns_address "$@" ;;
   dns-service) cmd_dns_service "$@" ;;
   dns-remove-service) cmd_dns_remove_service "$@" ;;
+  dns-services) cmd_dns_services "$@" ;;
   start-dns) cmd_start_dns "$@" ;;
   dns-zone) cmd_dns_zone "$@" ;;
   stop-dns) cmd_stop_dns "$@" ;;

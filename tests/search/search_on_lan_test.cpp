@@ -238,6 +238,10 @@ TEST(SearchOnLan, FindsTheZonesServicesOverUnicastDnsAndFollowsAReload) {
     for (const char* address : {"198.51.100.50", "2001:db8::50"})
       shelves.insert(name + " _sorvbig._tcp.example.test. " + std::to_string(9000 + n) + " " + address);
   }
+  // More instances of one type than the search's cache holds, ten on each host
+  // (the server sets max-records-per-type to let them be served).
+  constexpr int kMany = 600;
+  lan.command({"dns-services", "dns", "Device", "_sorvmany._tcp", std::to_string(kMany), "10"});
   lan.command({"start-dns", "dns", "--zone", "example.test.", "--ttl", std::to_string(kTtlSeconds)});
   const std::string resolver_file = lan.command({"use-dns", "querier", "dns"});
 
@@ -276,6 +280,17 @@ TEST(SearchOnLan, FindsTheZonesServicesOverUnicastDnsAndFollowsAReload) {
   ASSERT_TRUE(search->Start(",", "_sorvbig._tcp", "example.test.", 0, ""));
   EXPECT_TRUE(wait_until([&] { return endpoints<EndpointSet>() == shelves; }))
       << ::testing::PrintToString(endpoints());
+
+  // Each listed once, at its own port, on its host's address (198.18.0.K).
+  EndpointSet many;
+  for (int n = 1; n <= kMany; ++n) {
+    many.insert("Device " + std::to_string(n) + " _sorvmany._tcp.example.test. " + std::to_string(8000 + n) +
+                " 198.18.0." + std::to_string((n - 1) / 10 + 1));
+  }
+  ASSERT_TRUE(search->Start(",", "_sorvmany._tcp", "example.test.", 0, ""));
+  EXPECT_TRUE(wait_until([&] { return endpoints<EndpointSet>() == many; }))
+      << endpoints<EndpointSet>().size() << " listed";
+  EXPECT_EQ(endpoints().size(), many.size());
   search->Stop();
 }
 

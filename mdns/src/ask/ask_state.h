@@ -63,7 +63,8 @@ enum class DnsPhase : uint8_t {
 
 struct DnsSchedule {
   DnsPhase phase;
-  uint16_t slot;  // index + 1 of its outstanding unicast query
+  bool answer_evicted;  // the cache gave up an answer of the last poll for space
+  uint16_t slot;        // index + 1 of its outstanding unicast query
 };
 
 struct QuestionState {
@@ -166,6 +167,10 @@ struct AskState : CacheStore {
   uint32_t probe_next;
   SendBudget probe_budget;  // every probe
   SendBudget check_budget;  // probes after a goodbye, on top of the above
+  // Until then the responders are answering a browse's first multicast query
+  // with everything they offer (see link_asker_one_shot_answered).
+  int32_t browse_answers_until;
+  bool browse_answers_coming;
 
   // Unicast DNS.
   NameServer servers[kMaxNameServers];

@@ -38,6 +38,18 @@ void asker_ask_again(mDNS* m, DNSQuestion* leader) {
   }
 }
 
+void asker_member_unanswered(mDNS* m, DNSQuestion* leader) {
+  if (asks_for_its_group(leader) && state_of(leader).unicast) {
+    dns_asker_member_unanswered(m, leader);
+  }
+}
+
+void asker_one_shot_answered(mDNS* m, DNSQuestion* leader) {
+  if (asks_for_its_group(leader) && !state_of(leader).unicast) {
+    link_asker_one_shot_answered(m, leader);
+  }
+}
+
 void asker_answered(mDNS* m, DNSQuestion* leader) {
   if (asks_for_its_group(leader) && !state_of(leader).unicast) {
     link_asker_answered(m, leader);

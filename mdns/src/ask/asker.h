@@ -16,8 +16,15 @@ namespace mdns {
 // The leader's first delivery is done: `answered` when the cache held an
 // answer that spares it the first queries.
 void asker_first_delivery(mDNS* m, DNSQuestion* leader, bool answered);
+// A member joined after its group's first delivery and the cache held no
+// answer for it: a unicast group asks again when it had answers that the
+// cache has given up since (its next poll may be hours away); a link group's
+// continuous querying finds them anyway.
+void asker_member_unanswered(mDNS* m, DNSQuestion* leader);
 // The group's last answer went away, or an interface came: it asks again.
 void asker_ask_again(mDNS* m, DNSQuestion* leader);
+// A one-shot of the group was answered (see link_asker_one_shot_answered).
+void asker_one_shot_answered(mDNS* m, DNSQuestion* leader);
 // A unique answer arrived: only refresh points ask from now on.
 void asker_answered(mDNS* m, DNSQuestion* leader);
 // A cached answer reached a refresh point.

@@ -178,6 +178,7 @@ void accept_answer(mDNS* m, UnicastQuery& u, const MessageParser& parser) {
   const uint32_t shortest = shortest_ttl(parser, *leader);
   release(m, u);
   state_of(leader).dns.phase = DnsPhase::kPolling;
+  state_of(leader).dns.answer_evicted = false;
   plan_ask(m, leader, time_add(core.now, poll_interval(shortest)));
   engine_take_dns_answer(m, leader, parser, server);
 }
@@ -370,6 +371,16 @@ void dns_asker_ask_now(mDNS* m, DNSQuestion* leader) {
   u->question = leader;
   s.dns.slot = static_cast<uint16_t>(u - core.unicast + 1);
   send_udp(m, *u);
+}
+
+// A browse's answers live in each browse's memory, so a new browse never
+// finds them in the cache; other questions' answers only when evicted.
+void dns_asker_member_unanswered(mDNS* m, DNSQuestion* leader) {
+  const QuestionState& s = state_of(leader);
+  if (s.dns.phase == DnsPhase::kPolling &&
+      (s.kind == QuestionKind::kBrowse ? s.current_answers > 0 : s.dns.answer_evicted)) {
+    dns_asker_ask_now(m, leader);
+  }
 }
 
 void dns_asker_hand_over(mDNS* m, DNSQuestion* leader, DNSQuestion* heir) {

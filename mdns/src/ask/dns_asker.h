@@ -27,6 +27,8 @@ void dns_asker_first_delivery(mDNS* m, DNSQuestion* leader, bool answered);
 // It asks again as soon as the governor lets it (an answer went away, or a
 // refresh point came).
 void dns_asker_ask_now(mDNS* m, DNSQuestion* leader);
+// A member joined whose answers are not cached (see asker_member_unanswered).
+void dns_asker_member_unanswered(mDNS* m, DNSQuestion* leader);
 void dns_asker_hand_over(mDNS* m, DNSQuestion* leader, DNSQuestion* heir);
 void dns_asker_drop(mDNS* m, DNSQuestion* leader);
 

@@ -14,6 +14,20 @@ namespace {
 
 // A query that found no room in any interface's budget tries again this much later.
 constexpr int32_t kBudgetRetryMs = 50;
+// Responders answer a query for shared records within 20-120 ms; a little
+// more for a busy host.
+constexpr int32_t kResponderWindowMs = 150;
+
+// A resolve that starts while the responders answer a browse's first query
+// (which names none of their instances as known, see query_packets.cpp)
+// gets its records with those answers: a one-shot of its own would only
+// bring them a few tens of milliseconds sooner, at a packet each.
+bool answers_coming(const AskState& core, const DNSQuestion* q) {
+  const QuestionKind kind = state_of(q).kind;
+  return core.browse_answers_coming && time_diff(core.browse_answers_until, core.now) > 0 &&
+         (kind == QuestionKind::kResolveSrv || kind == QuestionKind::kResolveTxt ||
+          kind == QuestionKind::kResolveAddress);
+}
 
 QuestionSchedule schedule_of(AskState& core) {
   return QuestionSchedule(core.link_schedule_root);
@@ -155,7 +169,7 @@ void link_asker_first_delivery(mDNS* m, DNSQuestion* leader, bool answered) {
   }
   // Nothing cached: a one-shot query brings the answers at once (RFC 6762
   // section 5.1), while continuous querying starts as usual.
-  if (!answered) {
+  if (!answered && !answers_coming(core, leader)) {
     list_append(core, ListId::kOneShot, leader);
   }
 }
@@ -174,6 +188,26 @@ void link_asker_answered(mDNS* m, DNSQuestion* leader) {
     unplace(ask_of(m), leader);
     link.phase = LinkPhase::kResting;
   }
+}
+
+// A responder answered the group's one-shot with shared records (a browse's
+// PTRs): somebody is there, and what did not fit the direct answers (a
+// responder gives a one-shot one datagram of at most 512 bytes) comes only by
+// multicast, after the responders' own 20-120 ms.  The first query goes now
+// instead of after the random 20-120 ms meant to spread queries that may
+// find nobody.
+void link_asker_one_shot_answered(mDNS* m, DNSQuestion* leader) {
+  AskState& core = ask_of(m);
+  LinkSchedule& link = state_of(leader).link;
+  if (link.phase != LinkPhase::kFirstQueryDue || !QuestionSchedule::contains(leader) ||
+      time_diff(QuestionSchedule::key_of(leader), core.now) <= 0) {
+    return;
+  }
+  unplace(core, leader);
+  link.next_query_time = core.now;
+  place(core, leader, core.now);
+  core.browse_answers_until = time_add(core.now, kResponderWindowMs);
+  core.browse_answers_coming = true;
 }
 
 void link_asker_refresh(mDNS* m, DNSQuestion* leader) {

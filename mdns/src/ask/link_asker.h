@@ -13,6 +13,7 @@ namespace mdns {
 void link_asker_first_delivery(mDNS* m, DNSQuestion* leader, bool answered);
 void link_asker_ask_again(mDNS* m, DNSQuestion* leader);
 void link_asker_answered(mDNS* m, DNSQuestion* leader);
+void link_asker_one_shot_answered(mDNS* m, DNSQuestion* leader);
 void link_asker_refresh(mDNS* m, DNSQuestion* leader);
 void link_asker_asking_changed(mDNS* m, DNSQuestion* leader);
 void link_asker_hand_over(mDNS* m, DNSQuestion* leader, DNSQuestion* heir);

@@ -114,10 +114,14 @@ void send_one_shots(mDNS* m) {
   if (wanted == nullptr) {
     return;
   }
+  // One family per interface: a responder gives a one-shot the same records
+  // (A and AAAA alike) whichever family asked, and the multicast queries,
+  // which go out on both, find those that listen on one only.
   for (const NetworkInterfaceInfo* i = m->HostInterfaces; i != nullptr; i = i->next) {
     for (int family : {mDNSAddrType_IPv4, mDNSAddrType_IPv6}) {
       if (platform_interface_usable(m, i->InterfaceID, family)) {
         send_on(m, wanted, i->InterfaceID, family);
+        break;
       }
     }
   }

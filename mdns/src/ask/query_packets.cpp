@@ -28,7 +28,13 @@ class PacketBuilder {
         if (!for_interface(*end, interface_id_)) {
           continue;
         }
-        if (!first.add_question(end->qname, end->qtype, end->qclass)) {
+        // A question's first query asks for unicast answers (RFC 6762 section
+        // 5.4): a responder that has just announced its records (a device
+        // that just started) does not multicast them again within the second,
+        // and may not answer a multicast query before its announcements are
+        // over, but answers this one directly.
+        const bool first_query = state_of(end).link.phase == LinkPhase::kFirstQueryDue;
+        if (!first.add_question(end->qname, end->qtype, end->qclass, first_query)) {
           break;
         }
         new_question = new_question || state_of(end).queries_sent == 0;
@@ -59,7 +65,10 @@ class PacketBuilder {
   }
 
   // Answers whose remaining TTL is above half the original go along, so that
-  // responders holding the same need not answer.  False once the query's
+  // responders holding the same need not answer.  Not those a one-shot brought
+  // (write_known_answers): their TTLs are the few seconds of a direct answer,
+  // and a responder that takes them as known would not send the answer that
+  // brings the real TTLs, leaving them to refresh queries before they expire.  False once the query's
   // known answers reached their cap.
   bool add(DNSQuestion* q, const domainname& name, uint16_t rrtype, uint16_t rrclass, int64_t remaining_ms,
            uint32_t ttl, const RData& rdata) {
@@ -90,7 +99,7 @@ class PacketBuilder {
     }
     for (CacheRecord* rr = cache_first(core_, state_of(q).name_hash); rr != nullptr;
          rr = cache_next(core_, rr)) {
-      if (rr->expiring || rr->known_answer_mark == core_.send_serial ||
+      if (rr->expiring || rr->known_answer_mark == core_.send_serial || rr->source == Source::kOneShot ||
           rr->resrec.InterfaceID != interface_id_ || !question_answered_by(*q, rr->resrec)) {
         continue;
       }
@@ -133,7 +142,8 @@ class PacketBuilder {
   }
 
   bool goes(const RememberedAnswer& a) const {
-    return a.interface_id == interface_id_ && a.remaining_ms * 2 > static_cast<int64_t>(a.ttl) * 1000;
+    return a.interface_id == interface_id_ && !a.one_shot &&
+           a.remaining_ms * 2 > static_cast<int64_t>(a.ttl) * 1000;
   }
 
   bool add_remembered(DNSQuestion* q, const RememberedAnswer& a) {

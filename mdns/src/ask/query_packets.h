@@ -16,6 +16,7 @@ struct RememberedAnswer {
   int64_t remaining_ms;
   uint32_t ttl;
   mDNSInterfaceID interface_id;
+  bool one_shot;  // its TTL is a one-shot answer's (see one_shot_ttl below)
 };
 
 // The browse's remembered answers, one at a time from `cursor` (0 at first);

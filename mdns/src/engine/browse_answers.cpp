@@ -268,6 +268,7 @@ bool remembered_answer_next(mDNS* m, const DNSQuestion* browse, int& cursor, Rem
     out.remaining_ms = time_diff(a.expiry, core.now);
     out.ttl = a.ttl;
     out.interface_id = interface_from_number(a.interface_slot);
+    out.one_shot = a.one_shot != 0;
     const int next = browse_answers_next(core, i);
     cursor = next >= 0 ? next + 1 : -1;
     return true;

@@ -19,10 +19,14 @@ Importance compute_importance(mDNS* m, const CacheRecord& rr) {
     if (!s.delivered) {
       return kPinned;
     }
-    if (s.listening) {
+    // A resolve that has reported an address only listens, but the host's
+    // other instances, whose resolves start later, need the same address.
+    if (s.listening && s.kind != QuestionKind::kResolveAddress) {
       continue;
     }
-    const Importance mine = s.kind == QuestionKind::kBrowse ? kBrowseAnswer : kNeeded;
+    const Importance mine = s.kind == QuestionKind::kBrowse           ? kBrowseAnswer
+                            : s.kind == QuestionKind::kResolveAddress ? kAddress
+                                                                      : kNeeded;
     result = mine > result ? mine : result;
   }
   return result;

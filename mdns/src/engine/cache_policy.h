@@ -4,9 +4,11 @@
 // first).  Only when there is none, an entry that a question needs, taken from
 // the sender that holds the most entries, so that a host flooding the link
 // pushes out its own records rather than everybody else's; of that sender's
-// entries the one whose loss the application would notice least: records of a
-// resolve before a browse's PTR answers, nearest expiry first.  Entries whose
-// first delivery is still to come are never given up.
+// entries the one whose loss the application would notice least: a resolve's
+// SRV and TXT (read once by the resolve that asked), then addresses (which the
+// other instances of their host still need), then a browse's PTR answers,
+// nearest expiry first.  Entries whose first delivery is still to come are
+// never given up.
 #pragma once
 
 #include "engine/core_state.h"
@@ -15,9 +17,10 @@ namespace mdns {
 
 enum Importance : uint8_t {
   kIdle = 0,          // no question that asks needs it
-  kNeeded = 1,        // answers a question that asks (a resolve, a plain query)
-  kBrowseAnswer = 2,  // a PTR answer of a browse that asks
-  kPinned = 3,        // in the packet being stored, or not yet delivered: never given up
+  kNeeded = 1,        // answers a question that asks (a resolve's SRV or TXT, a plain query)
+  kAddress = 2,       // an address a resolve asks for: its host's other instances share it
+  kBrowseAnswer = 3,  // a PTR answer of a browse that asks
+  kPinned = 4,        // in the packet being stored, or not yet delivered: never given up
 };
 
 Importance importance_of(mDNS* m, CacheRecord* rr);

@@ -51,10 +51,12 @@ struct BrowseAnswer {
   uint8_t interface_slot;  // the interface's ID as a number (IDs are small)
   SenderSlot sender;
   uint8_t under_udp;  // the type list's answers: the type is _udp, not _tcp
+  uint8_t one_shot;   // its TTL came with a one-shot answer
   int32_t expiry;
   int32_t refresh_at;  // asks the browse for a refresh query (80 % of the TTL), then the expiry
   uint32_t ttl;
   domainlabel label;  // the instance; the rest of the name is the browse's
+  uint32_t seen;      // unicast DNS: the answer that last listed it (packet number)
 };
 
 constexpr int kBrowseAnswerBuckets = 1024;

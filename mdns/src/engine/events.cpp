@@ -1,6 +1,7 @@
 #include "engine/events.h"
 
 #include "ask/asker.h"
+#include "ask/dns_asker.h"
 #include "cache/cache.h"
 #include "engine/browse_answers.h"
 #include "engine/questions.h"
@@ -79,6 +80,7 @@ void report_to_browse(mDNS* m, DNSQuestion* browse, CacheRecord* rr) {
   if (known >= 0) {
     if (!rr->expiring) {
       browse_answer_renew(core, known, rr->resrec.rroriginalttl, rr->received);
+      core.answers[known].one_shot = rr->source == Source::kOneShot;
     }
     return;
   }
@@ -103,8 +105,96 @@ void report_to_browse(mDNS* m, DNSQuestion* browse, CacheRecord* rr) {
     return;
   }
   core.answers[remembered].under_udp = udp ? 1 : 0;
+  core.answers[remembered].one_shot = rr->source == Source::kOneShot;
   state_of(browse).current_answers++;
   call_back(m, browse, rr->resrec, QC_add);
+}
+
+// A PTR answer as a browse callback sees it, straight from the message.
+void view_of(const ParsedRecord& rec, DetachedRecord& out) {
+  out.name = rec.name;
+  out.rdata = rec.rdata;
+  out.rdata.MaxRDLength = sizeof(RDataBody);
+  out.view = ResourceRecord{};
+  out.view.rrtype = rec.rrtype;
+  out.view.rrclass = rec.rrclass;
+  out.view.rroriginalttl = rec.ttl;
+  out.view.rdlength = rec.rdata.length;
+  out.view.InterfaceID = mDNSInterface_Any;
+  out.view.name = &out.name;
+  out.view.namehash = name_hash(rec.name);
+  out.view.rdata = &out.rdata;
+}
+
+// One PTR of a unicast answer reaches one browse: renewed when reported
+// already, otherwise remembered and reported.  False when the callback
+// stopped the browse or the core.
+bool unicast_ptr_to_browse(mDNS* m, DNSQuestion* browse, const ParsedRecord& rec, uint8_t sender,
+                           uint32_t seq) {
+  CoreState& core = core_of(m);
+  domainlabel instance;
+  if (!split_first_label(rec.rdata.u.name, browse->qname, instance)) {
+    return true;
+  }
+  const uint32_t hash = name_hash(rec.rdata.u.name);
+  int index = browse_answer_find(core, browse, instance, hash, mDNSInterface_Any);
+  if (index >= 0) {
+    browse_answer_renew(core, index, rec.ttl, core.now);
+    core.answers[index].seen = seq;
+    return true;
+  }
+  int evicted = -1;
+  const Admission admission = browse_answer_admit(core, sender, evicted);
+  if (admission == Admission::kRefused) {
+    return true;
+  }
+  if (admission == Admission::kMustEvict) {
+    report_answer_gone(m, evicted);
+    if (!core_alive(m) || !question_active(m, browse)) {
+      return false;
+    }
+  }
+  index = browse_answer_remember(core, browse, instance, hash, mDNSInterface_Any, sender, rec.ttl, core.now);
+  if (index < 0) {
+    return true;
+  }
+  core.answers[index].seen = seq;
+  state_of(browse).current_answers++;
+  DetachedRecord added;
+  view_of(rec, added);
+  call_back(m, browse, added.view, QC_add);
+  return core_alive(m) && question_active(m, browse);
+}
+
+// The browse's list is the answer's: what it no longer holds has gone.
+void forget_unlisted(mDNS* m, DNSQuestion* browse, uint32_t seq) {
+  CoreState& core = core_of(m);
+  for (int i = browse_answers_first(core, browse); i >= 0;) {
+    const int next = browse_answers_next(core, i);
+    if (core.answers[i].seen != seq) {
+      report_answer_gone(m, i);
+      if (!core_alive(m) || !question_active(m, browse)) {
+        return;
+      }
+    }
+    i = next;
+  }
+}
+
+void unicast_answer_to_browse(mDNS* m, DNSQuestion* browse, const MessageParser& answer, uint8_t sender,
+                              uint32_t seq) {
+  MessageParser parser = answer;
+  ParsedRecord rec;
+  for (MessageParser::Result r; (r = parser.next_record(rec)) != MessageParser::Result::kEnd;) {
+    if (r == MessageParser::Result::kMalformed) {
+      return;  // a list cut short says nothing of what it would have held
+    }
+    if (r == MessageParser::Result::kOk && rec.section == Section::kAnswer && rec.ttl > 0 &&
+        dns_answer_in_bailiwick(rec, *browse) && !unicast_ptr_to_browse(m, browse, rec, sender, seq)) {
+      return;
+    }
+  }
+  forget_unlisted(m, browse, seq);
 }
 
 void report_added(mDNS* m, DNSQuestion* q, CacheRecord* rr) {
@@ -159,6 +249,9 @@ void uncount_evicted(mDNS* m, CacheRecord* rr) {
     if (s.kind != QuestionKind::kBrowse && s.delivered && s.current_answers > 0 &&
         question_answered_by(*q, rr->resrec)) {
       s.current_answers--;
+      if (s.unicast) {
+        state_of(leader_of(q)).dns.answer_evicted = true;
+      }
     }
   }
 }
@@ -243,6 +336,19 @@ void goodbye_for_uncached(mDNS* m, const ResourceRecord& goodbye) {
   }
 }
 
+void unicast_browse_answer(mDNS* m, DNSQuestion* leader, const MessageParser& answer, uint8_t sender,
+                           uint32_t seq) {
+  QuestionWalk walk(m, state_of(leader).name_hash);
+  while (DNSQuestion* q = walk.next()) {
+    if (state_of(q).delivered && leader_of(q) == leader) {
+      unicast_answer_to_browse(m, q, answer, sender, seq);
+      if (!core_alive(m)) {
+        return;
+      }
+    }
+  }
+}
+
 void deliver_cached_answers(mDNS* m, DNSQuestion* q) {
   CoreState& core = core_of(m);
   QuestionState& s = state_of(q);
@@ -266,6 +372,8 @@ void deliver_cached_answers(mDNS* m, DNSQuestion* q) {
   }
   if (s.leader == nullptr) {
     asker_first_delivery(m, q, answered);
+  } else if (!answered) {
+    asker_member_unanswered(m, leader_of(q));
   }
 }
 

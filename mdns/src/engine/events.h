@@ -4,6 +4,7 @@
 #pragma once
 
 #include "engine/core_state.h"
+#include "wire/message_reader.h"
 
 namespace mdns {
 
@@ -27,6 +28,13 @@ void record_departs(mDNS* m, CacheRecord* rr, Departure why);
 // A goodbye for a PTR record the cache no longer holds: a browse that
 // reported the instance reports its removal one second later.
 void goodbye_for_uncached(mDNS* m, const ResourceRecord& goodbye);
+
+// A unicast DNS answer to a group of browses (packet number `seq`): its PTR
+// records are the whole list, which the browses' memory of reported
+// instances keeps rather than the cache (one PTR set may be larger than the
+// cache): new instances are added, those it no longer lists removed.
+void unicast_browse_answer(mDNS* m, DNSQuestion* leader, const MessageParser& answer, uint8_t sender,
+                           uint32_t seq);
 
 // The first delivery of a new question: what the cache holds.
 void deliver_cached_answers(mDNS* m, DNSQuestion* q);

@@ -1,5 +1,6 @@
 // The receive path: acceptance checks, cache update, then answer events.
 #include "engine/receive.h"
+#include "ask/asker.h"
 #include "ask/dns_asker.h"
 #include "ask/one_shot.h"
 #include "cache/cache.h"
@@ -160,6 +161,24 @@ bool accepted(mDNS* m, MessageParser& parser, const Arrival& arrival) {
   return true;
 }
 
+// The groups asking for shared records (a browse's PTRs) that this one-shot
+// answer answers: they have somebody to ask by multicast at once.
+void note_one_shot_answered(mDNS* m) {
+  CoreState& core = core_of(m);
+  for (uint32_t i = core.packet_head; i != 0; i = record_at(core, i).packet_next) {
+    const CacheRecord& rr = record_at(core, i);
+    if (rr.resrec.rrtype != kDNSType_PTR || !rr.in_use) {
+      continue;
+    }
+    for (DNSQuestion* q = core.question_buckets[rr.resrec.namehash % kQuestionBuckets]; q != nullptr;
+         q = state_of(q).bucket_next) {
+      if (state_of(q).delivered && question_answered_by(*q, rr.resrec)) {
+        asker_one_shot_answered(m, leader_of(q));
+      }
+    }
+  }
+}
+
 // Every record of the packet is cached before any event goes out, so that a
 // callback starting a resolve already finds the additional records.
 void store_link_records(mDNS* m, MessageParser& parser, const Arrival& arrival) {
@@ -213,6 +232,7 @@ void store_record(mDNS* m, const ParsedRecord& rec, const RecordOrigin& origin) 
       note_victim_candidate(m, rr);
     } else if (origin.source != Source::kOneShot || !shorter || rr->expiring) {
       cache_refresh(core, rr, rec.ttl, core.now);
+      rr->source = origin.source;  // whose TTL it now has
     }
     note_packet_record(m, rr);
   } else {
@@ -249,6 +269,9 @@ void engine_receive(mDNS* m, const uint8_t* message, size_t length, const Arriva
   }
   core.counters.packets_accepted++;
   store_link_records(m, parser, arrival);
+  if (arrival.transport == Transport::kOneShot) {
+    note_one_shot_answered(m);
+  }
   finish_packet(m);
   engine_deliver_waiting(m);
 }
@@ -273,21 +296,33 @@ void expire_missing(mDNS* m, const DNSQuestion& q) {
 void engine_take_dns_answer(mDNS* m, DNSQuestion* leader, const MessageParser& answer,
                             const NameServer& server) {
   CoreState& core = core_of(m);
-  core.packet_seq++;
+  const uint32_t seq = ++core.packet_seq;
   RecordOrigin origin{mDNSInterface_Any, Source::kUnicastDns, sender_slot(core, server.address)};
+  // A browse's PTR answers are its list, kept by the browses (see
+  // unicast_browse_answer); the rest (SRV, TXT and addresses a server adds)
+  // is cached, before any event, for the resolves the events start.
+  const bool browses = state_of(leader).kind == QuestionKind::kBrowse;
   MessageParser parser = answer;
   ParsedRecord rec;
   for (MessageParser::Result r; (r = parser.next_record(rec)) != MessageParser::Result::kEnd;) {
     if (r == MessageParser::Result::kMalformed) {
       break;
     }
-    if (r == MessageParser::Result::kOk && rec.ttl > 0 && dns_answer_in_bailiwick(rec, *leader)) {
+    if (r == MessageParser::Result::kOk && rec.ttl > 0 && dns_answer_in_bailiwick(rec, *leader) &&
+        !(browses && rec.section == Section::kAnswer)) {
       store_record(m, rec, origin);
     }
   }
-  sender_release_if_unused(core, origin.sender);
-  expire_missing(m, *leader);
+  if (!browses) {
+    expire_missing(m, *leader);
+  }
   finish_packet(m);
+  if (browses && core.initialized && question_active(m, leader)) {
+    unicast_browse_answer(m, leader, answer, origin.sender, seq);
+  }
+  if (core.initialized) {
+    sender_release_if_unused(core, origin.sender);
+  }
 }
 
 }  // namespace mdns

@@ -130,6 +130,7 @@ struct Sent {
   std::vector<Record> known{};
   bool unicast_response = false;
   bool consumed = false;
+  bool served = false;  // answered by the scenario's server ("serve")
 
   mdns::Transport transport() const { return message.transport; }
   bool truncated() const { return (header.flags & 0x0200) != 0; }
@@ -379,7 +380,8 @@ class Replay {
                                  std::to_string(guard) + " passes on the way to " + std::to_string(t));
       }
       in_pass([] {});
-      now_ += std::max(mdns::engine_time_to_next_event(m_.get(), now_), 1);
+      const bool answering = answer_served_queries();
+      now_ += answering ? 1 : std::max(mdns::engine_time_to_next_event(m_.get(), now_), 1);
     }
     now_ = kEpoch + t;
     mdns::engine_set_fake_clock(m_.get(), now_);
@@ -414,6 +416,8 @@ class Replay {
       change_interfaces(w);
     } else if (verb == "nameservers") {
       change_name_servers(Words(w.begin() + 3, w.end()));
+    } else if (verb == "serve") {
+      serve(line);
     } else {
       throw std::invalid_argument("unknown action");
     }
@@ -487,7 +491,7 @@ class Replay {
         f.resize(f.size() - 2);
       }
       for (int i = 1; i <= copies; ++i) {
-        add_line(msg, numbered(numbered(f, "{n}", n), "{i}", i));
+        add_line(msg, numbered(numbered(f, "{n}", n), i));
       }
     }
     return msg.bytes();
@@ -497,6 +501,20 @@ class Replay {
     for (std::string& word : f) {
       const size_t at = word.find(mark);
       word = at == std::string::npos ? word : word.replace(at, mark.size(), std::to_string(value));
+    }
+    return f;
+  }
+
+  // The `i`th of "each N" records: {i} counts from 1, {i/K} by K at a time
+  // (ten instances on one host: host{i/10}).
+  static Words numbered(Words f, int i) {
+    for (std::string& word : f) {
+      for (size_t at; (at = word.find("{i")) != std::string::npos;) {
+        const size_t end = word.find('}', at);
+        const size_t slash = word.find('/', at);
+        const int by = slash < end ? std::stoi(word.substr(slash + 1, end - slash - 1)) : 1;
+        word.replace(at, end - at + 1, std::to_string(i / by));
+      }
     }
     return f;
   }
@@ -555,6 +573,75 @@ class Replay {
       throw std::runtime_error("the query's socket is closed");
     }
     mdns::engine_set_fake_clock(m_.get(), now_);
+    in_pass_ = true;
+    mDNSPosixProcessFDSet(m_.get(), nullptr);
+    in_pass_ = false;
+  }
+
+  // From now on the name server answers every unicast query 1 ms after it
+  // was sent, from the zone under the step: over UDP an answer over 512 bytes
+  // only says TC, over TCP it holds everything (as an authoritative server).
+  void serve(const Line& line) {
+    zone_.clear();
+    serving_since_ = now();
+    for (const Line& r : line.body) {
+      Words f = r.words;
+      int copies = 1;
+      if (f.size() > 2 && f[f.size() - 2] == "each") {
+        copies = std::stoi(f.back());
+        f.resize(f.size() - 2);
+      }
+      f.insert(f.begin(), "an");
+      for (int i = 1; i <= copies; ++i) {
+        const Words record = numbered(f, i);
+        zone_[{lowercase(record[1]), type_code(record[2])}].push_back(record);
+      }
+    }
+    serving_ = true;
+  }
+
+  static std::string lowercase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+    return text;
+  }
+
+  // Answers the queries due; true while some wait for their millisecond.
+  bool answer_served_queries() {
+    bool waiting = false;
+    for (size_t i = 0; serving_ && i < sent_.size(); ++i) {
+      Sent& sent = sent_[i];
+      if (sent.served || sent.transport() < mdns::Transport::kUnicastDns || sent.time < serving_since_ ||
+          sent.questions.size() != 1) {
+        continue;
+      }
+      if (sent.time >= now()) {
+        waiting = true;
+        continue;
+      }
+      sent.served = true;
+      answer_from_zone(sent);
+    }
+    return waiting;
+  }
+
+  void answer_from_zone(const Sent& sent) {
+    const Record& q = sent.questions[0];
+    DnsMessage msg(sent.header.id, 0x8400);
+    msg.question(text_of(q.name), q.type);
+    const auto it = zone_.find({lowercase(text_of(q.name)), q.type});
+    if (it != zone_.end()) {
+      for (const Words& record : it->second) {
+        add_line(msg, record);
+      }
+    }
+    Bytes bytes = msg.bytes();
+    if (sent.transport() == mdns::Transport::kUnicastDns && bytes.size() > 512) {
+      DnsMessage cut(sent.header.id, 0x8600);
+      cut.question(text_of(q.name), q.type);
+      bytes = cut.bytes();
+    }
+    mdns::platform_test_deliver_dns(m_.get(), sent.message.socket, address_of(sent.server), 53, bytes.data(),
+                                    bytes.size());
     in_pass_ = true;
     mDNSPosixProcessFDSet(m_.get(), nullptr);
     in_pass_ = false;
@@ -786,7 +873,10 @@ class Replay {
   int32_t now_ = kEpoch;
   bool in_pass_ = false;
   std::map<std::string, Slot> slots_;
-  std::map<std::string, int> adds_;  // add events per browse and instance
+  std::map<std::string, int> adds_;                                      // add events per browse and instance
+  std::map<std::pair<std::string, uint16_t>, std::vector<Words>> zone_;  // "serve": by name and type
+  bool serving_ = false;
+  int32_t serving_since_ = 0;
   std::vector<Sent> sent_;
   std::vector<size_t> probes_;  // to answer ("answer probes")
   std::vector<Event> events_;

@@ -37,6 +37,11 @@
 //                                                  "each N": N records, {i} counting)
 //   at T iface up NAME ADDR/LEN... | down NAME | recreate NAME    the host's interfaces change
 //   at T nameservers [ADDR...]                     the resolver file now lists these (or none)
+//   at T serve                                     from now on the name server answers each
+//     NAME TYPE TTL DATA... [each N]               unicast query 1 ms after it, from these
+//                                                  records ({i/K} in "each" lines counts K
+//                                                  at a time); over UDP an answer of more
+//                                                  than 512 bytes is an empty one with TC
 //
 //   expect send T1..T2 [oneshot|dns|tcp] [iface NAME] [v4|v6] [to SERVER] [tc] [qu]
 //     q NAME TYPE                                  exactly these questions; and at least
