@@ -131,6 +131,7 @@ void cache_reset(CacheStore& core) {
   }
   std::memset(core.senders, 0, sizeof core.senders);
   std::memset(core.sender_buckets, 0, sizeof core.sender_buckets);
+  core.packet_sender = 0;
   core.sender_free = 0;
   core.sender_top = 0;
   for (int i = kMaxSenders - 1; i > 0; --i) {
@@ -311,7 +312,7 @@ SenderSlot sender_slot(CacheStore& core, const mDNSAddr& address) {
 
 void sender_release_if_unused(CacheStore& core, SenderSlot slot) {
   Sender& s = core.senders[slot];
-  if (slot == 0 || s.cached != 0 || s.answers != 0) {
+  if (slot == 0 || slot == core.packet_sender || s.cached != 0 || s.answers != 0) {
     return;
   }
   for (SenderSlot* link = &core.sender_buckets[address_bucket(s.address)]; *link != 0;

@@ -109,6 +109,9 @@ struct CacheStore : PassState {
   // packet_next), delivered once it is all stored: however many it holds.
   uint32_t packet_head;
   uint32_t packet_tail;
+  // The sender of the packet being stored: its slot stays taken even when the
+  // entries it held all leave meanwhile, as the packet's records will name it.
+  SenderSlot packet_sender;
   Sender senders[kMaxSenders];
   SenderSlot sender_buckets[kSenderBuckets];
   SenderSlot sender_free;

@@ -129,11 +129,12 @@ void view_of(const ParsedRecord& rec, DetachedRecord& out) {
 // One PTR of a unicast answer reaches one browse: renewed when reported
 // already, otherwise remembered and reported.  False when the callback
 // stopped the browse or the core.
-bool unicast_ptr_to_browse(mDNS* m, DNSQuestion* browse, const ParsedRecord& rec, uint8_t sender,
+bool unicast_ptr_to_browse(mDNS* m, DNSQuestion* browse, const ParsedRecord& rec, SenderSlot sender,
                            uint32_t seq) {
   CoreState& core = core_of(m);
   domainlabel instance;
-  if (!split_first_label(rec.rdata.u.name, browse->qname, instance)) {
+  bool udp = false;
+  if (!browse_instance_of(rec.rdata.u.name, browse->qname, instance, udp)) {
     return true;
   }
   const uint32_t hash = name_hash(rec.rdata.u.name);
@@ -159,6 +160,7 @@ bool unicast_ptr_to_browse(mDNS* m, DNSQuestion* browse, const ParsedRecord& rec
     return true;
   }
   core.answers[index].seen = seq;
+  core.answers[index].under_udp = udp ? 1 : 0;
   state_of(browse).current_answers++;
   DetachedRecord added;
   view_of(rec, added);
@@ -181,7 +183,7 @@ void forget_unlisted(mDNS* m, DNSQuestion* browse, uint32_t seq) {
   }
 }
 
-void unicast_answer_to_browse(mDNS* m, DNSQuestion* browse, const MessageParser& answer, uint8_t sender,
+void unicast_answer_to_browse(mDNS* m, DNSQuestion* browse, const MessageParser& answer, SenderSlot sender,
                               uint32_t seq) {
   MessageParser parser = answer;
   ParsedRecord rec;
@@ -336,7 +338,7 @@ void goodbye_for_uncached(mDNS* m, const ResourceRecord& goodbye) {
   }
 }
 
-void unicast_browse_answer(mDNS* m, DNSQuestion* leader, const MessageParser& answer, uint8_t sender,
+void unicast_browse_answer(mDNS* m, DNSQuestion* leader, const MessageParser& answer, SenderSlot sender,
                            uint32_t seq) {
   QuestionWalk walk(m, state_of(leader).name_hash);
   while (DNSQuestion* q = walk.next()) {

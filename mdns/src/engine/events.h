@@ -33,7 +33,7 @@ void goodbye_for_uncached(mDNS* m, const ResourceRecord& goodbye);
 // records are the whole list, which the browses' memory of reported
 // instances keeps rather than the cache (one PTR set may be larger than the
 // cache): new instances are added, those it no longer lists removed.
-void unicast_browse_answer(mDNS* m, DNSQuestion* leader, const MessageParser& answer, uint8_t sender,
+void unicast_browse_answer(mDNS* m, DNSQuestion* leader, const MessageParser& answer, SenderSlot sender,
                            uint32_t seq);
 
 // The first delivery of a new question: what the cache holds.

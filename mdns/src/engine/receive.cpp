@@ -188,6 +188,7 @@ void store_link_records(mDNS* m, MessageParser& parser, const Arrival& arrival) 
   origin.interface_id = arrival.interface_id;
   origin.source = arrival.transport == Transport::kOneShot ? Source::kOneShot : Source::kMulticast;
   origin.sender = sender_slot(core, arrival.source);
+  core.packet_sender = origin.sender;
   device_heard(m, origin.sender, arrival.interface_id);
   static_assert(sizeof(ParsedRecord) < 2048, "parsed record lives on the stack");
   ParsedRecord rec;
@@ -201,6 +202,7 @@ void store_link_records(mDNS* m, MessageParser& parser, const Arrival& arrival) 
     }
     store_record(m, rec, origin);
   }
+  core.packet_sender = 0;
   sender_release_if_unused(core, origin.sender);
 }
 
@@ -298,6 +300,7 @@ void engine_take_dns_answer(mDNS* m, DNSQuestion* leader, const MessageParser& a
   CoreState& core = core_of(m);
   const uint32_t seq = ++core.packet_seq;
   RecordOrigin origin{mDNSInterface_Any, Source::kUnicastDns, sender_slot(core, server.address)};
+  core.packet_sender = origin.sender;
   // A browse's PTR answers are its list, kept by the browses (see
   // unicast_browse_answer); the rest (SRV, TXT and addresses a server adds)
   // is cached, before any event, for the resolves the events start.
@@ -320,6 +323,7 @@ void engine_take_dns_answer(mDNS* m, DNSQuestion* leader, const MessageParser& a
   if (browses && core.initialized && question_active(m, leader)) {
     unicast_browse_answer(m, leader, answer, origin.sender, seq);
   }
+  core.packet_sender = 0;
   if (core.initialized) {
     sender_release_if_unused(core, origin.sender);
   }
