@@ -290,6 +290,15 @@ CacheRecord* cache_entry(CacheStore& core, uint32_t index) {
   return rr->in_use ? rr : nullptr;
 }
 
+SenderSlot sender_find(const CacheStore& core, const mDNSAddr& address) {
+  for (SenderSlot i = core.sender_buckets[address_bucket(address)]; i != 0; i = core.senders[i].next) {
+    if (addresses_equal(core.senders[i].address, address)) {
+      return i;
+    }
+  }
+  return 0;
+}
+
 SenderSlot sender_slot(CacheStore& core, const mDNSAddr& address) {
   SenderSlot& head = core.sender_buckets[address_bucket(address)];
   for (SenderSlot i = head; i != 0; i = core.senders[i].next) {

@@ -63,6 +63,8 @@ CacheRecord* cache_entry(CacheStore& core, uint32_t index);  // null when unused
 // everybody once the table is full).
 SenderSlot sender_slot(CacheStore& core, const mDNSAddr& address);
 void sender_release_if_unused(CacheStore& core, SenderSlot slot);
+// The address's slot, 0 when the table has none.
+SenderSlot sender_find(const CacheStore& core, const mDNSAddr& address);
 // The slots in use all lie below this one (the free list hands out the lowest
 // first after a reset).
 inline int senders_end(const CacheStore& core) {

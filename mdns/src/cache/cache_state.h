@@ -88,6 +88,7 @@ struct Sender {
   uint8_t probes_unanswered;
   uint8_t check_wanted;  // goodbyes wait for a probe
   uint8_t watched;       // holds records that questions ask for
+  SenderSlot twin;       // the same host's address of the other family, as its records tell
   SenderSlot next;       // in its hash bucket, or in the free list
 };
 

@@ -36,6 +36,52 @@ int probe_rank(uint16_t type) {
   }
 }
 
+// The address an A or AAAA record gives; none for other types.
+mDNSAddr address_of(const CacheRecord& rr) {
+  mDNSAddr a{};
+  if (rr.resrec.rrtype == kDNSType_A) {
+    a.type = mDNSAddrType_IPv4;
+    a.ip.v4 = rr.resrec.rdata->u.ipv4;
+  } else if (rr.resrec.rrtype == kDNSType_AAAA) {
+    a.type = mDNSAddrType_IPv6;
+    a.ip.v6 = rr.resrec.rdata->u.ipv6;
+  }
+  return a;
+}
+
+// A host that answers from an IPv4 and an IPv6 address is two senders; its
+// address records tie them, so that one answered probe speaks for both.
+void note_twins(CoreState& core, const CacheRecord& rr) {
+  const mDNSAddr mine = address_of(rr);
+  const SenderSlot a = mine.type == mDNSAddrType_None ? 0 : sender_find(core, mine);
+  if (a == 0) {
+    return;
+  }
+  for (CacheRecord* other = cache_first(core, rr.resrec.namehash); other != nullptr;
+       other = cache_next(core, other)) {
+    const mDNSAddr theirs = address_of(*other);
+    if (theirs.type == mDNSAddrType_None || theirs.type == mine.type || !link_record(*other) ||
+        other->resrec.InterfaceID != rr.resrec.InterfaceID ||
+        !names_equal(*other->resrec.name, *rr.resrec.name)) {
+      continue;
+    }
+    const SenderSlot b = sender_find(core, theirs);
+    if (b != 0) {
+      core.senders[a].twin = b;
+      core.senders[b].twin = a;
+    }
+  }
+}
+
+// When the device was last heard, from either of its addresses.
+int32_t last_heard(const CoreState& core, const Sender& s) {
+  if (s.twin == 0) {
+    return s.heard;
+  }
+  const int32_t twin = core.senders[s.twin].heard;
+  return time_diff(twin, s.heard) > 0 ? twin : s.heard;
+}
+
 int32_t probe_interval(const CoreState& core) {
   return std::max<int32_t>(kMinProbeIntervalMs, core.devices_watched * 1000 / kDevicesPerSecond);
 }
@@ -55,6 +101,7 @@ void survey(mDNS* m) {
   for (int s = 0; s < senders_end(core); ++s) {
     core.senders[s].watched = 0;
     core.senders[s].probe_record = 0;
+    core.senders[s].twin = 0;
     rank[s] = 99;
   }
   for (uint32_t i = 0; i < core.cache_size; ++i) {
@@ -62,6 +109,7 @@ void survey(mDNS* m) {
     if (rr == nullptr || !link_record(*rr) || rr->expiring || core.senders[rr->sender].interface_slot == 0) {
       continue;
     }
+    note_twins(core, *rr);
     Sender& s = core.senders[rr->sender];
     if (importance_of(m, rr) != kIdle) {
       s.watched = 1;
@@ -177,8 +225,9 @@ bool settle_unanswered(mDNS* m) {
     if (s.probes_unanswered == 0 || !time_reached(time_add(s.probe_sent, kProbeWaitMs), core.now)) {
       continue;
     }
-    if (!s.watched) {
-      s.probes_unanswered = 0;  // nothing of it is asked for any more
+    if (!s.watched || time_diff(last_heard(core, s), s.probe_sent) > 0) {
+      s.probes_unanswered = 0;  // nothing of it is asked for any more, or its twin answered
+      s.heard = last_heard(core, s);
     } else if (s.probes_unanswered == 1) {
       if (send_liveness_probe(m, static_cast<SenderSlot>(i)) == Probed::kNothingToAsk) {
         s.probes_unanswered = 0;  // what it was asked for has gone meanwhile
@@ -203,8 +252,9 @@ int due_device(const CoreState& core) {
   int due = 0;
   for (int i = 1; i < senders_end(core); ++i) {
     const Sender& s = core.senders[i];
-    if (s.watched && s.probes_unanswered == 0 && time_reached(time_add(s.heard, interval), core.now) &&
-        (due == 0 || time_diff(s.heard, core.senders[due].heard) < 0)) {
+    if (s.watched && s.probes_unanswered == 0 &&
+        time_reached(time_add(last_heard(core, s), interval), core.now) &&
+        (due == 0 || time_diff(last_heard(core, s), last_heard(core, core.senders[due])) < 0)) {
       due = i;
     }
   }
@@ -270,7 +320,7 @@ void devices_run(mDNS* m) {
     } else if (s.probes_unanswered > 0) {
       when = time_add(s.probe_sent, kProbeWaitMs);
     } else if (s.watched) {
-      when = time_add(s.heard, interval);
+      when = time_add(last_heard(core, s), interval);
     }
     next = time_min(next, when);
   }

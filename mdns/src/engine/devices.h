@@ -2,8 +2,10 @@
 // goodbyes that a device did not send.
 //
 // A device is a host of the link whose records are cached (a slot of the
-// sender table).  Whatever is accepted from it shows that it is there, so a
-// busy device costs nothing.  While its records answer questions that ask, a
+// sender table; a host whose IPv4 and IPv6 addresses both brought records is
+// two, tied by its address records so that either one heard counts for both).
+// Whatever is accepted from it shows that it is there, so a busy device costs
+// nothing.  While its records answer questions that ask, a
 // device not heard for a while gets a probe: a one-shot to its own address
 // and port 5353 (RFC 6762 sections 5.1, 5.5 and 6.7) for one of the records
 // it holds, an address or SRV before anything bigger, which a live device
