@@ -64,7 +64,7 @@ attack_seconds=${SECONDS_PER_ATTACK:-30}
 attacks=${ATTACKS:-none malformed ptr-burst ptr-stream ptr-stream:first filter-names filter-full goodbye cache-flush \
   ttl1-storm announce-withdraw announce-withdraw:move unique-flood foreign-domain resolv-empty resolv-empty:no-refresh}
 extras=${EXTRAS-many200 many2000 iface destroy}
-build=${BUILD:-$root/build/bench}
+build=${BUILD:-$root/build/release-bench}
 vlan=(bash "$root/scripts/vlan.sh")
 type=_sorvattack._tcp
 py=/usr/bin/python3

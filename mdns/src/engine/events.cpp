@@ -342,7 +342,9 @@ void unicast_browse_answer(mDNS* m, DNSQuestion* leader, const MessageParser& an
                            uint32_t seq) {
   QuestionWalk walk(m, state_of(leader).name_hash);
   while (DNSQuestion* q = walk.next()) {
-    if (state_of(q).delivered && leader_of(q) == leader) {
+    // Records of unicast DNS carry no interface: a browse bound to one is
+    // not answered by them, as none of its questions are.
+    if (state_of(q).delivered && leader_of(q) == leader && q->InterfaceID == mDNSInterface_Any) {
       unicast_answer_to_browse(m, q, answer, sender, seq);
       if (!core_alive(m)) {
         return;
