@@ -40,7 +40,6 @@ enum : int {
 };
 
 int handle_option(int option, const char* value, SearchOptions* options, bool* help) {
-  long seconds = 0;
   switch (option) {
     case kHelp:
       *help = true;
@@ -57,17 +56,9 @@ int handle_option(int option, const char* value, SearchOptions* options, bool* h
       options->domain = value;
       break;
     case kTimeout:
-      if (!parse_bounded_number(value, 10, 86400, &seconds)) {
-        return usage_error("search", "--timeout takes whole seconds from 0 (no limit) to 86400, not '" +
-                                         escape_text(value) + "'");
-      }
-      options->timeout_seconds = static_cast<int>(seconds);
-      break;
+      return read_watch_timeout("search", value, &options->timeout_seconds);
     case kInterface:
-      if (*value == '\0')
-        return usage_error("search", "--interface needs the name of an interface, e.g. eth0");
-      options->interface_name = value;
-      break;
+      return read_interface_name("search", value, &options->interface_name);
     case kSubtype:
       options->subtype = value;
       break;

@@ -135,3 +135,20 @@ int choose_interface(const char* command, const std::string& interface_name, std
     *zone = usable[0];
   return 0;
 }
+
+int read_watch_timeout(const char* command, const char* value, int* seconds) {
+  long parsed = 0;
+  if (!parse_bounded_number(value, 10, 86400, &parsed)) {
+    return usage_error(command, "--timeout takes whole seconds from 0 (no limit) to 86400, not '" +
+                                    escape_text(value) + "'");
+  }
+  *seconds = static_cast<int>(parsed);
+  return 0;
+}
+
+int read_interface_name(const char* command, const char* value, std::string* name) {
+  if (*value == '\0')
+    return usage_error(command, "--interface needs the name of an interface, e.g. eth0");
+  *name = value;
+  return 0;
+}

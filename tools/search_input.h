@@ -17,5 +17,11 @@ std::string host_problem(const std::string& host);
 // or the exit status 2 after saying why mDNS cannot run here.
 int choose_interface(const char* command, const std::string& interface_name, std::string* zone);
 
+// --timeout of a command that watches the link: whole seconds up to a day,
+// 0 for no limit.  0, or the exit status 2 after saying what is wrong.
+int read_watch_timeout(const char* command, const char* value, int* seconds);
+// --interface: a name, not an empty text.  0, or the exit status 2.
+int read_interface_name(const char* command, const char* value, std::string* name);
+
 // The words of --names, each without blanks around it; empty words are dropped.
 std::vector<std::string> filter_words(const std::string& text);

@@ -28,7 +28,6 @@ struct TypeEvent {
 enum : int { kHelp = 'h', kJson = 'j', kDomain = 'd', kTimeout = 't', kInterface = 'i' };
 
 int handle_option(int option, const char* value, TypesOptions* options, bool* help) {
-  long seconds = 0;
   switch (option) {
     case kHelp:
       *help = true;
@@ -40,17 +39,9 @@ int handle_option(int option, const char* value, TypesOptions* options, bool* he
       options->domain = value;
       break;
     case kTimeout:
-      if (!parse_bounded_number(value, 10, 86400, &seconds)) {
-        return usage_error("types", "--timeout takes whole seconds from 0 (no limit) to 86400, not '" +
-                                        escape_text(value) + "'");
-      }
-      options->timeout_seconds = static_cast<int>(seconds);
-      break;
+      return read_watch_timeout("types", value, &options->timeout_seconds);
     case kInterface:
-      if (*value == '\0')
-        return usage_error("types", "--interface needs the name of an interface, e.g. eth0");
-      options->interface_name = value;
-      break;
+      return read_interface_name("types", value, &options->interface_name);
   }
   return 0;
 }

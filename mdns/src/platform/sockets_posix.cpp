@@ -301,6 +301,22 @@ bool send_to_group(int fd, int family, uint32_t ifindex, const uint8_t* message,
   return sent == static_cast<ssize_t>(length);
 }
 
+namespace {
+
+// The one control message that names the interface to send out of.
+template <typename Info>
+void set_send_interface(msghdr& msg, uint8_t* control, int level, int type, const Info& info) {
+  msg.msg_control = control;
+  msg.msg_controllen = CMSG_SPACE(sizeof(Info));
+  cmsghdr* c = CMSG_FIRSTHDR(&msg);
+  c->cmsg_level = level;
+  c->cmsg_type = type;
+  c->cmsg_len = CMSG_LEN(sizeof(Info));
+  std::memcpy(CMSG_DATA(c), &info, sizeof info);
+}
+
+}  // namespace
+
 // Out of the given interface whatever the routes say: a device's address may
 // be link-local, and the probe must reach it on the link it was heard on.
 bool send_to_host(int fd, uint32_t ifindex, const mDNSAddr& to, const uint8_t* message, size_t length) {
@@ -320,15 +336,9 @@ bool send_to_host(int fd, uint32_t ifindex, const mDNSAddr& to, const uint8_t* m
     std::memcpy(&v4.sin_addr, to.ip.v4.b, 4);
     msg.msg_name = &v4;
     msg.msg_namelen = sizeof v4;
-    msg.msg_control = control;
-    msg.msg_controllen = CMSG_SPACE(sizeof(in_pktinfo));
-    cmsghdr* c = CMSG_FIRSTHDR(&msg);
-    c->cmsg_level = IPPROTO_IP;
-    c->cmsg_type = IP_PKTINFO;
-    c->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
     in_pktinfo info{};
     info.ipi_ifindex = static_cast<int>(ifindex);
-    std::memcpy(CMSG_DATA(c), &info, sizeof info);
+    set_send_interface(msg, control, IPPROTO_IP, IP_PKTINFO, info);
   } else if (to.type == mDNSAddrType_IPv6) {
     v6.sin6_family = AF_INET6;
     v6.sin6_port = htons(kMdnsPort);
@@ -336,15 +346,9 @@ bool send_to_host(int fd, uint32_t ifindex, const mDNSAddr& to, const uint8_t* m
     std::memcpy(&v6.sin6_addr, to.ip.v6.b, 16);
     msg.msg_name = &v6;
     msg.msg_namelen = sizeof v6;
-    msg.msg_control = control;
-    msg.msg_controllen = CMSG_SPACE(sizeof(in6_pktinfo));
-    cmsghdr* c = CMSG_FIRSTHDR(&msg);
-    c->cmsg_level = IPPROTO_IPV6;
-    c->cmsg_type = IPV6_PKTINFO;
-    c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
     in6_pktinfo info{};
     info.ipi6_ifindex = ifindex;
-    std::memcpy(CMSG_DATA(c), &info, sizeof info);
+    set_send_interface(msg, control, IPPROTO_IPV6, IPV6_PKTINFO, info);
   } else {
     return false;
   }
